@@ -1,0 +1,68 @@
+// OS adaptation layer: memory, tasks, System V semaphores, clock and sleep.
+// Every other module reaches the operating system only through here.
+#pragma once
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+void CFM_OS_Init();
+void *CFM_OS_Allocate_Memory(size_t size);
+void CFM_OS_Deallocate_Memory(void *ptr);
+
+using CfmTaskEntry = void *(*)(void *);
+// 1 on success, 0 on failure. Name, stack size and priority are not used.
+int CFM_OS_Create_Task(pthread_t *thread, const char *name, CfmTaskEntry entry, uint32_t stack_size,
+                       uint32_t priority);
+
+// A semaphore is the identifier of a System V set holding one semaphore.
+int CFM_OS_Create_Semaphore(const char *name, int max_count, int initial_count);
+void CFM_OS_Obtain_Semaphore(int sem_id);
+void CFM_OS_Release_Semaphore(int sem_id);
+void CFM_OS_Delete_Semaphore(int sem_id);
+
+// Removes every semaphore set this process created. Async-signal-safe: the
+// daemon calls it from its SIGTERM/SIGINT handler so restarts leak nothing.
+void CFM_OS_Remove_All_Semaphores();
+// Number of semaphore sets created and not yet removed (for tests).
+int CFM_OS_Semaphore_Count();
+
+void CFM_OS_Fatal_Error_Handler();
+
+// Units of CFM_OS_Get_SystemTime.
+constexpr int CFM_TIME_MSEC = 0;
+constexpr int CFM_TIME_HUNDREDTHS = 1;
+constexpr int CFM_TIME_TENTHS = 2;
+constexpr int CFM_TIME_SEC = 3;
+uint32_t CFM_OS_Get_SystemTime(int unit);
+void CFM_OS_Sleep(uint32_t milliseconds);
+
+// Clock seam: tests replace the wall clock (whole seconds since the epoch).
+using CfmClockSource = uint32_t (*)();
+void CFM_OS_Set_Clock_Source(CfmClockSource source);  // null restores time()
+
+// The MEP_SYC lock that serialises the receive task's engines with the tick.
+void CFM_Create_MEP_SYC_Sem();
+void CFM_Obtain_MEP_SYC_Sem();
+void CFM_Release_MEP_SYC_Sem();
+
+// RAII holder for MEP_SYC, for call sites with several exits.
+class MepSycLock {
+ public:
+  MepSycLock() { CFM_Obtain_MEP_SYC_Sem(); }
+  ~MepSycLock() { CFM_Release_MEP_SYC_Sem(); }
+  MepSycLock(const MepSycLock &) = delete;
+  MepSycLock &operator=(const MepSycLock &) = delete;
+};
+
+// RAII holder for a table semaphore.
+class SemLock {
+ public:
+  explicit SemLock(int sem_id) : id_(sem_id) { CFM_OS_Obtain_Semaphore(id_); }
+  ~SemLock() { CFM_OS_Release_Semaphore(id_); }
+  SemLock(const SemLock &) = delete;
+  SemLock &operator=(const SemLock &) = delete;
+
+ private:
+  int id_;
+};

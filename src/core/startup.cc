@@ -1,0 +1,300 @@
+#include "core/startup.h"
+
+#include <getopt.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cli/commands.h"
+#include "cli/server.h"
+#include "core/config_tree.h"
+#include "core/frame_type.h"
+#include "core/global.h"
+#include "core/os.h"
+#include "core/status.h"
+#include "core/timer.h"
+#include "db/md_ma.h"
+#include "db/mep_mip.h"
+#include "engines/ccm_rx.h"
+#include "engines/lb_initiator.h"
+#include "engines/lt_initiator.h"
+#include "io/rx.h"
+#include "io/tx.h"
+
+PvcMacTable g_pvc_mac_table = {0, nullptr};
+CfmExtraOptions g_cfm_extra_options = {};
+
+namespace {
+
+constexpr int kParseError = 0;
+constexpr int kParseGo = 1;
+constexpr int kParseWait = 2;
+
+// Removes the semaphore sets on the way out, then dies of the same signal so
+// the exit status still says what happened.
+void on_terminate(int sig) {
+  CFM_OS_Remove_All_Semaphores();
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+void install_signal_handlers() {
+  struct sigaction action = {};
+  action.sa_handler = on_terminate;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+  // A front end that closes its end early must never kill the daemon.
+  signal(SIGPIPE, SIG_IGN);
+}
+
+// Interface names go into a shell command line: accept only the characters
+// Linux interface names are made of in practice.
+bool is_safe_ifname(const char *name) {
+  for (const char *p = name; *p != '\0'; ++p) {
+    char c = *p;
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+              c == '-' || c == ':' || c == '@';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int cfm_check_config_enable_at(const char *path, int *status) {
+  FILE *file = fopen(path, "r");
+  if (file == nullptr) return 0;
+  char line[128] = {0};
+  bool got = fgets(line, sizeof line, file) != nullptr;
+  fclose(file);
+  if (!got || strncmp(line, "Enable", 6) != 0) return 0;
+  const char *eq = strchr(line, '=');
+  if (eq == nullptr) return 0;
+  int value = atoi(eq + 1);
+  if (status != nullptr) *status = value;
+  return (value == 0 || value == 1) ? 1 : 0;
+}
+
+int cfm_check_config_enable(int *status) { return cfm_check_config_enable_at(CFM_CONFIG_FILE, status); }
+
+int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
+  if (argc < 1 || argv == nullptr || ifname == nullptr || frame_type == nullptr) return kParseError;
+  bool debug = false;
+  bool wait = false;
+  bool named = false;
+  opterr = 0;
+  optind = 0;  // full re-initialisation, so the parser can run more than once
+  int opt;
+  while ((opt = getopt(argc, argv, "def:i:wt:")) != -1) {
+    switch (opt) {
+      case 'd':
+        debug = true;
+        break;
+      case 'e':
+        cfm_force_enable();
+        break;
+      case 'f':
+        *frame_type = pareFrameTypeStr(optarg);
+        break;
+      case 'i':
+        snprintf(ifname, IFNAMSIZ, "%s", optarg);
+        printf("CFM interface is %s\n", ifname);
+        named = true;
+        break;
+      case 'w':
+        wait = true;
+        break;
+      case 't':
+        snprintf(g_cfm_extra_options.tree_dir, sizeof g_cfm_extra_options.tree_dir, "%s", optarg);
+        break;
+      default:
+        break;  // unknown options are ignored
+    }
+  }
+  if (!named) {
+    puts("CFM need interface");
+    return kParseError;
+  }
+  if (debug) {
+    cli_usr_cfm_debug_on(stdout, nullptr, 0);
+  } else {
+    cli_usr_cfm_debug_off(stdout, nullptr, 0);
+  }
+  return wait ? kParseWait : kParseGo;
+}
+
+void cfm_wait_interface(const char *ifname) {
+  if (ifname == nullptr || ifname[0] == '\0') {
+    puts("Null ifName for wait.");
+    return;
+  }
+  for (;;) {
+    if (is_safe_ifname(ifname)) {
+      char command[IFNAMSIZ + 64];
+      snprintf(command, sizeof command, "ifconfig %s > %s 2>&1", ifname, CFM_IF_SCRATCH_FILE);
+      if (system(command) == -1) {
+        // Nothing to read this round; try again after the pause.
+      }
+      FILE *file = fopen(CFM_IF_SCRATCH_FILE, "r");
+      if (file != nullptr) {
+        char line[128] = {0};
+        bool got = fgets(line, sizeof line, file) != nullptr;
+        fclose(file);
+        if (got && strstr(line, "error") == nullptr) {
+          if (isCfmDebugOn()) printf("CFM endof waiting %s\n", ifname);
+          return;
+        }
+      }
+    }
+    sleep(3);
+  }
+}
+
+void cfm_clear_pvc_mac() {
+  CFM_OS_Deallocate_Memory(g_pvc_mac_table.macs);
+  g_pvc_mac_table = {0, nullptr};
+}
+
+// Parses a MAC line: up to six ':'-separated hex pieces; true only when
+// exactly six were converted.
+static bool parse_pvc_mac_line(char *line, uint8_t *mac) {
+  uint8_t parsed[6] = {0};
+  int pieces = 0;
+  char *save = nullptr;
+  for (char *tok = strtok_r(line, ":", &save); tok != nullptr && pieces < 6; tok = strtok_r(nullptr, ":", &save)) {
+    parsed[pieces++] = static_cast<uint8_t>(strtol(tok, nullptr, 16));
+  }
+  if (pieces != 6) return false;
+  memcpy(mac, parsed, 6);
+  return true;
+}
+
+int cfm_read_pvc_mac_at(const char *path) {
+  cfm_clear_pvc_mac();
+  FILE *file = fopen(path, "r");
+  if (file == nullptr) {
+    printf("Open %s fail\n", path);
+    return 0;
+  }
+  int count = 0;
+  bool have_count = false;
+  uint8_t *macs = nullptr;
+  int slot = 0;
+  char line[32];
+  while (fgets(line, sizeof line, file) != nullptr) {
+    if (line[0] == '\0' || line[0] == '\n') continue;
+    if (!have_count) {
+      have_count = true;
+      count = atoi(line);
+      if (count < 1) break;
+      macs = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(static_cast<size_t>(count) * 6));
+      if (macs == nullptr) {
+        count = -1;
+        break;
+      }
+      memset(macs, 0, static_cast<size_t>(count) * 6);
+      continue;
+    }
+    // Lines beyond the announced count are ignored.
+    if (slot < count) {
+      uint8_t mac[6];
+      if (parse_pvc_mac_line(line, mac)) memcpy(macs + slot * 6, mac, 6);
+    }
+    ++slot;
+  }
+  fclose(file);
+  if (count < 0) {
+    CFM_OS_Deallocate_Memory(macs);
+    return 0;
+  }
+  g_pvc_mac_table.count = count;
+  g_pvc_mac_table.macs = macs;
+  return 1;
+}
+
+int cfm_read_pvc_mac() { return cfm_read_pvc_mac_at(CFM_PVC_MAC_FILE); }
+
+int checkPvcMac(const uint8_t *mac) {
+  if (mac == nullptr) return 0;
+  if (g_pvc_mac_table.count == 0) return 1;
+  for (int i = 0; i < g_pvc_mac_table.count; ++i) {
+    if (memcmp(mac, g_pvc_mac_table.macs + i * 6, 6) == 0) {
+      if (isCfmDebugOn()) puts("match mac");
+      return 1;
+    }
+  }
+  if (isCfmDebugOn()) puts("not match mac");
+  return 0;
+}
+
+void CFM_Init() {
+  CFM_OS_Init();
+  CFM_MD_MA_Clear();
+  CFM_MEP_MIP_Init();
+  // MEP_SYC exists before the receive task starts, so the task never meets
+  // an uncreated lock.
+  CFM_Create_MEP_SYC_Sem();
+  if (CFM_Create_Rx_Task() != CFM_OK) {
+    printf("\r\nCreate CFM RX failed.");
+    fflush(stdout);
+    CFM_OS_Fatal_Error_Handler();
+  }
+  CFM_Timer_Init_Tmr();
+  cfm_ccm_Init();
+  CFM_LB_Init();
+  CFM_LT_Init();
+  cfm_cli_server_init();
+  for (;;) sleep(1000);
+}
+
+int cfm_main(int argc, char **argv) {
+  install_signal_handlers();
+  GlobalEntry entry = {0, 2, 1, 1};
+  CFM_IF_Set_Global_Entry(&entry);
+  int frame_type = CFM_FRAME_TYPE_UNKNOWN;
+
+  int config_status = 0;
+  if (cfm_check_config_enable(&config_status) == 0) {
+    puts("Check cfm state fail");
+  } else if (config_status == 0) {
+    puts("Cfm is disabled by cfg_manager");
+    fflush(stdout);
+    exit(0);
+  }
+
+  char ifname[IFNAMSIZ] = {0};
+  switch (cfm_parse_args(argc, argv, ifname, &frame_type)) {
+    case kParseError:
+      puts("cfm parse arg failed");
+      fflush(stdout);
+      return -1;
+    case kParseWait:
+      cfm_wait_interface(ifname);
+      break;
+    case kParseGo:
+      break;
+    default:
+      puts("cfm unknown parse state");
+      fflush(stdout);
+      return -1;
+  }
+
+  if (g_cfm_extra_options.tree_dir[0] != '\0' && !ConfigTree::attachDirectory(g_cfm_extra_options.tree_dir)) {
+    printf("CFM: configuration tree %s cannot be used\n", g_cfm_extra_options.tree_dir);
+  }
+
+  CFM_Get_Ifindex(ifname);
+  cfm_read_pvc_mac();
+  if (isUnknownFrameType(frame_type)) readFrameTypeFile(&frame_type);
+  if (isUnknownFrameType(frame_type)) {
+    setDefaultFrameType();
+  } else {
+    setFrameType(frame_type);
+  }
+  fflush(stdout);
+  CFM_Init();
+}

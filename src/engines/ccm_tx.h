@@ -1,0 +1,24 @@
+// CCM transmission: the interval table, the 108-byte CCM as sent, and the
+// per-tick entry point of the CCM timing work.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+#include "db/mep_mip.h"
+
+constexpr size_t CFM_CCM_FRAME_LEN = 108;
+
+// Period, loss time (3.5 periods) and the table's third value, in ms.
+void cfm_ccm_interval_lookup(uint8_t code, uint32_t *period, uint32_t *loss_time, uint32_t *third);
+
+// Builds the CCM of a MEP into frame (at least CFM_CCM_FRAME_LEN bytes),
+// incrementing mep->CcmSequenceNum. Returns the frame length.
+size_t cfm_ccm_build(MepEntry *mep, uint8_t *frame);
+// Builds and sends the CCM of one MEP per its direction.
+void cfm_ccm_send(MepEntry *mep);
+// One tick of CCM transmission over every MEP.
+void cfm_ccm_transmit_check();
+
+// Called by the timer task once per tick under MEP_SYC: transmission, the
+// time checks, the fault-alarm timer and remote-MEP ageing.
+uint32_t CFM_CCM_TIME_CHECK();

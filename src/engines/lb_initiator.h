@@ -1,0 +1,17 @@
+// Loopback initiator: runs the LBM transmissions started by configmep, one
+// LBM per tick, and counts the LBRs that answer them.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+struct CfmPacket;
+
+uint32_t CFM_LB_Init();
+void CFM_LBI_XMIT_Check();
+// Builds and sends one LBM; advances *trans_id on success.
+uint32_t cfm_send_lbm(const uint8_t *destination, uint32_t port, uint8_t priority, uint16_t vid,
+                      uint32_t *trans_id, uint8_t md_level, const char *data, size_t data_length);
+uint32_t CFM_LBR_Process(CfmPacket *packet);
+
+// Source MAC of LBMs (the system MAC copied at init).
+const uint8_t *cfm_lb_source_mac();

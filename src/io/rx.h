@@ -1,0 +1,44 @@
+// Receive task "CFM Process": reads the WAN, classifies each frame, relays
+// what is not for this router and hands the rest, untagged, to the engine of
+// its opcode under MEP_SYC.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+// One received frame as the engines get it.
+struct CfmPacket {
+  uint32_t priority;        // outer tag priority
+  uint32_t reserved1;
+  uint32_t vid;             // outer tag VID
+  uint32_t inner_priority;  // 0 for a single tag
+  uint32_t reserved2;
+  uint32_t inner_vid;       // 0xFFFFFFFF for a single tag
+  uint32_t from_wan;        // 1 for every frame read on the WAN
+  uint8_t *buffer;          // untagged copy; null when nothing is handed on
+  uint32_t length;
+  uint32_t reserved3[3];
+  void (*release)(void *);
+};
+
+constexpr uint32_t CFM_NO_INNER_VID = 0xFFFFFFFFu;
+
+void *cfm_rx_task(void *);
+uint32_t CFM_Create_Rx_Task();  // CFM_OK, or CFM_ERR_FAILURE if not created
+
+uint32_t rx_wan_packet(CfmPacket *packet);
+uint32_t rx_lan_packet(CfmPacket *packet);
+uint32_t CFM_Receive_Packet(CfmPacket *packet);
+
+// Classifies one frame as received on the WAN (tags in place) and, for a
+// frame to be processed here, fills the descriptor with its untagged copy.
+// Shared by rx_wan_packet and in-process tests. CFM_OK or CFM_ERR_FAILURE.
+uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *packet);
+
+// Hands a classified packet to the engine of its opcode under MEP_SYC if CFM
+// is enabled, then releases its buffer.
+void cfm_dispatch_packet(CfmPacket *packet);
+
+// Receive seam: while set, rx_wan_packet reads frames from this function
+// (same contract as cfm_wan_socket_read) instead of the WAN socket.
+using CfmRxSource = long (*)(uint8_t *buf, size_t cap);
+void cfm_set_rx_source(CfmRxSource source);

@@ -1,0 +1,39 @@
+// Transmission towards the WAN and the LAN, and the platform facts the
+// engines ask for (interface index, system MAC, port and interface status).
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+extern int _cfm_wan_sock_fd;
+extern int _cfm_lan_sock_fd;
+extern int _cfm_sock_fd;
+extern int _ifc_wan_index;
+extern int _ifc_lan_index;
+
+// Frames shorter than 64 bytes are padded with zeros; a tag with VID 0 is
+// removed and the wire length kept. The last three arguments are not used.
+uint32_t CFM_Send_Packet_To_WAN(const uint8_t *frame, uint32_t length, uint32_t priority, uint32_t arg4 = 0,
+                                uint32_t arg5 = 0);
+uint32_t CFM_Send_Packet_To_LAN(const uint8_t *frame, uint32_t length, uint32_t priority, uint32_t arg4 = 0,
+                                uint32_t arg5 = 0);
+uint32_t CFM_Send_Packet(const uint8_t *frame, uint32_t length, uint32_t priority, uint32_t arg4 = 0,
+                         uint32_t arg5 = 0);
+
+int CFM_Get_Ifindex(const char *ifname);
+int getIfcIndex();
+void CFM_Get_Wan_Lan_Ifindex(const char *wan_name, const char *lan_name);
+uint32_t CFM_Get_System_Mac(uint8_t *mac);
+uint8_t CFM_Get_Port_Status(uint32_t port);       // always 2 (psUp)
+uint8_t CFM_Get_Interface_Status(uint32_t port);  // always 1 (isUp)
+bool CFM_Is_Vlan_Port_Member(uint32_t vid, uint32_t port);
+bool CFM_Is_Vlan_Port_Member_Ex(uint32_t a, uint32_t b, uint32_t c);
+
+// Transmit seam: while a hook is set, every send hands the finished wire
+// frame (padded, VID-0 tag removed) to the hook instead of a socket, and the
+// hook's answer is the send result. Tests capture frames this way.
+enum class CfmTxSide { Wan, Lan, Generic };
+using CfmTxHook = std::function<bool(CfmTxSide side, const uint8_t *frame, size_t length)>;
+void cfm_set_tx_hook(CfmTxHook hook);  // an empty hook restores the sockets
+// Sets the system MAC directly (tests, and platforms without the ioctl).
+void cfm_set_system_mac(const uint8_t *mac);

@@ -1,0 +1,22 @@
+// The WAN raw socket as this kernel needs it. A socket bound to 0x8100 sees
+// nothing on a modern kernel (the outer tag is stripped before protocol
+// delivery), so the socket takes every protocol, asks for PACKET_AUXDATA and
+// puts the outer tag back from tp_vlan_tci/tp_vlan_tpid; frames the daemon
+// sent itself are skipped; the CFM group addresses 01:80:C2:00:00:30-3F are
+// joined so that NICs that filter multicast deliver them.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+// Opens, configures (non-blocking) and binds the socket; -1 on failure, with
+// `*failed_step` set to "open" or "bind".
+int cfm_wan_socket_open(int ifindex, const char **failed_step);
+
+// Reads one frame into buf (capacity cap). Returns its length with the outer
+// tag re-inserted (cut to cap), 0 when a frame was skipped (an own outgoing
+// frame), or -1 when nothing is queued or the read failed.
+long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap);
+
+// Blocks until the socket is readable or timeout_ms passes (-1: no limit).
+// True when readable.
+bool cfm_wan_socket_wait(int fd, int timeout_ms);

@@ -115,11 +115,12 @@ class EngineTest : public ::testing::Test {
 // Untagged Ethernet II CFM frame: addresses, EtherType, header, then body.
 inline Bytes cfm_frame(const uint8_t *dst, const uint8_t *src, uint8_t level, uint8_t opcode, uint8_t flags,
                        uint8_t first_tlv, const Bytes &body) {
-  Bytes f(dst, dst + 6);
-  f.insert(f.end(), src, src + 6);
-  Bytes head = {0x89, 0x02, static_cast<uint8_t>(level << 5), opcode, flags, first_tlv};
-  f.insert(f.end(), head.begin(), head.end());
-  f.insert(f.end(), body.begin(), body.end());
+  Bytes f(18 + body.size());
+  memcpy(f.data(), dst, 6);
+  memcpy(f.data() + 6, src, 6);
+  const uint8_t head[6] = {0x89, 0x02, static_cast<uint8_t>(level << 5), opcode, flags, first_tlv};
+  memcpy(f.data() + 12, head, 6);
+  if (!body.empty()) memcpy(f.data() + 18, body.data(), body.size());
   return f;
 }
 

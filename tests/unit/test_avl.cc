@@ -162,20 +162,6 @@ TEST_F(AvlTest, RandomChangesKeepStructureAndMatchReference) {
   }
 }
 
-TEST_F(AvlTest, AscendingAndDescendingRunsStayBalanced) {
-  std::map<int, Item *> ref;
-  for (int i = 0; i < 300; ++i) ref[i] = make(i), UTL_AVLT_Insert(t_, ref[i]);
-  check_table(t_, ref);
-  for (int i = 299; i >= 0; i -= 2) {
-    Item k{i, 0};
-    UTL_AVLT_Delete(t_, &k);
-    ref.erase(i);
-  }
-  check_table(t_, ref);
-  for (int i = 1000; i > 700; --i) ref[i] = make(i), UTL_AVLT_Insert(t_, ref[i]);
-  check_table(t_, ref);
-}
-
 TEST_F(AvlTest, FindCloseAndNextGreaterRules) {
   Item k{5, 0};
   EXPECT_EQ(UTL_AVLT_Find_Close(t_, &k), nullptr);

@@ -35,3 +35,9 @@ uint32_t CFM_DB_Get_TotalLtrEntries();
 // Update, making room on a full table by deleting the lowest-keyed entry and
 // trying again until it succeeds or nothing is left to delete.
 uint32_t CFM_DB_Update_LtrEntry_Make_Room(const LtrEntry *entry);
+
+// Used by cfm_mep_db_Init and cfm_mep_db_Reset: create the table (once), its
+// semaphore "cfmLtrDb" (once), and remove every entry.
+void cfm_ltr_db_Create();
+void cfm_ltr_db_Create_Semaphore();
+void cfm_ltr_db_Empty();

@@ -101,6 +101,9 @@ struct MipEntry {
 
 // Creates both tables and semaphores and marks them ready (once).
 void CFM_MEP_MIP_Init();
+// Empties both tables and clears the ready flag (tables and semaphores stay;
+// CFM_MEP_MIP_Init marks them ready again). For tests.
+void CFM_MEP_MIP_Reset();
 
 int CFM_Get_MEP_Entry(MepEntry *entry);
 int CFM_GetNext_MEP_Entry(MepEntry *entry);

@@ -37,3 +37,6 @@ uint32_t CFM_MEP_DB_Check_RemEntries_Age();
 
 // Shared ready flag of the two databases.
 bool cfm_mep_db_ready();
+// Empties the remote-MEP and LTR tables and clears the ready flag (tables and
+// semaphores stay; cfm_mep_db_Init marks them ready again). For tests.
+void cfm_mep_db_Reset();

@@ -129,3 +129,109 @@ struct CfmTlv {
 // outside the frame. On success `*next` is the offset after the TLV (after
 // the type byte alone for the End TLV).
 bool cfm_tlv_read(const uint8_t *frame, size_t len, size_t pos, CfmTlv *tlv, size_t *next);
+
+// Loopback and linktrace PDUs. Offsets named "k...Body..." count from the
+// first byte after the common header (the body offset of CfmOffsets for the
+// untagged frames the engines receive; kTaggedBody for the frames the
+// engines build themselves, always Ethernet II with one tag).
+namespace cfm {
+
+constexpr size_t kTaggedBody = wire::kSingleTagPayload + 2 + kCfmHeaderLen;  // 22
+static_assert(kTaggedBody == kEthOffsets.body + kTagLen);
+static_assert(k8023Offsets.body == kEthOffsets.body + wire::kLlcSnapLen);
+
+// Group address of a level: the base with the level added to the last byte.
+inline void cfm_group_address(const uint8_t *base, uint8_t level, uint8_t *out) {
+  for (size_t i = 0; i < kMacLen; ++i) out[i] = base[i];
+  out[kMacLen - 1] = static_cast<uint8_t>(base[kMacLen - 1] + (level & 7));
+}
+// LBMs use the same group addresses as CCMs, 01:80:C2:00:00:30 plus the level.
+constexpr const uint8_t *kLbmGroupBase = kCcmGroupBase;
+
+// LBM and LBR (identical bodies; the LBR is the LBM with opcode 2).
+namespace lb {
+constexpr size_t kBodyTransId = 0;
+constexpr size_t kBodyTlvs = 4;
+constexpr uint8_t kFirstTlvOffset = 4;  // as sent; at least this on reception
+static_assert(kBodyTlvs == kFirstTlvOffset);
+// The LBM as the initiator sends it (tagged offsets).
+constexpr size_t kTransId = kTaggedBody + kBodyTransId;  // 22
+constexpr size_t kSenderIdTlv = kTaggedBody + kBodyTlvs;  // 26
+constexpr size_t kSenderIdLen = 4;
+constexpr size_t kOrgTlv = kSenderIdTlv + kTlvHeaderLen + kSenderIdLen;  // 33
+constexpr size_t kOrgLen = 3;
+constexpr uint8_t kOrgValue[kOrgLen] = {0x0A, 0x00, 0x00};
+constexpr size_t kDataTlv = kOrgTlv + kTlvHeaderLen + kOrgLen;  // 39
+constexpr size_t kFrameLenNoData = kDataTlv + 1;                // End TLV only: 40
+static_assert(kTransId == 22 && kSenderIdTlv == 26 && kOrgTlv == 33 && kDataTlv == 39);
+static_assert(kFrameLenNoData == 40);
+inline constexpr size_t frame_len_with_data(size_t data_len) { return kDataTlv + kTlvHeaderLen + data_len + 1; }
+static_assert(frame_len_with_data(0) == 43);
+// TLV types an LBM may carry; anything else drops it.
+constexpr uint8_t kTlvType64 = 64;
+// LBR replies built from a received LBM.
+constexpr size_t kReplySingleTagOpcode = wire::kSingleTagOpcode;       // 19
+constexpr size_t kReplySingleTagOpcode8023 = wire::kSingleTagOpcode8023;  // 27
+constexpr size_t kReplyDoubleTagOpcode = wire::kDoubleTagOpcode;          // 23
+constexpr size_t kReplyDoubleTagRest = 24;  // LBM byte 16 onward lands here
+static_assert(kEthOffsets.opcode + kTagLen == kReplySingleTagOpcode);
+static_assert(k8023Offsets.opcode + kTagLen == kReplySingleTagOpcode8023);
+}  // namespace lb
+
+// LTM.
+namespace ltm {
+constexpr size_t kBodyTransId = 0;
+constexpr size_t kBodyTtl = 4;
+constexpr size_t kBodyOrigMac = 5;
+constexpr size_t kBodyTargetMac = 11;
+constexpr size_t kBodyTlvs = 17;
+constexpr uint8_t kFirstTlvOffset = 17;
+static_assert(kBodyTlvs == kFirstTlvOffset && kBodyTargetMac + kMacLen == kBodyTlvs);
+constexpr uint8_t kFlagUseFdbOnly = 0x80;
+constexpr size_t kEgressIdLen = 8;  // 2-byte VID, then a MAC
+// The LTM as the initiator sends it (tagged offsets).
+constexpr size_t kTransId = kTaggedBody + kBodyTransId;    // 22
+constexpr size_t kTtl = kTaggedBody + kBodyTtl;            // 26
+constexpr size_t kOrigMac = kTaggedBody + kBodyOrigMac;    // 27
+constexpr size_t kTargetMac = kTaggedBody + kBodyTargetMac;  // 33
+constexpr size_t kEgressTlv = kTaggedBody + kBodyTlvs;     // 39
+constexpr size_t kEgressId = kEgressTlv + kTlvHeaderLen;   // 42
+constexpr size_t kFrameLen = kEgressId + kEgressIdLen;     // 50, no End TLV
+static_assert(kTtl == 26 && kOrigMac == 27 && kTargetMac == 33 && kEgressTlv == 39);
+static_assert(kFrameLen == 50);
+}  // namespace ltm
+
+// LTR.
+namespace ltr {
+constexpr size_t kBodyTransId = 0;
+constexpr size_t kBodyReplyTtl = 4;
+constexpr size_t kBodyRelayAction = 5;
+constexpr size_t kBodyTlvs = 6;
+constexpr uint8_t kFirstTlvOffset = 6;
+static_assert(kBodyTlvs == kFirstTlvOffset);
+constexpr uint8_t kFlagUseFdbOnly = 0x80;
+constexpr uint8_t kFlagFwdYes = 0x40;
+constexpr uint8_t kFlagTerminalMep = 0x20;
+constexpr uint8_t kRelayHit = 1;
+constexpr uint8_t kRelayFdb = 2;
+constexpr uint8_t kRelayMpdb = 3;
+// LTR Egress Identifier TLV: last egress identifier, next egress identifier.
+constexpr size_t kEgressTlvLen = 2 * ltm::kEgressIdLen;  // 16
+// Reply Ingress / Reply Egress TLV: action, MAC, then optionally port-ID
+// length, port-ID subtype and port ID.
+constexpr size_t kReplyTlvAction = 0;
+constexpr size_t kReplyTlvMac = 1;
+constexpr size_t kReplyTlvMinLen = 1 + kMacLen;  // 7
+constexpr size_t kReplyTlvPortIdLen = kReplyTlvMinLen;
+constexpr size_t kReplyTlvPortId = kReplyTlvPortIdLen + 2;
+constexpr uint8_t kReplyActionOk = 1;
+// The LTR this router sends, counted from the body.
+constexpr size_t kBodyEgressTlv = kBodyTlvs;                                          // 6
+constexpr size_t kBodyIngressTlv = kBodyEgressTlv + kTlvHeaderLen + kEgressTlvLen;     // 25
+constexpr size_t kBodyEndTlv = kBodyIngressTlv + kTlvHeaderLen + kReplyTlvMinLen;      // 35
+constexpr size_t kBodyLen = kBodyEndTlv + 1;                                           // 36
+static_assert(kBodyIngressTlv == 25 && kBodyEndTlv == 35);
+static_assert(kEthOffsets.body + kBodyLen == 54);  // untagged Ethernet II LTR
+}  // namespace ltr
+
+}  // namespace cfm

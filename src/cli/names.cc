@@ -1,0 +1,28 @@
+#include "cli/names.h"
+
+const char *const cfm_cli_names[kNamesCount] = {
+    // status
+    "disabled", "enabled",
+    // up/down
+    "down", "up",
+    // MD name formats
+    "none", "dnslikename", "macaddressanduint", "charstring",
+    // MHF creation
+    "defmhfnone", "defmhfdefault", "defMHFexplicit", "defMHFdefer",
+    // sender-ID permission
+    "sendIdNone", "sendIdChassis", "sendIdManage", "sendIdChassisManage", "sendIdDefer",
+    // MA name formats
+    "primaryvid", "charstring", "unsignedint16", "rfc2865vpnid",
+    // CCM intervals from 1 s up
+    "10ms100ms1s", "10s", "1min", "10min",
+    // FDB use
+    "none", "usefdbonly",
+    // lowest alarm priority
+    "alldef", "macremerrxcon", "remerrxcon", "errxcon", "xcon", "noxcon",
+};
+
+const char *cfm_cli_name(int list, long index) {
+  long at = static_cast<long>(list) + index;
+  if (at < 0 || at >= kNamesCount) return "";
+  return cfm_cli_names[at];
+}

@@ -1,0 +1,25 @@
+// Name lists of the command handlers. All lists live in one array, one after
+// the other in a fixed order: the MA listing looks CCM intervals below 1 s up
+// in front of the interval list and so prints the MA-format names that stand
+// there ("unsignedint16" for 10 ms, "rfc2865vpnid" for 100 ms).
+#pragma once
+
+enum CfmNameList : int {
+  kNamesStatus = 0,          // "disabled", "enabled"
+  kNamesUpDown = 2,          // "down", "up"
+  kNamesMdFormat = 4,        // MD name formats 1..4
+  kNamesMhfCreation = 8,     // MHF creation 1..4
+  kNamesSenderId = 12,       // sender-ID permission 1..5
+  kNamesMaFormat = 17,       // MA name formats 1..4
+  kNamesCcmInterval = 21,    // CCM intervals 4..7
+  kNamesFdb = 25,            // "none", "usefdbonly"
+  kNamesAlarmPriority = 27,  // lowest alarm priority 1..6
+  kNamesCount = 33,
+};
+
+extern const char *const cfm_cli_names[kNamesCount];
+
+// Entry `index` of the list starting at `list`, counted from the list's
+// start but bounded only by the whole array, as the listings rely on; ""
+// outside the array.
+const char *cfm_cli_name(int list, long index);

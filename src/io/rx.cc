@@ -33,6 +33,7 @@ constexpr int kReportedIntervalUs = 100;
 // Upper bound on one wait, so a socket that stays in error cannot park the
 // task for good.
 constexpr int kWaitTimeoutMs = 1000;
+constexpr useconds_t kEmptyWakeupPauseUs = 1000;
 constexpr uint8_t kLanForwardLevel = 3;  // LAN frames at this level and above cross
 
 std::atomic<CfmRxSource> g_rx_source{nullptr};
@@ -365,8 +366,10 @@ void *cfm_rx_task(void *) {
   fflush(stdout);
   for (;;) {
     // Sleep in the kernel until a frame is queued, then take them all.
-    if (!cfm_wan_socket_wait(fd, kWaitTimeoutMs)) continue;
-    if (drain_wan() == 0) usleep(1000);  // readable but empty: do not spin on an error
+    // A read also clears a pending socket error; when nothing was read,
+    // pause briefly so an error that wakes every wait cannot make this spin.
+    cfm_wan_socket_wait(fd, kWaitTimeoutMs);
+    if (drain_wan() == 0) usleep(kEmptyWakeupPauseUs);
   }
   return nullptr;
 }

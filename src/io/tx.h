@@ -5,6 +5,10 @@
 #include <cstdint>
 #include <functional>
 
+// The WAN send socket belongs to this module: an AF_PACKET/SOCK_RAW socket
+// with no protocol (nothing queues on it), opened by CFM_Get_Ifindex at
+// start-up, or on the first WAN send. The receive task opens its own socket
+// with cfm_wan_socket_open (src/io/wan_socket.h) and never writes this one.
 extern int _cfm_wan_sock_fd;
 extern int _cfm_lan_sock_fd;
 extern int _cfm_sock_fd;
@@ -33,6 +37,9 @@ bool CFM_Is_Vlan_Port_Member_Ex(uint32_t a, uint32_t b, uint32_t c);
 // frame (padded, VID-0 tag removed) to the hook instead of a socket, and the
 // hook's answer is the send result. Tests capture frames this way.
 enum class CfmTxSide { Wan, Lan, Generic };
+// The hook may be set or cleared while other threads send; a send already
+// inside the old hook finishes with it. The hook itself must be thread-safe
+// if several tasks send at once.
 using CfmTxHook = std::function<bool(CfmTxSide side, const uint8_t *frame, size_t length)>;
 void cfm_set_tx_hook(CfmTxHook hook);  // an empty hook restores the sockets
 // Sets the system MAC directly (tests, and platforms without the ioctl).

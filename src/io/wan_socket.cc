@@ -1,0 +1,139 @@
+#include "io/wan_socket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "io/frame.h"
+
+namespace {
+
+// Largest frame taken from the kernel in one read; longer ones are cut.
+constexpr size_t kReadBuffer = 16384;
+
+void join_cfm_groups(int fd, int ifindex) {
+  for (uint8_t last = 0x30; last <= 0x3F; ++last) {
+    struct packet_mreq req;
+    memset(&req, 0, sizeof req);
+    req.mr_ifindex = ifindex;
+    req.mr_type = PACKET_MR_MULTICAST;
+    req.mr_alen = cfm::kMacLen;
+    memcpy(req.mr_address, cfm::kCcmGroupBase, cfm::kMacLen);
+    req.mr_address[cfm::kMacLen - 1] = last;
+    // Best effort: interfaces that cannot filter deliver the groups anyway.
+    setsockopt(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &req, sizeof req);
+  }
+}
+
+}  // namespace
+
+int cfm_wan_socket_open(int ifindex, const char **failed_step) {
+  const char *ignored = nullptr;
+  const char **step = failed_step != nullptr ? failed_step : &ignored;
+  int fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
+  if (fd < 0) {
+    *step = "open";
+    return -1;
+  }
+  int on = 1;
+  int flags = fcntl(fd, F_GETFL, 0);
+  bool configured = flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0 &&
+                    setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) == 0;
+  if (!configured) {
+    *step = "open";
+    close(fd);
+    return -1;
+  }
+  struct sockaddr_ll addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sll_family = AF_PACKET;
+  addr.sll_protocol = htons(ETH_P_ALL);
+  addr.sll_ifindex = ifindex;
+  if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) < 0) {
+    *step = "bind";
+    close(fd);
+    return -1;
+  }
+  join_cfm_groups(fd, ifindex);
+  return fd;
+}
+
+long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
+  if (buf == nullptr) return -1;
+  static thread_local uint8_t frame[kReadBuffer];
+  struct sockaddr_ll from;
+  memset(&from, 0, sizeof from);
+  struct iovec iov = {frame, sizeof frame};
+  union {
+    struct cmsghdr align;
+    char bytes[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+  } control;
+  struct msghdr msg;
+  memset(&msg, 0, sizeof msg);
+  msg.msg_name = &from;
+  msg.msg_namelen = sizeof from;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control.bytes;
+  msg.msg_controllen = sizeof control.bytes;
+
+  ssize_t got = recvmsg(fd, &msg, MSG_TRUNC);
+  if (got < 0) return -1;
+  if (from.sll_pkttype == PACKET_OUTGOING) return 0;
+  size_t length = static_cast<size_t>(got) < sizeof frame ? static_cast<size_t>(got) : sizeof frame;
+
+  // The kernel takes the outer tag off before delivery and reports it in
+  // the auxiliary data: put it back so the frame is as it was on the wire.
+  bool tagged = false;
+  uint16_t tci = 0;
+  uint16_t tpid = cfm::kTpid8021Q;
+  for (struct cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+    if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA ||
+        c->cmsg_len < CMSG_LEN(sizeof(struct tpacket_auxdata))) {
+      continue;
+    }
+    struct tpacket_auxdata aux;
+    memcpy(&aux, CMSG_DATA(c), sizeof aux);
+    if ((aux.tp_status & TP_STATUS_VLAN_VALID) != 0) {
+      tagged = true;
+      tci = aux.tp_vlan_tci;
+      if (aux.tp_vlan_tpid != 0) tpid = aux.tp_vlan_tpid;
+    }
+  }
+
+  size_t out = 0;
+  auto put = [&](const uint8_t *src, size_t n) {
+    size_t room = cap - out;
+    size_t take = n < room ? n : room;
+    if (take != 0) memcpy(buf + out, src, take);
+    out += take;
+  };
+  if (tagged && length >= cfm::wire::kTpid) {
+    uint8_t tag[cfm::kTagLen];
+    cfm::put_be16(tag, tpid);
+    cfm::put_be16(tag + 2, tci);
+    put(frame, cfm::wire::kTpid);
+    put(tag, sizeof tag);
+    put(frame + cfm::wire::kTpid, length - cfm::wire::kTpid);
+  } else {
+    put(frame, length);
+  }
+  return static_cast<long>(out);
+}
+
+bool cfm_wan_socket_wait(int fd, int timeout_ms) {
+  struct pollfd p = {fd, POLLIN, 0};
+  for (;;) {
+    int r = poll(&p, 1, timeout_ms);
+    if (r > 0) return (p.revents & POLLIN) != 0;
+    if (r == 0) return false;
+    if (errno != EINTR) return false;
+  }
+}

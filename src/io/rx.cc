@@ -34,6 +34,7 @@ constexpr int kReportedIntervalUs = 100;
 // task for good.
 constexpr int kWaitTimeoutMs = 1000;
 constexpr useconds_t kEmptyWakeupPauseUs = 1000;
+constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 constexpr uint8_t kLanForwardLevel = 3;  // LAN frames at this level and above cross
 
 std::atomic<CfmRxSource> g_rx_source{nullptr};
@@ -196,6 +197,15 @@ size_t drain_wan() {
     ++frames;
     debug_dump_packet(packet);
     if (result == CFM_OK) cfm_dispatch_packet(&packet);
+  }
+}
+
+// A burst of several thousand frames must wait in the kernel, not be lost,
+// while the task works through it; the default queue holds a few hundred.
+void reserve_receive_queue(int fd) {
+  int bytes = kReceiveQueueBytes;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
   }
 }
 
@@ -362,6 +372,7 @@ void *cfm_rx_task(void *) {
     return nullptr;
   }
   _cfm_wan_sock_fd = fd;
+  reserve_receive_queue(fd);
   printf("CFM:CFMInterval = %d\n", kReportedIntervalUs);
   fflush(stdout);
   for (;;) {

@@ -28,6 +28,12 @@ class Cli : public Lab {
  protected:
   // The command socket is all these tests need.
   bool Start(const std::vector<std::string> &args = DefaultArgs()) { return StartDaemon(args) && WaitCommandSocket(); }
+  void TearDown() override {
+    // A sanitizer build reports memory and undefined-behaviour faults here.
+    EXPECT_EQ(Errors().find("Sanitizer"), std::string::npos) << Errors();
+    EXPECT_EQ(Errors().find("runtime error"), std::string::npos) << Errors();
+    Lab::TearDown();
+  }
   std::vector<std::string> MepWords(const std::string &command, const std::string &direction,
                                     const std::vector<std::string> &options = {}) {
     std::vector<std::string> words = {command};

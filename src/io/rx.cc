@@ -1,4 +1,392 @@
-// Placeholder: replaced by the receive task.
-#include "core/status.h"
 #include "io/rx.h"
-uint32_t CFM_Create_Rx_Task() { return CFM_OK; }
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "core/frame_type.h"
+#include "core/global.h"
+#include "core/os.h"
+#include "core/startup.h"
+#include "core/status.h"
+#include "db/md_ma.h"
+#include "db/mep_mip.h"
+#include "engines/ccm_rx.h"
+#include "engines/lb_initiator.h"
+#include "engines/lb_responder.h"
+#include "engines/lt_receiver.h"
+#include "io/frame.h"
+#include "io/tx.h"
+#include "io/wan_socket.h"
+
+using namespace cfm;
+
+namespace {
+
+constexpr uint32_t kTaskStackSize = 8192;
+constexpr uint32_t kTaskPriority = 60;
+// Reported as the poll period; the task waits for the socket instead.
+constexpr int kReportedIntervalUs = 100;
+// Upper bound on one wait, so a socket that stays in error cannot park the
+// task for good.
+constexpr int kWaitTimeoutMs = 1000;
+constexpr useconds_t kEmptyWakeupPauseUs = 1000;
+constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
+constexpr uint8_t kLanForwardLevel = 3;  // LAN frames at this level and above cross
+
+std::atomic<CfmRxSource> g_rx_source{nullptr};
+
+enum class Verdict { NotCfm, Local, ForwardToLan };
+
+// Offsets in the untagged copy where the opcode is read.
+constexpr size_t kUntaggedOpcodeEth = 15;
+constexpr size_t kUntaggedOpcode8023 = 23;
+
+void dump_bytes(const uint8_t *bytes, size_t length, const char *format) {
+  for (size_t i = 0; i < length; ++i) {
+    if (i % 16 == 0) printf("\n");
+    printf(format, bytes[i]);
+  }
+}
+
+void debug_text(const char *text) {
+  if (!isCfmDebugOn()) return;
+  printf("%s", text);
+  fflush(stdout);
+}
+
+void clear_payload(CfmPacket *packet) {
+  packet->buffer = nullptr;
+  packet->length = 0;
+}
+
+bool has(size_t length, size_t offset, size_t size) { return offset + size <= length; }
+
+bool is_ether_type_at(const uint8_t *frame, size_t length, size_t offset) {
+  return has(length, offset, 2) && cfm_is_cfm_ethertype(frame[offset], frame[offset + 1]);
+}
+
+// A double-tagged LBM is for this router when some MD's first MEP (the next
+// MEP after the MD's index alone) has the outer VID.
+bool double_tagged_lbm_is_local(uint16_t outer_vid) {
+  MdEntry md;
+  memset(&md, 0, sizeof md);
+  while (CFM_GetNext_MD_Entry(&md) == 1) {
+    MepEntry mep;
+    memset(&mep, 0, sizeof mep);
+    mep.md_id = md.MdIndex;
+    if (CFM_GetNext_MEP_Entry(&mep) == 1 && mep.vid == outer_vid) return true;
+  }
+  return false;
+}
+
+Verdict classify(const uint8_t *frame, size_t length, bool *double_tag) {
+  *double_tag = false;
+  if (!has(length, wire::kTpid, 2) || !cfm_is_vlan_tpid(frame[wire::kTpid], frame[wire::kTpid + 1])) {
+    return Verdict::NotCfm;
+  }
+  bool is8023 = is8023Frame();
+  size_t single_type = is8023 ? wire::kSingleTagEtherType8023 : wire::kSingleTagEtherType;
+  size_t single_opcode = is8023 ? wire::kSingleTagOpcode8023 : wire::kSingleTagOpcode;
+  size_t double_type = is8023 ? wire::kDoubleTagEtherType8023 : wire::kDoubleTagEtherType;
+  // A frame must hold its tags, EtherType and common header to be looked at.
+  if (is_ether_type_at(frame, length, single_type)) {
+    if (!has(length, single_type + 2, kCfmHeaderLen)) return Verdict::NotCfm;
+    if (isCfmDebugOn()) printf("CFM: Receive a CFM packet with opcode=%d from WAN\n", frame[single_opcode]);
+    return Verdict::Local;
+  }
+  if (!is_ether_type_at(frame, length, double_type) || !has(length, double_type + 2, kCfmHeaderLen)) {
+    return Verdict::NotCfm;
+  }
+  *double_tag = true;
+  uint8_t opcode = frame[wire::kDoubleTagOpcode];
+  if (isCfmDebugOn()) printf("CFM: Receive a double vlan CFM packet with opcode=%d from WAN\n", opcode);
+  if (opcode == kOpLbm) {
+    return double_tagged_lbm_is_local(tci_vid(frame + wire::kTci)) ? Verdict::Local : Verdict::ForwardToLan;
+  }
+  if (isCfmDebugOn()) printf("CFM: Forward the double vlan CFM packet because opcode=%d\n", opcode);
+  return Verdict::ForwardToLan;
+}
+
+// Fills the descriptor with the untagged copy of a frame to process here.
+uint32_t make_untagged_copy(const uint8_t *frame, size_t length, bool double_tag, CfmPacket *packet) {
+  size_t strip = double_tag ? 2 * kTagLen : kTagLen;
+  size_t payload = double_tag ? wire::kDoubleTagPayload : wire::kSingleTagPayload;
+  size_t copy_length = length - strip;
+  auto *copy = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(copy_length));
+  if (copy == nullptr) {
+    clear_payload(packet);
+    return CFM_ERR_FAILURE;
+  }
+  packet->priority = tci_priority(frame + wire::kTci);
+  packet->vid = tci_vid(frame + wire::kTci);
+  if (double_tag) {
+    packet->inner_priority = tci_priority(frame + wire::kInnerTci);
+    packet->inner_vid = tci_vid(frame + wire::kInnerTci);
+  } else {
+    packet->inner_priority = 0;
+    packet->inner_vid = CFM_NO_INNER_VID;
+  }
+  memcpy(copy, frame, 2 * kMacLen);
+  memcpy(copy + 2 * kMacLen, frame + payload, length - payload);
+  packet->buffer = copy;
+  packet->length = static_cast<uint32_t>(copy_length);
+  packet->release = CFM_OS_Deallocate_Memory;
+  return CFM_OK;
+}
+
+// Reads one frame from the WAN (or the test source) into buf; -1 when the
+// queue is empty, 0 when a frame was skipped.
+long read_wan(uint8_t *buf, size_t cap) {
+  CfmRxSource source = g_rx_source.load();
+  if (source != nullptr) return source(buf, cap);
+  if (_cfm_wan_sock_fd < 0) return -1;
+  return cfm_wan_socket_read(_cfm_wan_sock_fd, buf, cap);
+}
+
+// Reads and classifies one WAN frame. *read_nothing tells an empty queue
+// apart from a frame that was read and dropped or relayed.
+uint32_t receive_wan(CfmPacket *packet, bool *read_nothing) {
+  *read_nothing = false;
+  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
+  if (buf == nullptr) {
+    clear_payload(packet);
+    *read_nothing = true;
+    return CFM_ERR_FAILURE;
+  }
+  memset(buf, 0, kMaxFrame);
+  long got = read_wan(buf, kMaxFrame);
+  if (got > 0 && isCfmDebugOn()) {
+    printf("Debug: rx_wan_packet recevice");
+    dump_bytes(buf, static_cast<size_t>(got), "%2X ");
+    printf("\n\n");
+    fflush(stdout);
+  }
+  uint32_t result = CFM_ERR_FAILURE;
+  if (got <= 0) {
+    clear_payload(packet);
+    *read_nothing = got < 0;
+  } else {
+    result = cfm_classify_wan_frame(buf, static_cast<size_t>(got), packet);
+  }
+  CFM_OS_Deallocate_Memory(buf);
+  return result;
+}
+
+void debug_dump_packet(const CfmPacket &packet) {
+  if (!isCfmDebugOn() || packet.length == 0 || packet.buffer == nullptr) return;
+  printf("Debug: rx_task_recevice packet =");
+  dump_bytes(packet.buffer, packet.length, "%02X ");
+  printf("\n");
+  fflush(stdout);
+}
+
+// Takes every queued frame, one at a time in arrival order. Returns the
+// number of reads that returned a frame.
+size_t drain_wan() {
+  size_t frames = 0;
+  for (;;) {
+    CfmPacket packet;
+    memset(&packet, 0, sizeof packet);
+    bool read_nothing = false;
+    uint32_t result = receive_wan(&packet, &read_nothing);
+    if (read_nothing) return frames;
+    ++frames;
+    debug_dump_packet(packet);
+    if (result == CFM_OK) cfm_dispatch_packet(&packet);
+  }
+}
+
+// A burst of several thousand frames must wait in the kernel, not be lost,
+// while the task works through it; the default queue holds a few hundred.
+void reserve_receive_queue(int fd) {
+  int bytes = kReceiveQueueBytes;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+  }
+}
+
+}  // namespace
+
+void cfm_set_rx_source(CfmRxSource source) { g_rx_source.store(source); }
+
+uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *packet) {
+  if (packet == nullptr) return CFM_ERR_FAILURE;
+  if (frame == nullptr || length < kMacLen) {
+    clear_payload(packet);
+    return CFM_ERR_FAILURE;
+  }
+  // A unicast destination must be one of the PVC addresses.
+  if (!mac_is_group(frame + wire::kDst) && !checkPvcMac(frame + wire::kDst)) {
+    clear_payload(packet);
+    return CFM_ERR_FAILURE;
+  }
+  packet->from_wan = 1;
+  if (isCfmDebugOn()) {
+    printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_wan_packet", 464, static_cast<int>(length));
+  }
+  bool double_tag = false;
+  Verdict verdict = classify(frame, length, &double_tag);
+  if (verdict == Verdict::Local) return make_untagged_copy(frame, length, double_tag, packet);
+  if (verdict == Verdict::ForwardToLan) {
+    printf("CFM: Forward the CFM packet to LAN because  VID/opcode not define");
+    fflush(stdout);
+    CFM_Send_Packet_To_LAN(frame, static_cast<uint32_t>(length), 0);
+  }
+  debug_text("CFM: CFM_ERR_FAILURE");
+  clear_payload(packet);
+  return CFM_ERR_FAILURE;
+}
+
+void cfm_dispatch_packet(CfmPacket *packet) {
+  if (packet == nullptr) return;
+  size_t opcode_at = is8023Frame() ? kUntaggedOpcode8023 : kUntaggedOpcodeEth;
+  if (packet->buffer != nullptr && packet->length > opcode_at) {
+    uint8_t opcode = packet->buffer[opcode_at];
+    GlobalEntry global;
+    CFM_IF_Get_Global_Entry(&global);
+    if (isCfmDebugOn()) printf("CFM: Receive a packet from WAN, opcode=%d\n", opcode);
+    if (global.status == 1) {
+      MepSycLock lock;
+      switch (opcode) {
+        case kOpCcm:
+          CFM_CCM_Process(packet);
+          break;
+        case kOpLbr:
+          CFM_LBR_Process(packet);
+          break;
+        case kOpLbm:
+          CFM_LBM_Process(packet, 1);
+          break;
+        case kOpLtr:
+          CFM_LTR_Process(packet);
+          break;
+        case kOpLtm:
+          CFM_LTM_Process(packet, 1);
+          break;
+        default:
+          break;
+      }
+    }
+  }
+  if (packet->release != nullptr && packet->buffer != nullptr) packet->release(packet->buffer);
+  packet->buffer = nullptr;
+  packet->length = 0;
+}
+
+uint32_t rx_wan_packet(CfmPacket *packet) {
+  if (packet == nullptr) return CFM_ERR_FAILURE;
+  bool read_nothing = false;
+  return receive_wan(packet, &read_nothing);
+}
+
+void cfm_relay_lan_frame(const uint8_t *frame, size_t length) {
+  if (frame == nullptr || !has(length, wire::kTpid, 2) ||
+      !cfm_is_vlan_tpid(frame[wire::kTpid], frame[wire::kTpid + 1])) {
+    return;
+  }
+  bool single = is_ether_type_at(frame, length, wire::kSingleTagEtherType);
+  bool dbl = !single && is_ether_type_at(frame, length, wire::kDoubleTagEtherType);
+  size_t header = single ? wire::kSingleTagEtherType + 2 : wire::kDoubleTagEtherType + 2;
+  if ((!single && !dbl) || !has(length, header, 1)) return;
+  uint8_t level = cfm_level(frame[header]);
+  bool debug = isCfmDebugOn();
+  const char *kind = single ? "CFM" : "double vlan CFM";
+  if (debug) printf("CFM: Receive a %s packet with mdlevel=%d from LAN\n", kind, level);
+  if (level >= kLanForwardLevel) {
+    if (debug) printf("CFM: Forward the %s packet because mdlevel=%d\n", kind, level);
+    CFM_Send_Packet_To_WAN(frame, static_cast<uint32_t>(length), 0);
+  } else if (debug) {
+    printf("CFM: Drop the %s packet because mdlevel=%d\n", kind, level);
+  }
+}
+
+uint32_t rx_lan_packet(CfmPacket *packet) {
+  if (packet == nullptr) return CFM_ERR_FAILURE;
+  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
+  if (buf == nullptr) {
+    clear_payload(packet);
+    return CFM_ERR_FAILURE;
+  }
+  memset(buf, 0, kMaxFrame);
+  ssize_t got = _cfm_lan_sock_fd < 0 ? -1 : recvfrom(_cfm_lan_sock_fd, buf, kMaxFrame, 0, nullptr, nullptr);
+  if (got > 0) {
+    if (isCfmDebugOn()) {
+      printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_lan_packet", 683, static_cast<int>(got));
+    }
+    packet->from_wan = 1;
+    cfm_relay_lan_frame(buf, static_cast<size_t>(got));
+  }
+  clear_payload(packet);
+  packet->release = CFM_OS_Deallocate_Memory;
+  CFM_OS_Deallocate_Memory(buf);
+  return CFM_ERR_FAILURE;
+}
+
+uint32_t CFM_Receive_Packet(CfmPacket *packet) {
+  if (packet == nullptr) return CFM_ERR_FAILURE;
+  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
+  if (buf == nullptr) {
+    clear_payload(packet);
+    return CFM_ERR_FAILURE;
+  }
+  memset(buf, 0, kMaxFrame);
+  ssize_t got = _cfm_sock_fd < 0 ? -1 : recvfrom(_cfm_sock_fd, buf, kMaxFrame, 0, nullptr, nullptr);
+  uint32_t result = CFM_ERR_FAILURE;
+  clear_payload(packet);
+  if (got > 0) {
+    size_t length = static_cast<size_t>(got);
+    bool tagged = has(length, wire::kTpid, 2) && cfm_is_vlan_tpid(buf[wire::kTpid], buf[wire::kTpid + 1]) &&
+                  length >= wire::kSingleTagPayload;
+    packet->from_wan = 1;
+    size_t copy_length = tagged ? length - kTagLen : length;
+    auto *copy = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(copy_length > 0 ? copy_length : 1));
+    if (copy != nullptr) {
+      if (tagged) {
+        packet->priority = tci_priority(buf + wire::kTci);
+        packet->vid = tci_vid(buf + wire::kTci);
+        memcpy(copy, buf, 2 * kMacLen);
+        memcpy(copy + 2 * kMacLen, buf + wire::kSingleTagPayload, length - wire::kSingleTagPayload);
+      } else {
+        memcpy(copy, buf, length);
+      }
+      packet->buffer = copy;
+      packet->length = static_cast<uint32_t>(copy_length);
+      packet->release = CFM_OS_Deallocate_Memory;
+      result = CFM_OK;
+    }
+  }
+  CFM_OS_Deallocate_Memory(buf);
+  return result;
+}
+
+void *cfm_rx_task(void *) {
+  const char *failed_step = nullptr;
+  int fd = cfm_wan_socket_open(getIfcIndex(), &failed_step);
+  if (fd < 0) {
+    bool bind_failed = failed_step != nullptr && strcmp(failed_step, "bind") == 0;
+    debug_text(bind_failed ? "CFM: WAN Socket bind error" : "CFM: Socket open error");
+    return nullptr;
+  }
+  _cfm_wan_sock_fd = fd;
+  reserve_receive_queue(fd);
+  printf("CFM:CFMInterval = %d\n", kReportedIntervalUs);
+  fflush(stdout);
+  for (;;) {
+    // Sleep in the kernel until a frame is queued, then take them all.
+    // A read also clears a pending socket error; when nothing was read,
+    // pause briefly so an error that wakes every wait cannot make this spin.
+    cfm_wan_socket_wait(fd, kWaitTimeoutMs);
+    if (drain_wan() == 0) usleep(kEmptyWakeupPauseUs);
+  }
+  return nullptr;
+}
+
+uint32_t CFM_Create_Rx_Task() {
+  pthread_t thread;
+  return CFM_OS_Create_Task(&thread, "CFM Process", cfm_rx_task, kTaskStackSize, kTaskPriority) == 1 ? CFM_OK
+                                                                                                       : CFM_ERR_FAILURE;
+}

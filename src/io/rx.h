@@ -38,6 +38,10 @@ uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *
 // is enabled, then releases its buffer.
 void cfm_dispatch_packet(CfmPacket *packet);
 
+// The LAN relay rule of rx_lan_packet for one frame read on the LAN: CFM
+// frames at level 3 and above are sent to the WAN unchanged, others dropped.
+void cfm_relay_lan_frame(const uint8_t *frame, size_t length);
+
 // Receive seam: while set, rx_wan_packet reads frames from this function
 // (same contract as cfm_wan_socket_read) instead of the WAN socket.
 using CfmRxSource = long (*)(uint8_t *buf, size_t cap);

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "cli/server.h"
 #include "lab.h"
 
 namespace {
@@ -261,8 +262,14 @@ TEST_F(Cli, UpdateWritesTheTreeAndCfmctlReadsIt) {
   EXPECT_EQ(status, 0);
   EXPECT_NE(Command({"showmd"}).find("MdName : viactl"), std::string::npos);
   Stop();
-  std::string text = RunCfmctl({"showmd"}, &status);
+  EXPECT_EQ(RunCfmctl({"showmd"}, &status), "");
   EXPECT_EQ(status, 1);
+  // The help names every command of the table.
+  std::string help = RunCfmctl({"--help"}, &status);
+  EXPECT_EQ(status, 0);
+  for (const CliCommand *row = cfm_cli_cmd_table; row->name != nullptr; ++row) {
+    EXPECT_NE(help.find(std::string("  ") + row->name + " "), std::string::npos) << row->name;
+  }
 }
 
 // A command's read-modify-write of a MEP must not be undone by a timer tick

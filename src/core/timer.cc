@@ -17,9 +17,11 @@ constexpr uint32_t kTaskStackSize = 8192;
 constexpr uint32_t kTaskPriority = 60;
 
 bool g_timer_started = false;
+// Read once, before the task starts, so its report precedes any command.
+uint32_t g_period_ms = kDefaultPeriodMs;
 
 void *cfm_timer_task(void *) {
-  uint32_t period = cfm_timer_period_ms();
+  const uint32_t period = g_period_ms;
   for (;;) {
     GlobalEntry global;
     CFM_IF_Get_Global_Entry(&global);
@@ -61,6 +63,7 @@ void cfm_timer_tick() {
 
 uint32_t CFM_Timer_Init_Tmr() {
   if (g_timer_started) return CFM_ERR_FAILURE;
+  g_period_ms = cfm_timer_period_ms();
   pthread_t thread;
   if (CFM_OS_Create_Task(&thread, "CFM-Tmr", cfm_timer_task, kTaskStackSize, kTaskPriority) != 1) {
     printf("\r\nCreate CFM-Tmr task failed.");

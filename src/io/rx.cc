@@ -38,6 +38,7 @@ constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 constexpr uint8_t kLanForwardLevel = 3;  // LAN frames at this level and above cross
 
 std::atomic<CfmRxSource> g_rx_source{nullptr};
+std::atomic<int> g_rx_fd{-1};  // the WAN receive socket
 
 enum class Verdict { NotCfm, Local, ForwardToLan };
 
@@ -143,8 +144,9 @@ uint32_t make_untagged_copy(const uint8_t *frame, size_t length, bool double_tag
 long read_wan(uint8_t *buf, size_t cap) {
   CfmRxSource source = g_rx_source.load();
   if (source != nullptr) return source(buf, cap);
-  if (_cfm_wan_sock_fd < 0) return -1;
-  return cfm_wan_socket_read(_cfm_wan_sock_fd, buf, cap);
+  int fd = g_rx_fd.load();
+  if (fd < 0) return -1;
+  return cfm_wan_socket_read(fd, buf, cap);
 }
 
 // Reads and classifies one WAN frame. *read_nothing tells an empty queue
@@ -207,6 +209,23 @@ void reserve_receive_queue(int fd) {
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
   }
+}
+
+// Opens and binds the WAN receive socket and reports the wait period; -1
+// (with the debug report) when it cannot be had.
+int open_rx_socket() {
+  const char *failed_step = nullptr;
+  int fd = cfm_wan_socket_open(getIfcIndex(), &failed_step);
+  if (fd < 0) {
+    bool bind_failed = failed_step != nullptr && strcmp(failed_step, "bind") == 0;
+    debug_text(bind_failed ? "CFM: WAN Socket bind error" : "CFM: Socket open error");
+    return -1;
+  }
+  reserve_receive_queue(fd);
+  g_rx_fd.store(fd);
+  printf("CFM:CFMInterval = %d\n", kReportedIntervalUs);
+  fflush(stdout);
+  return fd;
 }
 
 }  // namespace
@@ -364,17 +383,9 @@ uint32_t CFM_Receive_Packet(CfmPacket *packet) {
 }
 
 void *cfm_rx_task(void *) {
-  const char *failed_step = nullptr;
-  int fd = cfm_wan_socket_open(getIfcIndex(), &failed_step);
-  if (fd < 0) {
-    bool bind_failed = failed_step != nullptr && strcmp(failed_step, "bind") == 0;
-    debug_text(bind_failed ? "CFM: WAN Socket bind error" : "CFM: Socket open error");
-    return nullptr;
-  }
-  _cfm_wan_sock_fd = fd;
-  reserve_receive_queue(fd);
-  printf("CFM:CFMInterval = %d\n", kReportedIntervalUs);
-  fflush(stdout);
+  int fd = g_rx_fd.load();
+  if (fd < 0) fd = open_rx_socket();
+  if (fd < 0) return nullptr;
   for (;;) {
     // Sleep in the kernel until a frame is queued, then take them all.
     // A read also clears a pending socket error; when nothing was read,
@@ -386,6 +397,10 @@ void *cfm_rx_task(void *) {
 }
 
 uint32_t CFM_Create_Rx_Task() {
+  // The socket is set up before the task starts, so its report is out
+  // before the command server takes its first request. A socket that cannot
+  // be had ends the receive side only, as a task that ends at once would.
+  if (open_rx_socket() < 0) return CFM_OK;
   pthread_t thread;
   return CFM_OS_Create_Task(&thread, "CFM Process", cfm_rx_task, kTaskStackSize, kTaskPriority) == 1 ? CFM_OK
                                                                                                        : CFM_ERR_FAILURE;

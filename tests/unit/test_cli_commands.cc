@@ -2,7 +2,10 @@
 // real database, with standard output captured.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -156,6 +159,38 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
   EXPECT_EQ(Cli("deletemep 1 0 2 0 10 0 1 0 0 0 100"), "");  // deletemep's Down is 1
   EXPECT_EQ(Cli("deletemep 1 0 2 0 10 0 1 0 0 0 1"), "");
   EXPECT_EQ(Cli("deletemep 1 0 2 0 10 0 1 0 0 0 1"), "\r\n This MEP is not exist!\r\n");
+}
+
+// A tick stand-in reads and writes every MEP back under MEP_SYC, slowly;
+// each configmep must still be what stays stored.
+TEST_F(CliCommands, ConfigMepIsNotUndoneByATick) {
+  MakeMdMa();
+  Cli((std::string("createmep ") + kKey + " 1").c_str());
+  std::atomic<bool> stop{false};
+  std::thread tick([&] {
+    while (!stop.load()) {
+      {
+        MepSycLock lock;
+        MepEntry mep = {};
+        while (CFM_GetNext_MEP_Entry(&mep) == 1) {
+          MepEntry copy = mep;
+          std::this_thread::sleep_for(std::chrono::microseconds(300));
+          CFM_Update_MEP_Entry(&copy);
+        }
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+  });
+  int lost = 0;
+  for (int i = 0; i < 200; ++i) {
+    bool on = i % 2 == 0;
+    ConfigMep(on ? "2 21" : "2 22");
+    std::this_thread::sleep_for(std::chrono::microseconds(500));
+    if (Mep().CciEnabled != (on ? 1u : 0u)) ++lost;
+  }
+  stop = true;
+  tick.join();
+  EXPECT_EQ(lost, 0);
 }
 
 TEST_F(CliCommands, LoopbackStillRunningIsReported) {

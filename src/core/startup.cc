@@ -191,20 +191,22 @@ int cfm_read_pvc_mac_at(const char *path) {
       have_count = true;
       count = atoi(line);
       if (count < 1) break;
-      macs = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(static_cast<size_t>(count) * 6));
+      // calloc rather than malloc + memset: a huge announced count costs
+      // address space only, not touched pages. Freed by free() like the rest.
+      macs = static_cast<uint8_t *>(calloc(static_cast<size_t>(count), 6));
       if (macs == nullptr) {
+        printf("CFM: no memory for %d PVC MACs\n", count);
         count = -1;
         break;
       }
-      memset(macs, 0, static_cast<size_t>(count) * 6);
       continue;
     }
     // Lines beyond the announced count are ignored.
     if (slot < count) {
       uint8_t mac[6];
-      if (parse_pvc_mac_line(line, mac)) memcpy(macs + slot * 6, mac, 6);
+      if (parse_pvc_mac_line(line, mac)) memcpy(macs + static_cast<size_t>(slot) * 6, mac, 6);
+      ++slot;
     }
-    ++slot;
   }
   fclose(file);
   if (count < 0) {

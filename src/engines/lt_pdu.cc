@@ -48,7 +48,7 @@ size_t cfm_ltr_build(uint8_t *out, size_t cap, const CfmLtrReply &reply, bool fr
   out[wire::kTci + 1] = tci_low(reply.vid);
   // EtherType, or for "8023" the 802.3 length, LLC/SNAP and EtherType, as
   // received.
-  memcpy(out + wire::kSingleTagPayload, ltm + in.ether_type, in.level_version - in.ether_type);
+  memcpy(out + wire::kSingleTagPayload, ltm + wire::kTpid, in.level_version - wire::kTpid);
 
   uint8_t *hdr = out + in.level_version + kTagLen;
   hdr[0] = cfm_level_version(cfm_level(ltm[in.level_version]));

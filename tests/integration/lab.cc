@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -37,6 +38,9 @@ namespace cfmlab {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// Longest wait for the receive task's start line once the server listens.
+constexpr int kRxStartWaitMs = 2000;
 
 Clock::time_point deadline_after(int timeout_ms) { return Clock::now() + std::chrono::milliseconds(timeout_ms); }
 
@@ -462,8 +466,20 @@ size_t Lab::CountOutput(const std::string &text) const {
 bool Lab::WaitCommandSocket(int timeout_ms) {
   auto deadline = deadline_after(timeout_ms);
   for (;;) {
-    if (command_socket_listening()) return true;
+    if (command_socket_listening()) break;
     if (ms_left(deadline) == 0 || !Running()) return false;
+    nap_ms(5);
+  }
+  // The receive task reports its start on its own thread, possibly after the
+  // server listens: wait for that line (or its failure) so it cannot land in
+  // the output of the first command.
+  auto settle = deadline_after(std::min(ms_left(deadline), kRxStartWaitMs));
+  for (;;) {
+    std::string out = Output();
+    for (const char *line : {"CFM:CFMInterval = ", "CFM: Socket open error", "CFM: WAN Socket bind error"}) {
+      if (out.find(line) != std::string::npos) return true;
+    }
+    if (ms_left(settle) == 0) return true;
     nap_ms(5);
   }
 }

@@ -144,7 +144,9 @@ class Lab : public ::testing::Test {
   size_t CountOutput(const std::string &text) const;
 
   // Waits until a listening socket is bound to /var/cfm_socket (no request
-  // is sent).
+  // is sent), and then until the receive task has printed its start line
+  // ("CFM:CFMInterval = ...", or its failure; at most 2 s more), so that
+  // start-up output never lands in the output of the first Command().
   bool WaitCommandSocket(int timeout_ms = 5000);
   // Waits until the daemon holds a packet socket for every protocol (its
   // WAN receive socket).

@@ -27,8 +27,11 @@ const std::vector<std::string> kKey = {"1", "0", "2", "0", "10", "0", "1", "0", 
 
 class Cli : public Lab {
  protected:
-  // The command socket is all these tests need.
-  bool Start(const std::vector<std::string> &args = DefaultArgs()) { return StartDaemon(args) && WaitCommandSocket(); }
+  // Starts the daemon and waits until the receive task has reported its
+  // start, so no start-up line lands in a command's output.
+  bool Start(const std::vector<std::string> &args = DefaultArgs()) {
+    return StartDaemonReady(args) && WaitForOutput("CFM:CFMInterval = ", 3000);
+  }
   void TearDown() override {
     // A sanitizer build reports memory and undefined-behaviour faults here.
     EXPECT_EQ(Errors().find("Sanitizer"), std::string::npos) << Errors();
@@ -279,6 +282,7 @@ TEST_F(Cli, MepChangesSurviveAFastTick) {
   std::vector<std::string> args = DefaultArgs();
   args.insert(args.end(), {"-t", kTree});
   ASSERT_TRUE(Start(args));
+  ASSERT_TRUE(WaitForOutput("CCMInterval=10", 3000)) << Output();
   MakeMep();
   for (int i = 0; i < 60; ++i) {
     bool on = i % 2 == 0;

@@ -65,13 +65,16 @@ TEST_F(Linktrace, DownMepSendsTheLtmAndStoresThePlaceholder) {
   add_mep(1, 1, 1, 1, 100, 1);
   add_mep(1, 1, 2, 1, 100, 2);  // an Up MEP on the same port does not stop a Down MEP
   LtmRequest r = request();
+  r.flags = 1;
+  r.vid = 0x1064;  // bit 12 of the VID leaks into the DEI bit
   ASSERT_EQ(CFM_LTM_Transmit(&r), 1);
   ASSERT_EQ(sent.size(), 1u);
-  ASSERT_EQ(sent[0].frame.size(), 64u);
-  uint8_t expect[64] = {};
-  cfm_ltm_build(&r, expect);
-  EXPECT_EQ(sent[0].frame, Bytes(expect, expect + 64));
-  EXPECT_EQ(sent[0].frame[26], 64);
+  Bytes expect = cat(cat({0x01, 0x80, 0xC2, 0x00, 0x00, 0x3A}, mac(kSelf)),
+                     {0x81, 0x00, 0xF0, 0x64, 0x89, 0x02, 0x40, 0x05, 0x80, 0x11, 0, 0, 0, 5, 64});
+  expect = cat(cat(cat(expect, mac(kSelf)), mac(kPeer)), cat({7, 0, 8, 0x10, 0x64}, mac(kSelf)));
+  ASSERT_EQ(expect.size(), 50u);
+  expect.resize(64, 0);  // no End TLV: the padding stands in for it
+  EXPECT_EQ(sent[0].frame, expect);
   std::vector<LtrEntry> all = replies();
   ASSERT_EQ(all.size(), 1u);
   LtrEntry zero = {};
@@ -143,13 +146,28 @@ TEST_F(Linktrace, LtmAimedAtTheRouterGetsOneLtr) {
     sent.clear();
     ASSERT_EQ(ltm_in(ltm(dst, kSelf)), CFM_OK);
     ASSERT_EQ(sent.size(), 1u);
-    const Bytes &r = sent[0].frame;
-    Bytes head = cat(cat(mac(kPeer), mac(kSelf)), {0x81, 0x00, 0x60, 100, 0x89, 0x02, 0x40, 4, 0xA0, 6, 0, 0, 0, 9,
-                                                   15, 1, 8, 0, 16, 0, 100});
-    EXPECT_EQ(Bytes(r.begin(), r.begin() + static_cast<long>(head.size())), head);
-    EXPECT_EQ(Bytes(r.begin() + 33, r.begin() + 58),
-              cat(cat(cat(cat(mac(kPeer), {0, 100}), mac(kSelf)), {5, 0, 7, 1}), cat(mac(kSelf), {0})));
+    // Flags: useFDBonly kept, TerminalMEP set; reply TTL 15; relay Hit;
+    // egress identifiers: the LTM's, then VID 100 and this router; Reply
+    // Ingress with action 1 and this router's MAC; End TLV.
+    Bytes expect = cat(cat(mac(kPeer), mac(kSelf)), {0x81, 0x00, 0x60, 100, 0x89, 0x02, 0x40, 4, 0xA0, 6, 0, 0, 0, 9,
+                                                     15, 1, 8, 0, 16, 0, 100});
+    expect = cat(cat(cat(expect, mac(kPeer)), cat({0, 100}, mac(kSelf))), cat({5, 0, 7, 1}, mac(kSelf)));
+    expect.push_back(0);
+    expect.resize(64, 0);
+    EXPECT_EQ(sent[0].frame, expect);
   }
+  // "8023" frames: the 802.3 length and LLC/SNAP header are copied, the rest
+  // moves 8 bytes on.
+  setFrameType(CFM_FRAME_TYPE_8023);
+  Bytes eth = ltm(kSelf, kSelf);
+  Bytes f = cat(Bytes(eth.begin(), eth.begin() + 12), {0x00, 0x40, 0xAA, 0xAA, 0x03, 0x00, 0x00, 0x00});
+  f = cat(f, Bytes(eth.begin() + 12, eth.end()));
+  sent.clear();
+  ASSERT_EQ(ltm_in(f), CFM_OK);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(Bytes(sent[0].frame.begin() + 16, sent[0].frame.begin() + 30),
+            cat(Bytes(f.begin() + 12, f.begin() + 22), {0x40, 4, 0xA0, 6}));
+  EXPECT_EQ(sent[0].frame[35], 1);  // relay action
 }
 
 TEST_F(Linktrace, LtmsThatGetNoAnswer) {

@@ -1,0 +1,209 @@
+#!/usr/bin/env bash
+# Two routers on one link, each running cfmd on its end of a veth pair:
+# router A (MEP 1) and router B (MEP 2) in one MD at level 2 and one MA, CCMs
+# on. Waits until each has learned the other from its CCMs, runs a loopback
+# of 5 messages from A to B and a linktrace from A to B, and prints what both
+# routers report. Every router lives in its own network namespace and its
+# own mount namespace (a private /var). Needs root, iproute2 and util-linux.
+# Everything it creates is removed on exit; any unexpected result ends it
+# with "DEMO FAILED" and a non-zero status.
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "$0")/.." && pwd)"
+MAC_A=02:00:00:00:0a:01
+MAC_B=02:00:00:00:0b:01
+VID=100
+LEVEL=2
+LB_COUNT=5
+
+say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+fail() {
+  printf '\n\033[1;31mDEMO FAILED: %s\033[0m\n' "$*" >&2
+  for r in A B; do
+    if [ -n "${WORK:-}" ] && [ -f "$WORK/$r.log" ]; then
+      printf -- '--- last output of router %s ---\n' "$r" >&2
+      tail -n 30 "$WORK/$r.log" | tr -d '\r' >&2
+    fi
+  done
+  exit 1
+}
+
+[ "$(id -u)" -eq 0 ] || { echo "demo.sh needs root (network namespaces): sudo $0" >&2; exit 1; }
+for tool in ip unshare mount cmake; do
+  command -v "$tool" >/dev/null || { echo "demo.sh needs '$tool'" >&2; exit 1; }
+done
+
+# --- build if needed ------------------------------------------------------
+if [ -x "$ROOT/build/cfmd" ] && [ -x "$ROOT/build/cfmctl" ]; then
+  BUILD="$ROOT/build"
+else
+  BUILD="$ROOT/build-demo"
+  say "building cfmd and cfmctl in $BUILD"
+  cmake -S "$ROOT" -B "$BUILD" -DCFMD_TESTS=OFF >/dev/null || fail "cmake configure"
+  cmake --build "$BUILD" -j 2 --target cfmd cfmctl >/dev/null || fail "build"
+fi
+
+# --- the lab --------------------------------------------------------------
+WORK="$(mktemp -d /tmp/cfmdemo.XXXXXX)"
+NS_A="cfmdemo-a-$$"
+NS_B="cfmdemo-b-$$"
+PID_A=""
+PID_B=""
+cleanup() {
+  for pid in $PID_A $PID_B; do kill "$pid" 2>/dev/null || true; done
+  for pid in $PID_A $PID_B; do wait "$pid" 2>/dev/null || true; done
+  ip netns del "$NS_A" 2>/dev/null || true
+  ip netns del "$NS_B" 2>/dev/null || true
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# The binaries run from the work directory: /var is replaced in the routers'
+# mount namespaces, so nothing under it may be needed there.
+mkdir -p "$WORK/bin"
+cp "$BUILD/cfmd" "$BUILD/cfmctl" "$WORK/bin/"
+
+say "network: router A ($MAC_A) wan0 <--veth--> wan0 router B ($MAC_B)"
+ip netns add "$NS_A"
+ip netns add "$NS_B"
+ip link add wan0 netns "$NS_A" type veth peer name wan0 netns "$NS_B"
+ip -n "$NS_A" link set wan0 address "$MAC_A"
+ip -n "$NS_B" link set wan0 address "$MAC_B"
+for ns in "$NS_A" "$NS_B"; do
+  ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 2>/dev/null || true
+  ip -n "$ns" link set lo up
+  ip -n "$ns" link set wan0 up
+done
+
+# Starts router $1 in namespace $2: its own /var (a directory of the work
+# area bind-mounted over /var), the configuration tree under /var/tree.
+start_router() {
+  local r="$1" ns="$2" var="$WORK/$1/var"
+  mkdir -p "$var/tmp/cfm" "$var/tree"
+  echo "Enable=1" >"$var/tmp/cfm/config"
+  ip netns exec "$ns" unshare --mount --propagation private \
+    sh -c "mount --bind '$var' /var && exec '$WORK/bin/cfmd' -i wan0 -e -t /var/tree" \
+    >"$WORK/$r.log" 2>&1 &
+  echo $!
+}
+PID_A="$(start_router A "$NS_A")"
+PID_B="$(start_router B "$NS_B")"
+
+for r in A B; do
+  for _ in $(seq 50); do [ -S "$WORK/$r/var/cfm_socket" ] && break; sleep 0.1; done
+  [ -S "$WORK/$r/var/cfm_socket" ] || fail "router $r did not open its command socket"
+done
+echo "router A: cfmd pid $PID_A, router B: cfmd pid $PID_B"
+
+# ctl R WORD... : sends one request to router R through cfmctl and leaves
+# what the router printed for it in $REPLY_TEXT (carriage returns removed).
+REPLY_TEXT=""
+ctl() {
+  local r="$1"; shift
+  local log="$WORK/$r.log" before
+  before=$(stat -c %s "$log")
+  "$WORK/bin/cfmctl" -s "$WORK/$r/var/cfm_socket" "$@" || fail "cfmctl $* on router $r"
+  REPLY_TEXT="$(tail -c +"$((before + 1))" "$log" | tr -d '\r')"
+}
+# show R TITLE WORD... : like ctl, and prints the report under a heading.
+show() {
+  local r="$1" title="$2"; shift 2
+  ctl "$r" "$@"
+  printf '\n-- router %s: %s (cfmctl %s)\n' "$r" "$title" "$*"
+  printf '%s\n' "$REPLY_TEXT" | sed '/^$/d; s/^/   /'
+}
+mep_key() {  # mep_key MEPID DIRECTION : the eleven key words of a MEP
+  echo "1 md 1 ma $1 port 1 vid $VID dir $2"
+}
+
+# --- configuration --------------------------------------------------------
+say "configuration: MD 1 at level $LEVEL, MA 1, MEP 1 on A, MEP 2 on B, CCMs on"
+for r in A B; do
+  mep=1; [ "$r" = B ] && mep=2
+  ctl "$r" createmd 1 level "$LEVEL" name demo-md
+  [ -z "$REPLY_TEXT" ] || fail "createmd on $r: $REPLY_TEXT"
+  ctl "$r" createma 1 ma 1 name demo-ma
+  [ -z "$REPLY_TEXT" ] || fail "createma on $r: $REPLY_TEXT"
+  # shellcheck disable=SC2046
+  ctl "$r" createmep $(mep_key "$mep" 1)
+  [ -z "$REPLY_TEXT" ] || fail "createmep on $r: $REPLY_TEXT"
+  # shellcheck disable=SC2046
+  ctl "$r" configmep $(mep_key "$mep" 100) options 2 21
+  [ -z "$REPLY_TEXT" ] || fail "configmep on $r: $REPLY_TEXT"
+done
+show A "MEPs, CCM block" showmep 1
+
+# --- CCMs -----------------------------------------------------------------
+say "waiting until each router has learned the other's MEP from its CCMs"
+learned() {  # learned R REMOTE_MEPID
+  ctl "$1" showremotemep
+  printf '%s\n' "$REPLY_TEXT" | grep -q "RemoteMepID : $2\$"
+}
+for _ in $(seq 30); do
+  if learned A 2 && learned B 1; then break; fi
+  sleep 0.5
+done
+learned A 2 || fail "router A has not learned MEP 2"
+learned B 1 || fail "router B has not learned MEP 1"
+show A "remote MEPs" showremotemep
+printf '%s\n' "$REPLY_TEXT" | grep -q "SrcMacAddress : $MAC_B" || fail "A's remote MEP 2 is not at $MAC_B"
+show B "remote MEPs" showremotemep
+printf '%s\n' "$REPLY_TEXT" | grep -q "SrcMacAddress : $MAC_A" || fail "B's remote MEP 1 is not at $MAC_A"
+
+# --- loopback -------------------------------------------------------------
+say "loopback: $LB_COUNT LBMs from A (MEP 1) to B ($MAC_B), one per second"
+# shellcheck disable=SC2046
+ctl A configmep $(mep_key 1 100) options 5 51 7 "$LB_COUNT" 6 "$MAC_B" 15 demo-data
+[ -z "$REPLY_TEXT" ] || fail "starting the loopback: $REPLY_TEXT"
+runtime() {  # runtime R SELECTOR : the value of the router's only MEP
+  ctl "$1" runtime "$2"
+  printf '%s\n' "$REPLY_TEXT" | head -n 1
+}
+# The run sends one LBM per tick and ends five ticks after the last one.
+finished=""
+for _ in $(seq 40); do
+  sleep 0.5
+  if [ "$(runtime A 10)" = "$LB_COUNT" ] && [ "$(runtime A 6)" = "LBM Transmit Finished" ]; then
+    finished=yes
+    break
+  fi
+done
+show A "loopback block" showmep 3
+[ -n "$finished" ] || fail "the loopback run on A did not end with $LB_COUNT replies"
+for line in "LBM Transmit Result    : Success" "Total number of valid LBR In            : $LB_COUNT" \
+  "Total number of valid LBR InOutOfOrder  : 0" "Total number of Bad LBR Msdu            : 0"; do
+  printf '%s\n' "$REPLY_TEXT" | grep -qF "$line" || fail "A's loopback report lacks '$line'"
+done
+show B "loopback block (LBRs it sent)" showmep 3
+printf '%s\n' "$REPLY_TEXT" | grep -qF "Total number of Transmit LBR number     : $LB_COUNT" ||
+  fail "B did not count $LB_COUNT LBRs sent"
+
+# --- linktrace ------------------------------------------------------------
+say "linktrace: one LTM from A (MEP 1) towards B ($MAC_B)"
+# shellcheck disable=SC2046
+ctl A configmep $(mep_key 1 100) options 10 "$MAC_B" 12 121
+[ -z "$REPLY_TEXT" ] || fail "starting the linktrace: $REPLY_TEXT"
+hit=""
+for _ in $(seq 20); do
+  ctl A showltr
+  if printf '%s\n' "$REPLY_TEXT" | grep -q "Relay action: Hit"; then hit=yes; break; fi
+  sleep 0.2
+done
+show A "linktrace block" showmep 2
+printf '%s\n' "$REPLY_TEXT" | grep -q "Result: Success" || fail "A's linktrace was not sent"
+show A "linktrace replies" showltr
+[ -n "$hit" ] || fail "no linktrace reply from B reached A"
+for line in "Terminal: MEP" "Last Egress ID : $MAC_A" "Next Egress ID : $MAC_B" "LTR TTL : 63"; do
+  printf '%s\n' "$REPLY_TEXT" | grep -qF "$line" || fail "A's linktrace reply lacks '$line'"
+done
+printf '\n-- router A: the replies as exported to its configuration tree (cfmctl --export ltr)\n'
+"$WORK/bin/cfmctl" -s "$WORK/A/var/cfm_socket" -t "$WORK/A/var/tree" --export ltr | sed 's/^/   /' ||
+  fail "exporting A's linktrace replies"
+grep -qx "$MAC_B" "$WORK/A/var/tree/runtime/cfm/ltr:1/mac" || fail "the exported reply is not from $MAC_B"
+
+for r in A B; do
+  pid=$PID_A; [ "$r" = B ] && pid=$PID_B
+  kill -0 "$pid" 2>/dev/null || fail "router $r's cfmd is gone"
+done
+say "DEMO OK: A and B learned each other, B answered all $LB_COUNT LBMs, and B's linktrace reply reached A"

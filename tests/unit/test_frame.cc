@@ -1,0 +1,74 @@
+// Frame layout helpers: tag and EtherType tests, the bounded TLV reader.
+#include "io/frame.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "core/frame_type.h"
+
+namespace {
+
+TEST(Frame, TagAndEtherTypeBytes) {
+  EXPECT_TRUE(cfm_is_vlan_tpid(0x81, 0x00));
+  EXPECT_FALSE(cfm_is_vlan_tpid(0x88, 0xa8));
+  EXPECT_FALSE(cfm_is_vlan_tpid(0x00, 0x81));
+  EXPECT_TRUE(cfm_is_cfm_ethertype(0x89, 0x02));
+  EXPECT_FALSE(cfm_is_cfm_ethertype(0x02, 0x89));
+  EXPECT_FALSE(cfm_is_cfm_ethertype(0x89, 0x03));
+
+  setFrameType(CFM_FRAME_TYPE_8023);
+  EXPECT_EQ(cfm::cfm_offsets().opcode, 23u);
+  setDefaultFrameType();
+  EXPECT_EQ(cfm::cfm_offsets().opcode, 15u);
+}
+
+TEST(Frame, TlvWalkStaysInsideTheFrame) {
+  // Data TLV (3 bytes of value), Sender ID TLV (1 byte), End TLV.
+  const std::vector<uint8_t> tlvs = {3, 0, 3, 'a', 'b', 'c', 1, 0, 1, 9, 0};
+  CfmTlv tlv;
+  size_t next = 0;
+  ASSERT_TRUE(cfm_tlv_read(tlvs.data(), tlvs.size(), 0, &tlv, &next));
+  EXPECT_EQ(tlv.type, 3);
+  EXPECT_EQ(tlv.length, 3);
+  EXPECT_EQ(tlv.value, tlvs.data() + 3);
+  EXPECT_EQ(next, 6u);
+  ASSERT_TRUE(cfm_tlv_read(tlvs.data(), tlvs.size(), next, &tlv, &next));
+  EXPECT_EQ(tlv.type, 1);
+  EXPECT_EQ(next, 10u);
+  ASSERT_TRUE(cfm_tlv_read(tlvs.data(), tlvs.size(), next, &tlv, &next));
+  EXPECT_EQ(tlv.type, 0);
+  EXPECT_EQ(tlv.value, nullptr);
+  EXPECT_EQ(next, 11u);
+  EXPECT_FALSE(cfm_tlv_read(tlvs.data(), tlvs.size(), next, &tlv, &next));
+
+  // Every cut of the buffer: a TLV is returned only when it lies wholly
+  // inside the given length.
+  for (size_t len = 0; len <= tlvs.size(); ++len) {
+    std::vector<uint8_t> cut(tlvs.begin(), tlvs.begin() + len);
+    size_t pos = 0;
+    while (cfm_tlv_read(cut.data(), cut.size(), pos, &tlv, &next)) {
+      ASSERT_LE(next, len);
+      if (tlv.type != 0) {
+        ASSERT_LE(static_cast<size_t>(tlv.value - cut.data()) + tlv.length, len);
+      }
+      pos = next;
+    }
+  }
+
+  // A length that points past the frame, by one byte and by a lot.
+  const uint8_t over[] = {3, 0, 4, 1, 2, 3};
+  const uint8_t huge[] = {3, 0xFF, 0xFF, 1};
+  const uint8_t header_only[] = {3, 0};
+  CfmTlv untouched = {7, 7, nullptr, 7};
+  tlv = untouched;
+  EXPECT_FALSE(cfm_tlv_read(over, sizeof over, 0, &tlv, &next));
+  EXPECT_FALSE(cfm_tlv_read(huge, sizeof huge, 0, &tlv, &next));
+  EXPECT_FALSE(cfm_tlv_read(header_only, sizeof header_only, 0, &tlv, &next));
+  EXPECT_FALSE(cfm_tlv_read(over, sizeof over, 100, &tlv, &next));
+  EXPECT_FALSE(cfm_tlv_read(nullptr, 10, 0, &tlv, &next));
+  EXPECT_EQ(tlv.type, 7);
+  EXPECT_EQ(tlv.offset, 7u);
+}
+
+}  // namespace

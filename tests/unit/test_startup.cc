@@ -1,0 +1,201 @@
+// Start-up helpers run in-process: the enable file, the command line and the
+// PVC MAC table.
+#include "core/startup.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/frame_type.h"
+#include "core/global.h"
+
+namespace {
+
+class TempFile {
+ public:
+  explicit TempFile(const std::string &text) {
+    char name[] = "/tmp/cfm_unit_XXXXXX";
+    int fd = mkstemp(name);
+    path_ = name;
+    if (fd >= 0) {
+      EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+      close(fd);
+    }
+  }
+  ~TempFile() { unlink(path_.c_str()); }
+  const char *path() const { return path_.c_str(); }
+
+ private:
+  std::string path_;
+};
+
+// Runs cfm_parse_args on the words (argv[0] added); stdout is swallowed.
+struct ParseResult {
+  int result;
+  char ifname[IFNAMSIZ + 8];
+  int frame_type;
+  std::string out;
+};
+ParseResult parse(std::vector<std::string> words) {
+  words.insert(words.begin(), "cfmd");
+  std::vector<char *> argv;
+  for (auto &w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  ParseResult r;
+  memset(r.ifname, 'Z', sizeof r.ifname);
+  r.frame_type = CFM_FRAME_TYPE_UNKNOWN;
+  testing::internal::CaptureStdout();
+  r.result = cfm_parse_args(static_cast<int>(words.size()), argv.data(), r.ifname, &r.frame_type);
+  r.out = testing::internal::GetCapturedStdout();
+  return r;
+}
+
+class StartupInput : public testing::Test {
+ protected:
+  void SetUp() override {
+    CFM_Global_Reset();
+    cfm_clear_pvc_mac();
+  }
+  void TearDown() override {
+    CFM_Global_Reset();
+    cfm_debug_msg = 0;
+    cfm_clear_pvc_mac();
+  }
+};
+
+TEST_F(StartupInput, ConfigEnableFile) {
+  struct Case {
+    const char *text;
+    int result;
+    int status;  // -99: untouched
+  } cases[] = {
+      {"Enable=1\n", 1, 1},        {"Enable=0", 1, 0},          {"Enable=2\n", 0, 2},
+      {"Enable=-1\n", 0, -1},      {"Enable = 1\n", 1, 1},      {"EnableX=1\n", 1, 1},
+      {"Enable\n", 0, -99},        {"enable=1\n", 0, -99},      {"", 0, -99},
+      {"\nEnable=1\n", 0, -99},    {"Enable=abc\n", 1, 0},      {"Enable=1=0\n", 1, 1},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.text);
+    TempFile file(c.text);
+    int status = -99;
+    EXPECT_EQ(cfm_check_config_enable_at(file.path(), &status), c.result);
+    EXPECT_EQ(status, c.status);
+  }
+  int status = -99;
+  EXPECT_EQ(cfm_check_config_enable_at("/nonexistent/cfm/config", &status), 0);
+  EXPECT_EQ(status, -99);
+  // Only the first 127 characters of the first line count.
+  TempFile long_line(std::string("Enable") + std::string(125, ' ') + "=1\n");
+  EXPECT_EQ(cfm_check_config_enable_at(long_line.path(), &status), 0);
+}
+
+TEST_F(StartupInput, OptionsAndTheirResults) {
+  ParseResult r = parse({"-i", "wan0"});
+  EXPECT_EQ(r.result, 1);
+  EXPECT_STREQ(r.ifname, "wan0");
+  EXPECT_EQ(r.out, "CFM interface is wan0\nClose CFM debug message\n");
+  EXPECT_EQ(isCfmEnable(), 0u);
+  EXPECT_EQ(cfm_debug_msg, 0);
+
+  r = parse({"-w", "-d", "-e", "-i", "ppp0"});
+  EXPECT_EQ(r.result, 2);
+  EXPECT_EQ(r.out, "CFM interface is ppp0\nOpen CFM debug message\n");
+  EXPECT_EQ(isCfmEnable(), 1u);
+  EXPECT_EQ(cfm_debug_msg, 1);
+
+  // Unknown options and a stray word are ignored; the last -i wins.
+  r = parse({"-x", "-i", "a0", "-q", "-i", "b0"});
+  EXPECT_EQ(r.result, 1);
+  EXPECT_STREQ(r.ifname, "b0");
+
+  for (std::vector<std::string> words : {std::vector<std::string>{}, {"-e", "-w"}, {"-i"}, {"-f", "eth"}}) {
+    r = parse(words);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_NE(r.out.find("CFM need interface\n"), std::string::npos) << r.out;
+  }
+
+  char name[IFNAMSIZ];
+  int type = 0;
+  char *argv[] = {const_cast<char *>("cfmd"), const_cast<char *>("-i"), const_cast<char *>("x"), nullptr};
+  EXPECT_EQ(cfm_parse_args(0, argv, name, &type), 0);
+  EXPECT_EQ(cfm_parse_args(3, argv, nullptr, &type), 0);
+  EXPECT_EQ(cfm_parse_args(3, argv, name, nullptr), 0);
+}
+
+TEST_F(StartupInput, InterfaceNameIsBoundedToTheSystemLimit) {
+  ParseResult r = parse({"-i", std::string(40, 'x')});
+  EXPECT_EQ(r.result, 1);
+  EXPECT_EQ(std::string(r.ifname), std::string(IFNAMSIZ - 1, 'x'));
+  EXPECT_EQ(r.ifname[IFNAMSIZ], 'Z');  // nothing written past the buffer
+  EXPECT_EQ(r.out.find("CFM interface is " + std::string(IFNAMSIZ - 1, 'x') + "\n"), 0u) << r.out;
+}
+
+TEST_F(StartupInput, FrameTypeOption) {
+  EXPECT_EQ(parse({"-f", "eth", "-i", "w"}).frame_type, CFM_FRAME_TYPE_ETH);
+  EXPECT_EQ(parse({"-f", "8023", "-i", "w"}).frame_type, CFM_FRAME_TYPE_8023);
+  EXPECT_EQ(parse({"-f", "ethernet", "-i", "w"}).frame_type, CFM_FRAME_TYPE_ETH);
+  EXPECT_EQ(parse({"-f", "foo", "-i", "w"}).frame_type, CFM_FRAME_TYPE_UNKNOWN);
+  EXPECT_EQ(parse({"-f", "8023", "-f", "802", "-i", "w"}).frame_type, CFM_FRAME_TYPE_UNKNOWN);
+}
+
+TEST_F(StartupInput, PvcMacFile) {
+  const uint8_t a[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+  const uint8_t b[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x66};
+  const uint8_t zero[6] = {0};
+  {
+    TempFile file("2\n00:11:22:33:44:55\n\n00:11:22:33:44:66\n00:00:00:00:00:77\n");
+    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
+    ASSERT_EQ(g_pvc_mac_table.count, 2);
+    EXPECT_EQ(memcmp(g_pvc_mac_table.macs, a, 6), 0);
+    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 6, b, 6), 0);
+    EXPECT_EQ(checkPvcMac(a), 1);
+    EXPECT_EQ(checkPvcMac(b), 1);
+    const uint8_t extra[6] = {0, 0, 0, 0, 0, 0x77};  // beyond the count
+    EXPECT_EQ(checkPvcMac(extra), 0);
+    EXPECT_EQ(checkPvcMac(nullptr), 0);
+  }
+  {
+    // Malformed lines keep their slot, all zero; upper case and short pieces parse.
+    TempFile file("3\n00:11:22:33:44\nAA:b:0C:d:E:f\nzz-yy\n");
+    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
+    ASSERT_EQ(g_pvc_mac_table.count, 3);
+    EXPECT_EQ(memcmp(g_pvc_mac_table.macs, zero, 6), 0);
+    const uint8_t second[6] = {0xaa, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
+    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 6, second, 6), 0);
+    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 12, zero, 6), 0);
+    EXPECT_EQ(checkPvcMac(zero), 1);  // a zero slot matches the zero address
+  }
+  {
+    // Fewer lines than announced: the rest stay zero.
+    TempFile file("4\n00:11:22:33:44:55\n");
+    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
+    EXPECT_EQ(g_pvc_mac_table.count, 4);
+    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 18, zero, 6), 0);
+  }
+  for (const char *empty : {"0\n00:11:22:33:44:55\n", "\n\nabc\n"}) {
+    TempFile file(empty);
+    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1) << empty;
+    EXPECT_EQ(g_pvc_mac_table.count, 0);
+    EXPECT_EQ(g_pvc_mac_table.macs, nullptr);
+    EXPECT_EQ(checkPvcMac(b), 1);  // empty table accepts every address
+  }
+  {
+    TempFile file("-3\n00:11:22:33:44:55\n");
+    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 0);
+    EXPECT_EQ(g_pvc_mac_table.count, 0);
+    EXPECT_EQ(g_pvc_mac_table.macs, nullptr);
+  }
+  {
+    TempFile file("");
+    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);  // no count line: empty table
+    EXPECT_EQ(g_pvc_mac_table.count, 0);
+  }
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(cfm_read_pvc_mac_at("/nonexistent/pvc_mac"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Open /nonexistent/pvc_mac fail\n");
+}
+
+}  // namespace

@@ -1,0 +1,150 @@
+// Transmission through the tx hook: padding, VID-0 tag removal, the hook's
+// answer as the result, and the hook swapped while other threads send.
+#include "io/tx.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core/status.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Captured {
+  std::mutex mu;
+  std::vector<std::pair<CfmTxSide, Bytes>> frames;
+};
+
+Bytes tagged(uint16_t vid, size_t length) {
+  Bytes f = {1, 0x80, 0xC2, 0, 0, 0x30, 2, 0, 0, 0, 0, 1, 0x81, 0x00, static_cast<uint8_t>(0xE0 | (vid >> 8)),
+             static_cast<uint8_t>(vid), 0x89, 0x02};
+  for (uint8_t b = 0x10; f.size() < length; ++b) f.push_back(b);
+  f.resize(length);
+  return f;
+}
+
+class TxHook : public testing::Test {
+ protected:
+  void SetUp() override {
+    cfm_set_tx_hook([this](CfmTxSide side, const uint8_t *frame, size_t length) {
+      std::lock_guard<std::mutex> lock(captured_.mu);
+      captured_.frames.emplace_back(side, Bytes(frame, frame + length));
+      return answer_.load();
+    });
+  }
+  void TearDown() override { cfm_set_tx_hook(nullptr); }
+  Bytes last() {
+    std::lock_guard<std::mutex> lock(captured_.mu);
+    return captured_.frames.empty() ? Bytes{} : captured_.frames.back().second;
+  }
+  Captured captured_;
+  std::atomic<bool> answer_{true};
+};
+
+TEST_F(TxHook, PaddingAndVidZeroRemoval) {
+  Bytes f = tagged(100, 40);
+  ASSERT_EQ(CFM_Send_Packet_To_WAN(f.data(), 40, 0), CFM_OK);
+  Bytes wire = last();
+  ASSERT_EQ(wire.size(), 64u);
+  EXPECT_TRUE(std::equal(f.begin(), f.end(), wire.begin()));
+  EXPECT_EQ(std::count(wire.begin() + 40, wire.end(), 0), 24);
+
+  f = tagged(100, 200);  // long frames leave unchanged
+  CFM_Send_Packet_To_WAN(f.data(), 200, 0);
+  EXPECT_EQ(last(), f);
+
+  for (size_t len : {100u, 64u, 30u, 16u}) {
+    f = tagged(0, len);
+    f[14] = 0xE0;  // priority 7, DEI 0, VID 0
+    CFM_Send_Packet_To_WAN(f.data(), static_cast<uint32_t>(len), 0);
+    wire = last();
+    size_t wire_len = len < 64 ? 64 : len;
+    ASSERT_EQ(wire.size(), wire_len) << len;
+    Bytes expected(f.begin(), f.begin() + 12);
+    expected.insert(expected.end(), f.begin() + 16, f.end());
+    expected.resize(wire_len, 0);
+    EXPECT_EQ(wire, expected) << len;
+  }
+
+  // Bits above the VID (priority, DEI) do not make it a VID; the high VID
+  // nibble does.
+  f = tagged(0x100, 64);
+  CFM_Send_Packet_To_WAN(f.data(), 64, 0);
+  EXPECT_EQ(last(), f);
+  f = tagged(0, 64);
+  f[12] = 0x88;  // not an 802.1Q tag
+  f[13] = 0xA8;
+  CFM_Send_Packet_To_WAN(f.data(), 64, 0);
+  EXPECT_EQ(last(), f);
+
+  // Frames too short to hold a tag are only padded.
+  Bytes tiny = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0x81, 0x00};
+  CFM_Send_Packet_To_WAN(tiny.data(), static_cast<uint32_t>(tiny.size()), 0);
+  wire = last();
+  ASSERT_EQ(wire.size(), 64u);
+  EXPECT_TRUE(std::equal(tiny.begin(), tiny.end(), wire.begin()));
+  EXPECT_EQ(CFM_Send_Packet_To_WAN(nullptr, 64, 0), CFM_ERR_FAILURE);
+}
+
+TEST_F(TxHook, SideAndResultComeFromTheHook) {
+  Bytes f = tagged(7, 64);
+  EXPECT_EQ(CFM_Send_Packet_To_LAN(f.data(), 64, 0), CFM_OK);
+  EXPECT_EQ(CFM_Send_Packet(f.data(), 64, 0), CFM_OK);
+  answer_ = false;
+  EXPECT_EQ(CFM_Send_Packet_To_WAN(f.data(), 64, 0), CFM_ERR_FAILURE);
+  std::lock_guard<std::mutex> lock(captured_.mu);
+  ASSERT_EQ(captured_.frames.size(), 3u);
+  EXPECT_EQ(captured_.frames[0].first, CfmTxSide::Lan);
+  EXPECT_EQ(captured_.frames[1].first, CfmTxSide::Generic);
+  EXPECT_EQ(captured_.frames[2].first, CfmTxSide::Wan);
+}
+
+TEST(TxFacts, SystemMacAndFixedAnswers) {
+  const uint8_t mac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+  cfm_set_system_mac(mac);
+  uint8_t out[6] = {0};
+  EXPECT_EQ(CFM_Get_System_Mac(out), CFM_OK);
+  EXPECT_EQ(memcmp(out, mac, 6), 0);
+  EXPECT_EQ(CFM_Get_System_Mac(nullptr), CFM_ERR_FAILURE);
+  EXPECT_EQ(CFM_Get_Port_Status(0), 2);
+  EXPECT_EQ(CFM_Get_Interface_Status(3), 1);
+  EXPECT_FALSE(CFM_Is_Vlan_Port_Member(1, 0));
+  EXPECT_FALSE(CFM_Is_Vlan_Port_Member_Ex(1, 2, 3));
+}
+
+// Senders on several threads while the hook is replaced and cleared: every
+// send goes to exactly one hook or the (absent) LAN socket, nothing crashes.
+TEST(TxHookThreads, HookSwappedWhileSending) {
+  std::atomic<int> first{0}, second{0};
+  std::atomic<bool> stop{false};
+  Bytes f = tagged(5, 64);
+  std::vector<std::thread> senders;
+  std::atomic<int> sent{0}, ok{0};
+  for (int t = 0; t < 3; ++t) {
+    senders.emplace_back([&] {
+      while (!stop) {
+        if (CFM_Send_Packet_To_LAN(f.data(), 64, 0) == CFM_OK) ++ok;
+        ++sent;
+      }
+    });
+  }
+  for (int round = 0; round < 200; ++round) {
+    cfm_set_tx_hook([&](CfmTxSide, const uint8_t *, size_t len) { return ++first, len == 64; });
+    std::this_thread::yield();
+    cfm_set_tx_hook([&](CfmTxSide, const uint8_t *, size_t len) { return ++second, len == 64; });
+    std::this_thread::yield();
+    cfm_set_tx_hook(nullptr);  // the LAN socket is not open: those sends fail
+  }
+  stop = true;
+  for (auto &t : senders) t.join();
+  EXPECT_EQ(ok.load(), first.load() + second.load());
+  EXPECT_GT(sent.load(), 0);
+}
+
+}  // namespace

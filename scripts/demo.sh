@@ -76,8 +76,9 @@ for ns in "$NS_A" "$NS_B"; do
   ip -n "$ns" link set wan0 up
 done
 
-# Starts router $1 in namespace $2: its own /var (a directory of the work
-# area bind-mounted over /var), the configuration tree under /var/tree.
+# Starts router $1 in namespace $2 and sets PID_$1: its own /var (a directory
+# of the work area bind-mounted over /var), the configuration tree under
+# /var/tree. ip, unshare and sh each exec the next, so the pid is cfmd's.
 start_router() {
   local r="$1" ns="$2" var="$WORK/$1/var"
   mkdir -p "$var/tmp/cfm" "$var/tree"
@@ -85,10 +86,10 @@ start_router() {
   ip netns exec "$ns" unshare --mount --propagation private \
     sh -c "mount --bind '$var' /var && exec '$WORK/bin/cfmd' -i wan0 -e -t /var/tree" \
     >"$WORK/$r.log" 2>&1 &
-  echo $!
+  printf -v "PID_$r" '%s' "$!"
 }
-PID_A="$(start_router A "$NS_A")"
-PID_B="$(start_router B "$NS_B")"
+start_router A "$NS_A"
+start_router B "$NS_B"
 
 for r in A B; do
   for _ in $(seq 50); do [ -S "$WORK/$r/var/cfm_socket" ] && break; sleep 0.1; done
@@ -112,6 +113,14 @@ show() {
   ctl "$r" "$@"
   printf '\n-- router %s: %s (cfmctl %s)\n' "$r" "$title" "$*"
   printf '%s\n' "$REPLY_TEXT" | sed '/^$/d; s/^/   /'
+}
+# has [-x] TEXT : true when the last report holds TEXT (fixed string; -x: a
+# whole line). A here-string, not a pipe: with pipefail an early grep exit
+# would fail the writer.
+has() {
+  local opt=-qF
+  [ "$1" = -x ] && { opt=-qxF; shift; }
+  grep "$opt" -- "$1" <<<"$REPLY_TEXT"
 }
 mep_key() {  # mep_key MEPID DIRECTION : the eleven key words of a MEP
   echo "1 md 1 ma $1 port 1 vid $VID dir $2"
@@ -138,7 +147,7 @@ show A "MEPs, CCM block" showmep 1
 say "waiting until each router has learned the other's MEP from its CCMs"
 learned() {  # learned R REMOTE_MEPID
   ctl "$1" showremotemep
-  printf '%s\n' "$REPLY_TEXT" | grep -q "RemoteMepID : $2\$"
+  has -x " RemoteMepID : $2"
 }
 for _ in $(seq 30); do
   if learned A 2 && learned B 1; then break; fi
@@ -147,9 +156,9 @@ done
 learned A 2 || fail "router A has not learned MEP 2"
 learned B 1 || fail "router B has not learned MEP 1"
 show A "remote MEPs" showremotemep
-printf '%s\n' "$REPLY_TEXT" | grep -q "SrcMacAddress : $MAC_B" || fail "A's remote MEP 2 is not at $MAC_B"
+has "SrcMacAddress : $MAC_B" || fail "A's remote MEP 2 is not at $MAC_B"
 show B "remote MEPs" showremotemep
-printf '%s\n' "$REPLY_TEXT" | grep -q "SrcMacAddress : $MAC_A" || fail "B's remote MEP 1 is not at $MAC_A"
+has "SrcMacAddress : $MAC_A" || fail "B's remote MEP 1 is not at $MAC_A"
 
 # --- loopback -------------------------------------------------------------
 say "loopback: $LB_COUNT LBMs from A (MEP 1) to B ($MAC_B), one per second"
@@ -158,7 +167,7 @@ ctl A configmep $(mep_key 1 100) options 5 51 7 "$LB_COUNT" 6 "$MAC_B" 15 demo-d
 [ -z "$REPLY_TEXT" ] || fail "starting the loopback: $REPLY_TEXT"
 runtime() {  # runtime R SELECTOR : the value of the router's only MEP
   ctl "$1" runtime "$2"
-  printf '%s\n' "$REPLY_TEXT" | head -n 1
+  head -n 1 <<<"$REPLY_TEXT"
 }
 # The run sends one LBM per tick and ends five ticks after the last one.
 finished=""
@@ -173,10 +182,10 @@ show A "loopback block" showmep 3
 [ -n "$finished" ] || fail "the loopback run on A did not end with $LB_COUNT replies"
 for line in "LBM Transmit Result    : Success" "Total number of valid LBR In            : $LB_COUNT" \
   "Total number of valid LBR InOutOfOrder  : 0" "Total number of Bad LBR Msdu            : 0"; do
-  printf '%s\n' "$REPLY_TEXT" | grep -qF "$line" || fail "A's loopback report lacks '$line'"
+  has "$line" || fail "A's loopback report lacks '$line'"
 done
 show B "loopback block (LBRs it sent)" showmep 3
-printf '%s\n' "$REPLY_TEXT" | grep -qF "Total number of Transmit LBR number     : $LB_COUNT" ||
+has "Total number of Transmit LBR number     : $LB_COUNT" ||
   fail "B did not count $LB_COUNT LBRs sent"
 
 # --- linktrace ------------------------------------------------------------
@@ -187,15 +196,15 @@ ctl A configmep $(mep_key 1 100) options 10 "$MAC_B" 12 121
 hit=""
 for _ in $(seq 20); do
   ctl A showltr
-  if printf '%s\n' "$REPLY_TEXT" | grep -q "Relay action: Hit"; then hit=yes; break; fi
+  if has "Relay action: Hit"; then hit=yes; break; fi
   sleep 0.2
 done
 show A "linktrace block" showmep 2
-printf '%s\n' "$REPLY_TEXT" | grep -q "Result: Success" || fail "A's linktrace was not sent"
+has "Result: Success" || fail "A's linktrace was not sent"
 show A "linktrace replies" showltr
 [ -n "$hit" ] || fail "no linktrace reply from B reached A"
 for line in "Terminal: MEP" "Last Egress ID : $MAC_A" "Next Egress ID : $MAC_B" "LTR TTL : 63"; do
-  printf '%s\n' "$REPLY_TEXT" | grep -qF "$line" || fail "A's linktrace reply lacks '$line'"
+  has "$line" || fail "A's linktrace reply lacks '$line'"
 done
 printf '\n-- router A: the replies as exported to its configuration tree (cfmctl --export ltr)\n'
 "$WORK/bin/cfmctl" -s "$WORK/A/var/cfm_socket" -t "$WORK/A/var/tree" --export ltr | sed 's/^/   /' ||

@@ -29,19 +29,24 @@ fail() {
 }
 
 [ "$(id -u)" -eq 0 ] || { echo "demo.sh needs root (network namespaces): sudo $0" >&2; exit 1; }
-for tool in ip unshare mount cmake; do
+for tool in ip unshare mount cmake c++; do
   command -v "$tool" >/dev/null || { echo "demo.sh needs '$tool'" >&2; exit 1; }
 done
 
 # --- build if needed ------------------------------------------------------
-if [ -x "$ROOT/build/cfmd" ] && [ -x "$ROOT/build/cfmctl" ]; then
+# An existing build/ is brought up to date; otherwise the two programs are
+# built in build-demo/ without the tests (which would need GoogleTest).
+if [ -f "$ROOT/build/CMakeCache.txt" ]; then
   BUILD="$ROOT/build"
 else
   BUILD="$ROOT/build-demo"
-  say "building cfmd and cfmctl in $BUILD"
-  cmake -S "$ROOT" -B "$BUILD" -DCFMD_TESTS=OFF >/dev/null || fail "cmake configure"
-  cmake --build "$BUILD" -j 2 --target cfmd cfmctl >/dev/null || fail "build"
+  [ -f "$BUILD/CMakeCache.txt" ] || {
+    say "configuring $BUILD"
+    cmake -S "$ROOT" -B "$BUILD" -DCFMD_TESTS=OFF >/dev/null || fail "cmake could not configure $BUILD"
+  }
 fi
+say "building cfmd and cfmctl in $BUILD (if needed)"
+cmake --build "$BUILD" -j 2 --target cfmd cfmctl >/dev/null || fail "the build failed (cmake --build $BUILD)"
 
 # --- the lab --------------------------------------------------------------
 WORK="$(mktemp -d /tmp/cfmdemo.XXXXXX)"

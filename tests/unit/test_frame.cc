@@ -17,12 +17,6 @@ TEST(Frame, TagAndEtherTypeBytes) {
   EXPECT_FALSE(cfm_is_cfm_ethertype(0x02, 0x89));
   EXPECT_FALSE(cfm_is_cfm_ethertype(0x89, 0x03));
 
-  uint8_t tci[2] = {cfm::tci_high(5, 0xABC), cfm::tci_low(0xABC)};
-  EXPECT_EQ(cfm::tci_priority(tci), 5);
-  EXPECT_EQ(cfm::tci_vid(tci), 0xABC);
-  EXPECT_EQ(cfm::cfm_level(cfm::cfm_level_version(6)), 6);
-  EXPECT_EQ(cfm::cfm_version(0x40 | 0x1f), 0x1f);
-
   setFrameType(CFM_FRAME_TYPE_8023);
   EXPECT_EQ(cfm::cfm_offsets().opcode, 23u);
   setDefaultFrameType();

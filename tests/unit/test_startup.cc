@@ -141,28 +141,6 @@ TEST_F(StartupInput, FrameTypeOption) {
   EXPECT_EQ(parse({"-f", "8023", "-f", "802", "-i", "w"}).frame_type, CFM_FRAME_TYPE_UNKNOWN);
 }
 
-TEST_F(StartupInput, FrameTypeFallsBackToFileThenDefault) {
-  // What main does after the options: the file only when -f gave nothing.
-  auto resolve = [](int from_option, const char *file_text) {
-    int type = from_option;
-    TempFile file(file_text == nullptr ? "" : file_text);
-    if (isUnknownFrameType(type)) readFrameTypeFileAt(file_text == nullptr ? "/nonexistent/ft" : file.path(), &type);
-    if (isUnknownFrameType(type)) {
-      setDefaultFrameType();
-    } else {
-      setFrameType(type);
-    }
-    return getFrameType();
-  };
-  EXPECT_EQ(resolve(CFM_FRAME_TYPE_ETH, "8023\n"), CFM_FRAME_TYPE_ETH);
-  EXPECT_EQ(resolve(CFM_FRAME_TYPE_8023, "eth\n"), CFM_FRAME_TYPE_8023);
-  EXPECT_EQ(resolve(CFM_FRAME_TYPE_UNKNOWN, "8023\n"), CFM_FRAME_TYPE_8023);
-  EXPECT_TRUE(is8023Frame());
-  EXPECT_EQ(resolve(CFM_FRAME_TYPE_UNKNOWN, "bogus\n"), CFM_FRAME_TYPE_ETH);
-  EXPECT_EQ(resolve(CFM_FRAME_TYPE_UNKNOWN, nullptr), CFM_FRAME_TYPE_ETH);
-  EXPECT_FALSE(is8023Frame());
-}
-
 TEST_F(StartupInput, PvcMacFile) {
   const uint8_t a[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
   const uint8_t b[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x66};
@@ -218,23 +196,6 @@ TEST_F(StartupInput, PvcMacFile) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(cfm_read_pvc_mac_at("/nonexistent/pvc_mac"), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Open /nonexistent/pvc_mac fail\n");
-}
-
-TEST_F(StartupInput, PvcMacMatchTraceFollowsDebugFlag) {
-  TempFile file("1\n00:11:22:33:44:55\n");
-  ASSERT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
-  const uint8_t a[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-  const uint8_t other[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x56};
-  cfm_debug_msg = 1;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(checkPvcMac(a), 1);
-  EXPECT_EQ(checkPvcMac(other), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "match mac\nnot match mac\n");
-  cfm_debug_msg = 0;
-  testing::internal::CaptureStdout();
-  checkPvcMac(a);
-  checkPvcMac(other);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
 }  // namespace

@@ -160,8 +160,9 @@ bool IsCfmFrame(const Frame &frame) {
   }
   if (frame.size() < pos + 2) return false;
   if (frame[pos] == 0x89 && frame[pos + 1] == 0x02) return true;
-  // 802.3 length, LLC/SNAP, then the protocol.
-  return frame.size() >= pos + 10 && frame[pos + 8] == 0x89 && frame[pos + 9] == 0x02;
+  // 802.3 length (at most 1500), LLC/SNAP, then the protocol.
+  bool length_field = ((frame[pos] << 8) | frame[pos + 1]) <= 1500;
+  return length_field && frame.size() >= pos + 10 && frame[pos + 8] == 0x89 && frame[pos + 9] == 0x02;
 }
 
 std::string Hex(const Frame &frame) {

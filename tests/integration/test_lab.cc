@@ -25,6 +25,8 @@ TEST_F(Lab, PeerSeesOnlyCfmFramesAndNotItsOwn) {
   Frame ipv4(60, 0);
   ipv4[0] = 0xff;
   ipv4[12] = 0x08;
+  ipv4[20] = 0x89;  // looks like a SNAP protocol, but 0x0800 is no length
+  ipv4[21] = 0x02;
   Frame cfm = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x30, 2, 0, 0, 0, 0, 1, 0x81, 0x00, 0x00, 0x05, 0x89, 0x02};
   cfm.resize(64, 0);
   Frame llc = cfm;  // 802.3 length and LLC/SNAP before the EtherType

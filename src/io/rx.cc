@@ -46,9 +46,10 @@ enum class Verdict { NotCfm, Local, ForwardToLan };
 constexpr size_t kUntaggedOpcodeEth = 15;
 constexpr size_t kUntaggedOpcode8023 = 23;
 
+// Frame dumps as the transmit side prints them: 16 bytes a line.
 void dump_bytes(const uint8_t *bytes, size_t length, const char *format) {
   for (size_t i = 0; i < length; ++i) {
-    if (i % 16 == 0) printf("\n");
+    if (i != 0 && i % 16 == 0) printf("\n");
     printf(format, bytes[i]);
   }
 }

@@ -33,14 +33,14 @@ ctl createmd 1 0 7 0 md7
 ctl createma 1 0 1 0 ma1
 ctl createmep 1 0 1 0 5 0 1 0 0 0 1
 
-ticks() { awk '{ print $14 + $15 }' "/proc/$PID/stat"; }
-HZ=$(getconf CLK_TCK)
+# CPU time of every thread of the daemon, in nanoseconds.
+cpu_ns() { cat /proc/$PID/task/*/schedstat | awk '{ sum += $1 } END { printf "%d", sum }'; }
 sleep 1
-T0=$(ticks)
+T0=$(cpu_ns)
 sleep "$IDLE"
-T1=$(ticks)
-echo "idle: $((T1 - T0)) clock ticks of $HZ/s over ${IDLE}s =" \
-  "$(awk -v t=$((T1 - T0)) -v hz="$HZ" -v s="$IDLE" 'BEGIN { printf "%.3f%% of one core", 100 * t / hz / s }')"
+T1=$(cpu_ns)
+awk -v ns=$((T1 - T0)) -v s="$IDLE" \
+  'BEGIN { printf "idle: %.3f ms of CPU over %ds = %.4f%% of one core\n", ns / 1e6, s, 100 * ns / 1e9 / s }'
 
 python3 - "$FRAMES" <<'PY'
 import socket, struct, sys, time

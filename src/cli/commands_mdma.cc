@@ -32,10 +32,11 @@ uint8_t ccm_interval(int32_t value) { return value >= 29 && value <= 34 ? static
 // and clearing the rest of those bytes.
 void copy_name(char *field, size_t size, const char *text) { strncpy(field, text, size); }
 
-// Walks the option pairs from `arg`. `apply` returns 1 for a known code
-// (its value was used), 0 for an unknown code (passed over alone), and a
-// negative CliArgStatus value through `status` when the value is missing or
-// of the wrong kind. Returns false after reporting a guard failure.
+// Walks the option pairs from `arg`. For each code, `apply(code, value_arg,
+// &known)` sets `known` when the code takes the next word as its value (an
+// unknown code is passed over alone) and returns kMissing or kInvalid when
+// that value is absent or of the wrong kind. Returns false after reporting
+// such a failure; the caller then writes nothing.
 template <typename Apply>
 bool walk_options(FILE *out, CliArg *arg, Apply apply) {
   while (arg != nullptr) {

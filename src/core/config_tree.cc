@@ -205,11 +205,10 @@ bool ConfigTree::attachDirectory(const std::string &dir) {
   fs::path root = fs::absolute(dir, ec);
   if (ec || !fs::is_directory(root, ec) || access(root.c_str(), W_OK | X_OK) != 0) return false;
   std::string text = root.lexically_normal().string();
-  while (text.size() > 1 && text.back() == '/') text.pop_back();
-  if (text == "/") text.clear();  // keys begin with '/' already
+  while (!text.empty() && text.back() == '/') text.pop_back();
+  // The file system root is refused: an empty prefix means detached.
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_root = text.empty() ? std::string() : text;
-  // A root of "/" is refused rather than served as an empty prefix.
+  g_root = text;
   g_attached.store(!g_root.empty());
   return !g_root.empty();
 }

@@ -29,19 +29,24 @@ fail() {
 }
 
 [ "$(id -u)" -eq 0 ] || { echo "demo.sh needs root (network namespaces): sudo $0" >&2; exit 1; }
-for tool in ip unshare mount cmake; do
+for tool in ip unshare mount cmake c++; do
   command -v "$tool" >/dev/null || { echo "demo.sh needs '$tool'" >&2; exit 1; }
 done
 
 # --- build if needed ------------------------------------------------------
-if [ -x "$ROOT/build/cfmd" ] && [ -x "$ROOT/build/cfmctl" ]; then
+# An existing build/ is brought up to date; otherwise the two programs are
+# built in build-demo/ without the tests (which would need GoogleTest).
+if [ -f "$ROOT/build/CMakeCache.txt" ]; then
   BUILD="$ROOT/build"
 else
   BUILD="$ROOT/build-demo"
-  say "building cfmd and cfmctl in $BUILD"
-  cmake -S "$ROOT" -B "$BUILD" -DCFMD_TESTS=OFF >/dev/null || fail "cmake configure"
-  cmake --build "$BUILD" -j 2 --target cfmd cfmctl >/dev/null || fail "build"
+  [ -f "$BUILD/CMakeCache.txt" ] || {
+    say "configuring $BUILD"
+    cmake -S "$ROOT" -B "$BUILD" -DCFMD_TESTS=OFF >/dev/null || fail "cmake could not configure $BUILD"
+  }
 fi
+say "building cfmd and cfmctl in $BUILD (if needed)"
+cmake --build "$BUILD" -j 2 --target cfmd cfmctl >/dev/null || fail "the build failed (cmake --build $BUILD)"
 
 # --- the lab --------------------------------------------------------------
 WORK="$(mktemp -d /tmp/cfmdemo.XXXXXX)"
@@ -76,8 +81,9 @@ for ns in "$NS_A" "$NS_B"; do
   ip -n "$ns" link set wan0 up
 done
 
-# Starts router $1 in namespace $2: its own /var (a directory of the work
-# area bind-mounted over /var), the configuration tree under /var/tree.
+# Starts router $1 in namespace $2 and sets PID_$1: its own /var (a directory
+# of the work area bind-mounted over /var), the configuration tree under
+# /var/tree. ip, unshare and sh each exec the next, so the pid is cfmd's.
 start_router() {
   local r="$1" ns="$2" var="$WORK/$1/var"
   mkdir -p "$var/tmp/cfm" "$var/tree"
@@ -85,10 +91,10 @@ start_router() {
   ip netns exec "$ns" unshare --mount --propagation private \
     sh -c "mount --bind '$var' /var && exec '$WORK/bin/cfmd' -i wan0 -e -t /var/tree" \
     >"$WORK/$r.log" 2>&1 &
-  echo $!
+  printf -v "PID_$r" '%s' "$!"
 }
-PID_A="$(start_router A "$NS_A")"
-PID_B="$(start_router B "$NS_B")"
+start_router A "$NS_A"
+start_router B "$NS_B"
 
 for r in A B; do
   for _ in $(seq 50); do [ -S "$WORK/$r/var/cfm_socket" ] && break; sleep 0.1; done
@@ -112,6 +118,14 @@ show() {
   ctl "$r" "$@"
   printf '\n-- router %s: %s (cfmctl %s)\n' "$r" "$title" "$*"
   printf '%s\n' "$REPLY_TEXT" | sed '/^$/d; s/^/   /'
+}
+# has [-x] TEXT : true when the last report holds TEXT (fixed string; -x: a
+# whole line). A here-string, not a pipe: with pipefail an early grep exit
+# would fail the writer.
+has() {
+  local opt=-qF
+  [ "$1" = -x ] && { opt=-qxF; shift; }
+  grep "$opt" -- "$1" <<<"$REPLY_TEXT"
 }
 mep_key() {  # mep_key MEPID DIRECTION : the eleven key words of a MEP
   echo "1 md 1 ma $1 port 1 vid $VID dir $2"
@@ -138,7 +152,7 @@ show A "MEPs, CCM block" showmep 1
 say "waiting until each router has learned the other's MEP from its CCMs"
 learned() {  # learned R REMOTE_MEPID
   ctl "$1" showremotemep
-  printf '%s\n' "$REPLY_TEXT" | grep -q "RemoteMepID : $2\$"
+  has -x " RemoteMepID : $2"
 }
 for _ in $(seq 30); do
   if learned A 2 && learned B 1; then break; fi
@@ -147,9 +161,9 @@ done
 learned A 2 || fail "router A has not learned MEP 2"
 learned B 1 || fail "router B has not learned MEP 1"
 show A "remote MEPs" showremotemep
-printf '%s\n' "$REPLY_TEXT" | grep -q "SrcMacAddress : $MAC_B" || fail "A's remote MEP 2 is not at $MAC_B"
+has "SrcMacAddress : $MAC_B" || fail "A's remote MEP 2 is not at $MAC_B"
 show B "remote MEPs" showremotemep
-printf '%s\n' "$REPLY_TEXT" | grep -q "SrcMacAddress : $MAC_A" || fail "B's remote MEP 1 is not at $MAC_A"
+has "SrcMacAddress : $MAC_A" || fail "B's remote MEP 1 is not at $MAC_A"
 
 # --- loopback -------------------------------------------------------------
 say "loopback: $LB_COUNT LBMs from A (MEP 1) to B ($MAC_B), one per second"
@@ -158,7 +172,7 @@ ctl A configmep $(mep_key 1 100) options 5 51 7 "$LB_COUNT" 6 "$MAC_B" 15 demo-d
 [ -z "$REPLY_TEXT" ] || fail "starting the loopback: $REPLY_TEXT"
 runtime() {  # runtime R SELECTOR : the value of the router's only MEP
   ctl "$1" runtime "$2"
-  printf '%s\n' "$REPLY_TEXT" | head -n 1
+  head -n 1 <<<"$REPLY_TEXT"
 }
 # The run sends one LBM per tick and ends five ticks after the last one.
 finished=""
@@ -173,10 +187,10 @@ show A "loopback block" showmep 3
 [ -n "$finished" ] || fail "the loopback run on A did not end with $LB_COUNT replies"
 for line in "LBM Transmit Result    : Success" "Total number of valid LBR In            : $LB_COUNT" \
   "Total number of valid LBR InOutOfOrder  : 0" "Total number of Bad LBR Msdu            : 0"; do
-  printf '%s\n' "$REPLY_TEXT" | grep -qF "$line" || fail "A's loopback report lacks '$line'"
+  has "$line" || fail "A's loopback report lacks '$line'"
 done
 show B "loopback block (LBRs it sent)" showmep 3
-printf '%s\n' "$REPLY_TEXT" | grep -qF "Total number of Transmit LBR number     : $LB_COUNT" ||
+has "Total number of Transmit LBR number     : $LB_COUNT" ||
   fail "B did not count $LB_COUNT LBRs sent"
 
 # --- linktrace ------------------------------------------------------------
@@ -187,15 +201,15 @@ ctl A configmep $(mep_key 1 100) options 10 "$MAC_B" 12 121
 hit=""
 for _ in $(seq 20); do
   ctl A showltr
-  if printf '%s\n' "$REPLY_TEXT" | grep -q "Relay action: Hit"; then hit=yes; break; fi
+  if has "Relay action: Hit"; then hit=yes; break; fi
   sleep 0.2
 done
 show A "linktrace block" showmep 2
-printf '%s\n' "$REPLY_TEXT" | grep -q "Result: Success" || fail "A's linktrace was not sent"
+has "Result: Success" || fail "A's linktrace was not sent"
 show A "linktrace replies" showltr
 [ -n "$hit" ] || fail "no linktrace reply from B reached A"
 for line in "Terminal: MEP" "Last Egress ID : $MAC_A" "Next Egress ID : $MAC_B" "LTR TTL : 63"; do
-  printf '%s\n' "$REPLY_TEXT" | grep -qF "$line" || fail "A's linktrace reply lacks '$line'"
+  has "$line" || fail "A's linktrace reply lacks '$line'"
 done
 printf '\n-- router A: the replies as exported to its configuration tree (cfmctl --export ltr)\n'
 "$WORK/bin/cfmctl" -s "$WORK/A/var/cfm_socket" -t "$WORK/A/var/tree" --export ltr | sed 's/^/   /' ||

@@ -42,13 +42,10 @@ std::atomic<int> g_rx_fd{-1};  // the WAN receive socket
 
 enum class Verdict { NotCfm, Local, ForwardToLan };
 
-// Offsets in the untagged copy where the opcode is read.
-constexpr size_t kUntaggedOpcodeEth = 15;
-constexpr size_t kUntaggedOpcode8023 = 23;
-
+// Frame dumps as the transmit side prints them: 16 bytes a line.
 void dump_bytes(const uint8_t *bytes, size_t length, const char *format) {
   for (size_t i = 0; i < length; ++i) {
-    if (i % 16 == 0) printf("\n");
+    if (i != 0 && i % 16 == 0) printf("\n");
     printf(format, bytes[i]);
   }
 }
@@ -262,7 +259,7 @@ uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *
 
 void cfm_dispatch_packet(CfmPacket *packet) {
   if (packet == nullptr) return;
-  size_t opcode_at = is8023Frame() ? kUntaggedOpcode8023 : kUntaggedOpcodeEth;
+  size_t opcode_at = cfm_offsets().opcode;
   if (packet->buffer != nullptr && packet->length > opcode_at) {
     uint8_t opcode = packet->buffer[opcode_at];
     GlobalEntry global;

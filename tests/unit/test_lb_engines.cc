@@ -144,14 +144,6 @@ TEST_F(Responder, SendsOnlyWhenAllowed) {
   EXPECT_EQ(read_mep(up).LbrOut, 1u);
 }
 
-TEST(LbmGroupAddress, LevelsAndNulls) {
-  const uint8_t g3[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x33};
-  EXPECT_EQ(cfm_check_lbm_group_address(3, g3), 1);
-  EXPECT_EQ(cfm_check_lbm_group_address(2, g3), 0);
-  EXPECT_EQ(cfm_check_lbm_group_address(-1, g3), 0);
-  EXPECT_EQ(cfm_check_lbm_group_address(3, nullptr), 0);
-}
-
 class Initiator : public EngineTest {
  protected:
   MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7) {
@@ -227,6 +219,23 @@ TEST_F(Initiator, TargetResolution) {
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(Bytes(sent[0].frame.begin(), sent[0].frame.begin() + 6), mac(kSelf));
   }
+
+  // The local-target flag of a tick stays set for the MEPs after the one
+  // that set it: MEP 2's remote target is addressed like MEP 1's local one.
+  clear_tables();
+  sent.clear();
+  start_run(1, kSelf, "");
+  MepEntry second = add_mep(1, 1, 2, 1, 100, 1);
+  second.LbmTransmitStatus = 1;
+  second.LbmMessages = 2;
+  memcpy(second.LbmTargetMac, kPeer, 6);
+  CFM_Update_MEP_Entry(&second);
+  CFM_LBI_XMIT_Check();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(Bytes(sent[1].frame.begin(), sent[1].frame.begin() + 6), mac(kSelf));
+  CFM_LBI_XMIT_Check();  // the next tick starts with the flags cleared
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(Bytes(sent[2].frame.begin(), sent[2].frame.begin() + 6), mac(kPeer));
 }
 
 TEST_F(Initiator, UnresolvableRunAndFailedSend) {

@@ -64,9 +64,15 @@ Frame LbmBody(uint32_t id) { return Cat(Id(id), {1, 0, 1, 0, 3, 0, 4, 'p', 'i', 
 
 class LbLt : public Lab {
  protected:
-  void SetUp() override {
-    Lab::SetUp();
-    if (IsSkipped()) return;
+  void TearDown() override {
+    if (!IsSkipped() && Running()) {
+      // A sanitizer build of the daemon reports faults, and at exit leaks,
+      // on its standard error.
+      Stop();
+      EXPECT_EQ(Errors().find("Sanitizer"), std::string::npos) << Errors();
+      EXPECT_EQ(Errors().find("runtime error"), std::string::npos) << Errors();
+    }
+    Lab::TearDown();
   }
   // MD 1 at level 2, MA 1, MEP 1 on port 1, VID 100, Down (or Up).
   void Start(const std::string &direction = "1", std::vector<std::string> args = DefaultArgs()) {
@@ -250,9 +256,6 @@ TEST_F(LbLt, LtmsThatGetNoLtr) {
   Frame no_egress = Ltm(kLtmGroup2, kWanMac);
   no_egress[39] = 1;  // a Sender ID TLV instead
   ExpectNothing(no_egress, "no egress identifier", 4);
-  Frame cut = Ltm(kLtmGroup2, kWanMac);
-  cut.resize(45);
-  ExpectNothing(cut, "egress identifier cut", 4);
   Frame long_tlv = Ltm(kLtmGroup2, kWanMac);
   long_tlv[41] = 0xFF;
   ExpectNothing(long_tlv, "TLV length past the frame", 4);

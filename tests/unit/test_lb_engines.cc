@@ -144,14 +144,6 @@ TEST_F(Responder, SendsOnlyWhenAllowed) {
   EXPECT_EQ(read_mep(up).LbrOut, 1u);
 }
 
-TEST(LbmGroupAddress, LevelsAndNulls) {
-  const uint8_t g3[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x33};
-  EXPECT_EQ(cfm_check_lbm_group_address(3, g3), 1);
-  EXPECT_EQ(cfm_check_lbm_group_address(2, g3), 0);
-  EXPECT_EQ(cfm_check_lbm_group_address(-1, g3), 0);
-  EXPECT_EQ(cfm_check_lbm_group_address(3, nullptr), 0);
-}
-
 class Initiator : public EngineTest {
  protected:
   MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7) {

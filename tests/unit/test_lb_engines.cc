@@ -219,6 +219,23 @@ TEST_F(Initiator, TargetResolution) {
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(Bytes(sent[0].frame.begin(), sent[0].frame.begin() + 6), mac(kSelf));
   }
+
+  // The local-target flag of a tick stays set for the MEPs after the one
+  // that set it: MEP 2's remote target is addressed like MEP 1's local one.
+  clear_tables();
+  sent.clear();
+  start_run(1, kSelf, "");
+  MepEntry second = add_mep(1, 1, 2, 1, 100, 1);
+  second.LbmTransmitStatus = 1;
+  second.LbmMessages = 2;
+  memcpy(second.LbmTargetMac, kPeer, 6);
+  CFM_Update_MEP_Entry(&second);
+  CFM_LBI_XMIT_Check();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(Bytes(sent[1].frame.begin(), sent[1].frame.begin() + 6), mac(kSelf));
+  CFM_LBI_XMIT_Check();  // the next tick starts with the flags cleared
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(Bytes(sent[2].frame.begin(), sent[2].frame.begin() + 6), mac(kPeer));
 }
 
 TEST_F(Initiator, UnresolvableRunAndFailedSend) {

@@ -151,14 +151,15 @@ struct Hits {
 
 enum class Pending { SameLevel, LowerLevel };
 
-// Cases A and B for one MEP against the MD and MA indexes (md_id, ma_id).
-// Returns true when the MEP was handed to the dispatcher.
-bool apply_cases(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, uint32_t md_id, uint32_t ma_id,
+// Cases A and B for one MEP against the MD and MA indexes (md_id, ma_id):
+// a MEP on the receiving port, or an Up MEP on another port, with the
+// received VID and a MEPID other than the sender's takes the CCM.
+void apply_cases(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, uint32_t md_id, uint32_t ma_id,
                  Pending pending, Hits *hits) {
-  if (mep->md_id != md_id || mep->ma_id != ma_id || mep->vid != ccm.vid || mep->mep_id == ccm.mep_id) return false;
+  if (mep->md_id != md_id || mep->ma_id != ma_id || mep->vid != ccm.vid || mep->mep_id == ccm.mep_id) return;
   bool direct = mep->port == ccm.port;
   bool up = !direct && mep->direction == CFM_DIRECTION_UP;
-  if (!direct && !up) return false;
+  if (!direct && !up) return;
   if (pending == Pending::SameLevel) {
     g_same_level_pending = 1;
   } else {
@@ -172,7 +173,6 @@ bool apply_cases(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, 
   } else {
     hits->up++;
   }
-  return true;
 }
 
 // Walks the MEP table to its end from (md_id, ma_id, port P, VID V), applying

@@ -34,6 +34,9 @@ constexpr int kWanTraceLine = 285;
 constexpr int kLanTraceLine = 352;
 constexpr int kGenericTraceLine = 464;
 
+// No link takes more in one frame; a larger length is a caller's fault.
+constexpr uint32_t kMaxSendLength = 65535;
+
 struct SendPath {
   CfmTxSide side;
   const char *banner;
@@ -60,6 +63,7 @@ int wan_send_socket() {
 // is taken out and the wire length kept, so 4 zero bytes trail the frame.
 // Returns the wire length, 0 when the buffer cannot be had.
 size_t build_wire_frame(const uint8_t *frame, uint32_t length, uint8_t **out) {
+  if (length > kMaxSendLength) return 0;
   size_t wire_len = length < cfm::kMinFrame ? cfm::kMinFrame : length;
   auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(wire_len));
   if (buf == nullptr) return 0;

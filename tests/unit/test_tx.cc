@@ -90,6 +90,7 @@ TEST_F(TxHook, PaddingAndVidZeroRemoval) {
   ASSERT_EQ(wire.size(), 64u);
   EXPECT_TRUE(std::equal(tiny.begin(), tiny.end(), wire.begin()));
   EXPECT_EQ(CFM_Send_Packet_To_WAN(nullptr, 64, 0), CFM_ERR_FAILURE);
+  EXPECT_EQ(CFM_Send_Packet_To_WAN(tiny.data(), 0xFFFFFFFFu, 0), CFM_ERR_FAILURE);  // never read
 }
 
 TEST_F(TxHook, SideAndResultComeFromTheHook) {

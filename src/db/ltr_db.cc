@@ -2,11 +2,13 @@
 // that sent the LTM, the LTM's transaction ID and the reply number.
 #include "db/ltr_db.h"
 
-#include <cstring>
+#include <cstddef>
+#include <cstdint>
 
 #include "core/os.h"
 #include "core/status.h"
 #include "db/avl.h"
+#include "db/record_table.h"
 #include "db/rmep_db.h"
 
 namespace {
@@ -22,28 +24,12 @@ struct LtrKey {
 
 static_assert(offsetof(LtrEntry, ReplyNumber) == offsetof(LtrKey, ReplyNumber));
 
-OrderedTable *g_table = nullptr;
-int g_sem = -1;
-
-LtrKey key_of(const void *p) {
-  LtrKey key{};
-  memcpy(&key, p, sizeof key);
-  return key;
-}
-
-template <typename T>
-int order(T a, T b) {
-  return a < b ? -1 : (a > b ? 1 : 0);
-}
+RecordTable<LtrEntry, LtrKey> g_table;
 
 int compare(const void *a, const void *b, void * /*param*/) {
-  LtrKey x = key_of(a);
-  LtrKey y = key_of(b);
-  if (int c = order(x.md_id, y.md_id)) return c;
-  if (int c = order(x.ma_id, y.ma_id)) return c;
-  if (int c = order(x.mep_id, y.mep_id)) return c;
-  if (int c = order(x.sequence, y.sequence)) return c;
-  return order(x.ReplyNumber, y.ReplyNumber);
+  return compare_keys<LtrKey>(a, b, [](const LtrKey &k) {
+    return std::tie(k.md_id, k.ma_id, k.mep_id, k.sequence, k.ReplyNumber);
+  });
 }
 
 uint32_t check(const void *entry) {
@@ -52,86 +38,46 @@ uint32_t check(const void *entry) {
   return CFM_OK;
 }
 
+uint32_t found(bool ok) { return ok ? CFM_DB_FOUND : CFM_DB_NOT_FOUND; }
+
 }  // namespace
 
 void cfm_ltr_db_Create() {
-  if (g_table == nullptr) g_table = UTL_AVLT_Create(compare, nullptr);
-}
-
-void cfm_ltr_db_Create_Semaphore() {
-  if (g_sem < 0) g_sem = CFM_OS_Create_Semaphore("cfmLtrDb", 1, 1);
-}
-
-void cfm_ltr_db_Empty() {
-  if (g_table == nullptr) return;
-  for (;;) {
-    void *item = nullptr;
-    {
-      SemLock lock(g_sem);
-      avlt_node *first = UTL_AVLT_Next(g_table, nullptr);
-      if (first != nullptr) item = UTL_AVLT_Delete(g_table, first->data);
-    }
-    if (item == nullptr) return;
-    CFM_OS_Deallocate_Memory(item);
+  if (g_table.tree == nullptr) {
+    g_table.tree = UTL_AVLT_Create(compare, nullptr);
+    g_table.capacity = CFM_MAX_LTR;
   }
 }
 
+void cfm_ltr_db_Create_Semaphore() {
+  if (g_table.sem < 0) g_table.sem = CFM_OS_Create_Semaphore("cfmLtrDb", 1, 1);
+}
+
+void cfm_ltr_db_Empty() { g_table.empty(); }
+
 uint32_t CFM_DB_Get_LtrEntry(LtrEntry *entry) {
   if (uint32_t status = check(entry); status != CFM_OK) return status;
-  LtrKey key = key_of(entry);
-  SemLock lock(g_sem);
-  const avlt_node *node = UTL_AVLT_Find(g_table, &key);
-  if (node == nullptr) return CFM_DB_NOT_FOUND;
-  memcpy(entry, node->data, sizeof *entry);
-  return CFM_DB_FOUND;
+  return found(g_table.get(entry));
 }
 
 uint32_t CFM_DB_GetNext_LtrEntry(LtrEntry *entry) {
   if (uint32_t status = check(entry); status != CFM_OK) return status;
-  LtrKey key = key_of(entry);
-  SemLock lock(g_sem);
-  const avlt_node *node = UTL_AVLT_Next_Greater(g_table, &key);
-  if (node == nullptr) return CFM_DB_NOT_FOUND;
-  memcpy(entry, node->data, sizeof *entry);
-  return CFM_DB_FOUND;
+  return found(g_table.get_next(entry));
 }
 
 uint32_t CFM_DB_Update_LtrEntry(const LtrEntry *entry) {
   if (uint32_t status = check(entry); status != CFM_OK) return status;
-  LtrKey key = key_of(entry);
-  SemLock lock(g_sem);
-  avlt_node *node = UTL_AVLT_Find(g_table, &key);
-  if (node != nullptr) {
-    memcpy(node->data, entry, sizeof *entry);
-    return CFM_DB_FOUND;
-  }
-  if (UTL_AVLT_Count(g_table) >= static_cast<uint32_t>(CFM_MAX_LTR)) return CFM_DB_FULL;
-  void *copy = CFM_OS_Allocate_Memory(sizeof *entry);
-  if (copy == nullptr) return CFM_DB_FULL;
-  memcpy(copy, entry, sizeof *entry);
-  if (UTL_AVLT_Insert(g_table, copy) != nullptr) {
-    CFM_OS_Deallocate_Memory(copy);
-    return CFM_DB_FULL;
-  }
-  return CFM_DB_FOUND;
+  return g_table.update(entry) ? CFM_DB_FOUND : CFM_DB_FULL;
 }
 
 uint32_t CFM_DB_Del_LtrEntry(const LtrEntry *entry) {
   if (uint32_t status = check(entry); status != CFM_OK) return status;
-  LtrKey key = key_of(entry);
-  void *item = nullptr;
-  {
-    SemLock lock(g_sem);
-    item = UTL_AVLT_Delete(g_table, &key);
-  }
-  if (item == nullptr) return CFM_DB_NOT_FOUND;
-  CFM_OS_Deallocate_Memory(item);
-  return CFM_DB_FOUND;
+  return found(g_table.remove(entry));
 }
 
 uint32_t CFM_DB_Get_TotalLtrEntries() {
   if (!cfm_mep_db_ready()) return 0;
-  return UTL_AVLT_Count(g_table);
+  return g_table.count();
 }
 
 // On a full table the lowest-keyed reply goes first, then the update is tried

@@ -16,9 +16,11 @@ VID=100
 LEVEL=2
 LB_COUNT=5
 
-say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+# Bold headings only on a terminal, so a log file stays plain text.
+if [ -t 1 ]; then BOLD=$'\033[1m' RED=$'\033[1;31m' PLAIN=$'\033[0m'; else BOLD='' RED='' PLAIN=''; fi
+say() { printf '\n%s== %s%s\n' "$BOLD" "$*" "$PLAIN"; }
 fail() {
-  printf '\n\033[1;31mDEMO FAILED: %s\033[0m\n' "$*" >&2
+  printf '\n%sDEMO FAILED: %s%s\n' "$RED" "$*" "$PLAIN" >&2
   for r in A B; do
     if [ -n "${WORK:-}" ] && [ -f "$WORK/$r.log" ]; then
       printf -- '--- last output of router %s ---\n' "$r" >&2

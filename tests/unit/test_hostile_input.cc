@@ -1,0 +1,252 @@
+// Hostile input through the real entry points: mutated and truncated frames
+// of every dispatched opcode through classification and the engines, and
+// random request lines through the command runner, with populated tables so
+// the deep paths are reached. Every frame lives in a buffer of exactly its
+// length, so under the sanitizer build any read past what was received
+// aborts the test. CFMD_FUZZ_ITERATIONS and CFMD_FUZZ_SEED run it longer or
+// elsewhere.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "cli/server.h"
+#include "core/status.h"
+#include "engine_harness.h"
+#include "engines/ccm_rx.h"
+#include "engines/ccm_tx.h"
+#include "io/frame.h"
+
+namespace {
+
+using harness::Bytes;
+
+const auto *kEnv = ::testing::AddGlobalTestEnvironment(new harness::SemaphoreCleanup);
+
+unsigned long env_number(const char *name, unsigned long fallback) {
+  const char *text = getenv(name);
+  return text != nullptr ? strtoul(text, nullptr, 10) : fallback;
+}
+
+void append(Bytes &frame, std::initializer_list<uint8_t> bytes) { frame.insert(frame.end(), bytes); }
+void append_mac(Bytes &frame, const uint8_t *mac) { frame.insert(frame.end(), mac, mac + 6); }
+
+// A single-tagged frame with the common header; the body follows.
+Bytes header(const uint8_t *dst, uint8_t level, uint8_t opcode, uint8_t first_tlv) {
+  Bytes frame;
+  append_mac(frame, dst);
+  append_mac(frame, harness::kPeer);
+  append(frame, {0x81, 0x00, 0xA0, 100, 0x89, 0x02, static_cast<uint8_t>(level << 5), opcode, 0, first_tlv});
+  return frame;
+}
+
+Bytes ccm_seed() {
+  const uint8_t dst[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x32};
+  Bytes frame = header(dst, 2, cfm::kOpCcm, 70);
+  append(frame, {0, 0, 0, 7, 0, 9, 4, 3, 'm', 'd', '1', 2, 3, 'm', 'a', '1'});
+  frame.resize(18 + 70, 0);
+  append(frame, {2, 0, 1, 2, 4, 0, 1, 1, 0});
+  return frame;
+}
+
+Bytes lb_seed(uint8_t opcode, const uint8_t *dst) {
+  Bytes frame = header(dst, 2, opcode, 4);
+  append(frame, {0, 0, 0, 1, 1, 0, 4, 0, 0, 0, 0, 3, 0, 4, 'd', 'a', 't', 'a', 31, 0, 3, 0x0A, 0, 0, 0});
+  return frame;
+}
+
+Bytes ltm_seed() {
+  const uint8_t dst[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x3A};
+  Bytes frame = header(dst, 2, cfm::kOpLtm, 17);
+  append(frame, {0, 0, 0, 1, 64});
+  append_mac(frame, harness::kPeer);
+  append_mac(frame, harness::kSelf);
+  append(frame, {7, 0, 8, 0, 100});
+  append_mac(frame, harness::kPeer);
+  append(frame, {0});
+  return frame;
+}
+
+Bytes ltr_seed() {
+  Bytes frame = header(harness::kSelf, 2, cfm::kOpLtr, 6);
+  append(frame, {0, 0, 0, 1, 63, 1, 8, 0, 16});
+  frame.insert(frame.end(), 16, 0x22);
+  append(frame, {5, 0, 10, 1});
+  append_mac(frame, harness::kPeer);
+  append(frame, {3, 5, 'a', 'b', 'c', 6, 0, 7, 1});
+  append_mac(frame, harness::kPeer);
+  append(frame, {0});
+  return frame;
+}
+
+// The same frame behind a second tag.
+Bytes double_tagged(const Bytes &single) {
+  Bytes frame(single.begin(), single.begin() + 16);
+  append(frame, {0x81, 0x00, 0x20, 7});
+  frame.insert(frame.end(), single.begin() + 16, single.end());
+  return frame;
+}
+
+class HostileInput : public harness::EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    CFM_Create_MEP_SYC_Sem();
+    cfm_ccm_Init();
+    for (uint8_t level = 1; level <= 3; ++level) add_md(level, level);
+    MaNetEntry ma = {};
+    ma.MdIndex = 2;
+    ma.MaIndex = 1;
+    ma.MaFormat = 2;
+    snprintf(ma.MaName, sizeof ma.MaName, "ma1");
+    ma.CcmInterval = 4;
+    ASSERT_EQ(CFM_Set_MA_Net_Entry(&ma), 1);
+    for (uint32_t md = 1; md <= 3; ++md) {
+      MepEntry mep = add_mep(md, 1, static_cast<uint16_t>(md), 1, 100, md == 3 ? 2 : 1);
+      mep.CciEnabled = 1;
+      mep.LbmRunning = 1;
+      mep.LbmRemaining = 3;
+      mep.LbmWaitTicks = 5;
+      ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
+      LtrEntry placeholder = {};
+      placeholder.md_id = md;
+      placeholder.ma_id = 1;
+      placeholder.mep_id = static_cast<uint16_t>(md);
+      placeholder.sequence = 1;
+      ASSERT_EQ(CFM_DB_Update_LtrEntry(&placeholder), CFM_DB_FOUND);
+    }
+    seeds = {ccm_seed(), lb_seed(cfm::kOpLbm, harness::kSelf), lb_seed(cfm::kOpLbr, harness::kSelf), ltm_seed(),
+             ltr_seed()};
+    size_t single = seeds.size();
+    for (size_t i = 0; i < single; ++i) seeds.push_back(double_tagged(seeds[i]));
+    quiet_stdout();
+  }
+  void TearDown() override {
+    restore_stdout();
+    EngineTest::TearDown();
+  }
+
+  // The engines print traces; keep the test log readable.
+  void quiet_stdout() {
+    fflush(stdout);
+    saved_stdout = dup(1);
+    int null_fd = open("/dev/null", O_WRONLY);
+    dup2(null_fd, 1);
+    close(null_fd);
+  }
+  void restore_stdout() {
+    if (saved_stdout < 0) return;
+    fflush(stdout);
+    dup2(saved_stdout, 1);
+    close(saved_stdout);
+    saved_stdout = -1;
+  }
+
+  Bytes mutate(std::mt19937 &rng) {
+    Bytes frame = seeds[rng() % seeds.size()];
+    unsigned flips = rng() % 9;
+    for (unsigned i = 0; i < flips; ++i) {
+      size_t at = rng() % frame.size();
+      // Length and offset fields are where parsers go wrong: favour extremes.
+      frame[at] = (rng() % 3 == 0) ? static_cast<uint8_t>(rng() % 2 ? 0xFF : 0x00) : static_cast<uint8_t>(rng());
+    }
+    if (rng() % 2 == 0) frame.resize(rng() % (frame.size() + 1));
+    return frame;
+  }
+
+  // Feeds one frame the way the receive task does, from a buffer that ends
+  // exactly where the frame ends.
+  static void receive(const Bytes &frame) {
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[frame.size()]);
+    if (!frame.empty()) memcpy(exact.get(), frame.data(), frame.size());
+    CfmPacket packet = {};
+    if (cfm_classify_wan_frame(exact.get(), frame.size(), &packet) == CFM_OK) cfm_dispatch_packet(&packet);
+  }
+
+  static void expect_mep_table_ordered() {
+    MepEntry mep = {};
+    MepEntry previous = {};
+    uint32_t walked = 0;
+    while (CFM_GetNext_MEP_Entry(&mep) == 1) {
+      if (walked > 0) {
+        EXPECT_GT(cfm_mep_key_compare(&mep, &previous, nullptr), 0);
+      }
+      previous = mep;
+      ++walked;
+    }
+    EXPECT_EQ(walked, CFM_Get_TotalMepEntries());
+    EXPECT_LE(walked, static_cast<uint32_t>(CFM_MAX_MEP));
+  }
+
+  std::vector<Bytes> seeds;
+  int saved_stdout = -1;
+};
+
+TEST_F(HostileInput, MutatedFramesOfEveryOpcodeNeverReadPastTheirEnd) {
+  std::mt19937 rng(static_cast<uint32_t>(env_number("CFMD_FUZZ_SEED", 20261122)));
+  unsigned long iterations = env_number("CFMD_FUZZ_ITERATIONS", 30000);
+  for (unsigned long i = 0; i < iterations; ++i) {
+    setFrameType(i % 7 == 0 ? CFM_FRAME_TYPE_8023 : CFM_FRAME_TYPE_ETH);
+    cfm_debug_msg = (i % 97 == 0) ? 1 : 0;
+    receive(mutate(rng));
+    if (i % 500 == 0) {
+      CFM_CCM_TIME_CHECK();
+      CFM_LBI_XMIT_Check();
+    }
+  }
+  cfm_debug_msg = 0;
+  setFrameType(CFM_FRAME_TYPE_ETH);
+  EXPECT_LE(CFM_MEP_DB_RemEntry_Count(), static_cast<uint32_t>(CFM_MAX_REMOTE_MEP));
+  EXPECT_LE(CFM_DB_Get_TotalLtrEntries(), static_cast<uint32_t>(CFM_MAX_LTR));
+  expect_mep_table_ordered();
+}
+
+// Words a front end might send, and some it should not. Commands that sleep
+// (update, clearltr, clearcnt) are left out to keep the run short; their
+// argument handling is the same as the others'.
+const char *const kWords[] = {
+    "enable", "disable", "default", "showdefault", "createmd", "configmd", "showmd", "deletemd",
+    "createma", "configma", "showma", "deletema", "createmep", "configmep", "showmep", "deletemep",
+    "showremotemep", "clearremotemep", "showltr", "clearlbr", "runtime", "debugoff",
+    "0", "1", "2", "3", "4", "5", "7", "8", "11", "12", "14", "21", "22", "29", "34", "41", "46", "51",
+    "52", "91", "92", "100", "121", "122", "200", "8191", "65536", "4294967296", "0042", "-4", "12abc",
+    "02:11:22:33:44:55", "zz:11", "ff:ff:ff:ff:ff:ff", "", "\n", "\xff\xfe", "name"};
+
+std::string random_line(std::mt19937 &rng) {
+  std::string line;
+  unsigned words = 1 + rng() % 40;
+  for (unsigned i = 0; i < words; ++i) {
+    if (i > 0) line += std::string(1 + rng() % 2, ' ');
+    if (rng() % 50 == 0) {
+      line += std::string(rng() % 1500, static_cast<char>('a' + rng() % 26));
+    } else {
+      // The first word is a command most of the time, so the handlers run.
+      size_t pick = (i == 0 && rng() % 8 != 0) ? rng() % 22 : rng() % (sizeof kWords / sizeof kWords[0]);
+      line += kWords[pick];
+    }
+  }
+  return line;
+}
+
+TEST_F(HostileInput, RandomRequestLinesLeaveTheTablesConsistent) {
+  std::mt19937 rng(static_cast<uint32_t>(env_number("CFMD_FUZZ_SEED", 20261122)));
+  unsigned long iterations = env_number("CFMD_FUZZ_ITERATIONS", 30000) / 6;
+  for (unsigned long i = 0; i < iterations; ++i) {
+    cfm_cli_run_line(random_line(rng).c_str());
+    if (i % 200 == 0) CFM_LBI_XMIT_Check();
+  }
+  cfm_debug_msg = 0;
+  expect_mep_table_ordered();
+  MdEntry md = {};
+  uint32_t previous = 0;
+  while (CFM_GetNext_MD_Entry(&md) == 1) {
+    EXPECT_GT(md.MdIndex, previous);
+    EXPECT_LT(md.MdLevel, 8);
+    previous = md.MdIndex;
+  }
+}
+
+}  // namespace

@@ -77,25 +77,24 @@ class CliCommands : public DbTest {
   fs::path tree_;
 };
 
+// The plain refusals (index exists, unknown index, bad level) are checked
+// through the real socket; here the field rules.
 TEST_F(CliCommands, MdLifeCycle) {
   const char ok[] = "\r\nMD config Success!!", full[] = "\r\nError!! MD Table is full";
   // configmd: an unknown value leaves the field; code 3 is passed over alone,
-  // then 7, then code 0 sets the level.
-  ExpectCli({{"createmd 3 0 5 4 core", ""}, {"createmd 3 0 5 4 again", "\r\nError!! MD Index exist"},
-             {"createmd 1 0 2 0 first 1 11", ""}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
-             {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok}});
+  // then 7, then code 0 sets the level; the name is cut to 43 characters.
+  ExpectCli({{"createmd 3 0 5 4 core", ""}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
+             {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok},
+             {"createmd 5 0 9 0 x", full}, {"createmd 5 0 1 0 " + std::string(44, 'n'), full},
+             {"createmd 5 0 1 0 12345", ""}});  // a numeric name is the text as sent
   MdEntry md = {};
   md.MdIndex = 3;
   ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
   EXPECT_EQ((std::vector<int>{md.MdFormat, md.MhfCreation, md.MdLevel}), (std::vector<int>{1, 1, 6}));
   EXPECT_STREQ(md.MdName, "0123456789012345678901234567890123456789012");
-  ExpectCli({{"configmd 3 0 9", "\r\nError!! MD config fail"}, {"configmd 4 0 1", "\r\nError!! MD Index doenn't exist"},
-             {"createmd 5 0 9 0 x", full}, {"createmd 5 0 1 0 " + std::string(44, 'n'), full},
-             {"createmd 5 0 1 0 12345", ""}});  // a numeric name is the text as sent
   md.MdIndex = 5;
   ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
   EXPECT_STREQ(md.MdName, "12345");
-  ExpectCli({{"deletemd 5", ""}, {"deletemd 5", "\r\n This MD is not exist!\r\n"}});
 }
 
 TEST_F(CliCommands, MepCreateConfigDelete) {

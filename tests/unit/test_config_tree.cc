@@ -16,6 +16,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+uint16_t Rows(const char *key) {
+  uint16_t rows = 9;
+  ConfigTree::getRow(key, &rows);
+  return rows;
+}
+
 class ConfigTreeDir : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -32,11 +38,6 @@ class ConfigTreeDir : public ::testing::Test {
     std::ifstream in(root_ / key);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   }
-  uint16_t Rows(const char *key) {
-    uint16_t rows = 9;
-    ConfigTree::getRow(key, &rows);
-    return rows;
-  }
   fs::path root_;
 };
 
@@ -48,9 +49,7 @@ TEST(ConfigTreeInert, DetachedTreeDoesNothing) {
   char text[CFM_CONFIG_VALUE_SIZE] = "keep";
   ConfigTree::ConfigGet("/cfm/ccm_interval", text);
   EXPECT_STREQ(text, "keep");
-  uint16_t rows = 9;
-  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
-  EXPECT_EQ(rows, 0);
+  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 0);
   ConfigTree::getRow("/runtime/cfm/lbr", nullptr);
 }
 

@@ -21,6 +21,13 @@ class Linktrace : public EngineTest {
     add_md(1, 2);
     return add_mep(1, 1, 1, 1, 100, 1);
   }
+  // The same MEP after sending request() (transaction 5), placeholder stored.
+  MepEntry traced() {
+    MepEntry mep = down_mep();
+    LtmRequest r = request();
+    EXPECT_EQ(CFM_LTM_Transmit(&r), 1);
+    return mep;
+  }
   // Request of MEP 1 for the peer: level 2, VID 100, priority 7, TTL 64.
   LtmRequest request(uint8_t direction = 1) {
     LtmRequest r = {1, 1, 1, 1, 100, direction, 7, 2, 0, 5, 64, {}};
@@ -180,9 +187,7 @@ TEST_F(Linktrace, LtmOfAnUpperLevelWithoutMepCrossesToTheLan) {
 }
 
 TEST_F(Linktrace, LtrsAreRecordedAndNumbered) {
-  MepEntry mep = down_mep();
-  LtmRequest r = request();
-  ASSERT_EQ(CFM_LTM_Transmit(&r), 1);
+  MepEntry mep = traced();
   const uint8_t ingress_mac[6] = {0x02, 0, 0, 0, 0, 0x11};
   Bytes last = cat({{0, 100}, mac(kSelf)}), next = cat({{0, 100}, mac(kPeer)});
   Bytes tlvs = cat({{8, 0, 16}, last, next, {5, 0, 15, 1}, mac(ingress_mac), {6, 7, 'e', 't', 'h', '0', '/', '1'},
@@ -208,9 +213,7 @@ TEST_F(Linktrace, LtrsAreRecordedAndNumbered) {
 }
 
 TEST_F(Linktrace, UnexpectedAndMalformedLtrs) {
-  MepEntry mep = down_mep();
-  LtmRequest r = request();
-  ASSERT_EQ(CFM_LTM_Transmit(&r), 1);
+  MepEntry mep = traced();
   EXPECT_EQ(ltr_in(6, 1, 0, {0}), CFM_ERR_FAILURE);
   EXPECT_EQ(read_mep(mep).UnexpectedLtrIn, 1u);
 

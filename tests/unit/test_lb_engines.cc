@@ -34,8 +34,8 @@ TEST_F(Responder, AnswersLevelsOneAndTwoWithTheLbmSwappedAndCountsLbrOut) {
   add_mep(1, 1, 2, 3, 100, 1);  // another port: not the receiving MEP
   ASSERT_EQ(process(lbm(kSelf, 2)), CFM_OK);
   ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0xA0, 0x64, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04},
-                                      kLbmBody})));
+  const Bytes head = {0x81, 0x00, 0xA0, 0x64, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04};
+  EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf), head, kLbmBody})));
   EXPECT_EQ(sent[0].side, CfmTxSide::Wan);
   EXPECT_EQ(read_mep(mep).LbrOut, 1u);
 
@@ -52,8 +52,8 @@ TEST_F(Responder, AnswersLevelsOneAndTwoWithTheLbmSwappedAndCountsLbrOut) {
 
 TEST_F(Responder, HeaderChecksDropWithoutReply) {
   const uint8_t group_src[6] = {0x03, 1, 2, 3, 4, 5};
-  Bytes truncated = slice(lbm(kSelf, 2), 0, 21);
-  std::vector<Bytes> bad = {lbm(kSelf, 0), lbm(kSelf, 3), lbm(kGroup2, 1), lbm(kSelf, 1, kLbmBody, group_src), truncated};
+  std::vector<Bytes> bad = {lbm(kSelf, 0), lbm(kSelf, 3), lbm(kGroup2, 1), lbm(kSelf, 1, kLbmBody, group_src),
+                            slice(lbm(kSelf, 2), 0, 21)};
   // EtherType 0x8903, version 1, flags 1, first TLV offset 3.
   for (auto [at, value] : {std::pair<size_t, uint8_t>{13, 0x03}, {14, 0x41}, {16, 1}, {17, 3}}) {
     bad.push_back(lbm(kSelf, 2));
@@ -94,8 +94,9 @@ TEST_F(Responder, DoubleTagAnd8023Replies) {
   ASSERT_EQ(process(lbm(kSelf, 2), 100, 200), CFM_OK);
   ASSERT_EQ(sent.size(), 1u);
   // Length of the untagged LBM + 4 (32): its last 4 bytes are not sent.
-  EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02,
-                                                                0x40, 0x02, 0x00, 0x04, 0x11, 0x22, 0x33, 0x44, 0x03, 0x00}})));
+  EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf),
+                                      {0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04,
+                                       0x11, 0x22, 0x33, 0x44, 0x03, 0x00}})));
 
   setFrameType(CFM_FRAME_TYPE_8023);
   Bytes f = cat({mac(kSelf), mac(kPeer),
@@ -136,7 +137,9 @@ class Initiator : public EngineTest {
     CfmPacket p = packet(f, 6, 100);
     return CFM_LBR_Process(&p);
   }
-  uint32_t lbr(uint32_t id, const Bytes &data_tlv) { return lbr(cfm_frame(kSelf, kPeer, 2, 2, 0, 4, cat({be32(id), data_tlv, {0}}))); }
+  uint32_t lbr(uint32_t id, const Bytes &data_tlv) {
+    return lbr(cfm_frame(kSelf, kPeer, 2, 2, 0, 4, cat({be32(id), data_tlv, {0}})));
+  }
   Bytes dst(size_t i) { return slice(sent.at(i).frame, 0, 6); }
 };
 
@@ -146,9 +149,9 @@ TEST_F(Initiator, RunOfThreeSendsOnePerTickAndEndsFiveTicksLater) {
     CFM_LBI_XMIT_Check();
     ASSERT_EQ(sent.size(), tick);
   }
-  EXPECT_EQ(sent[1].frame, pad64(cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0xC0, 0x64, 0x89, 0x02, 0x40, 0x03, 0x00, 0x04,
-                                                                0, 0, 0, 8, 1, 0, 4, 0, 0, 0, 0, 31, 0, 3, 0x0A, 0, 0,
-                                                                3, 0, 3, 'a', 'b', 'c', 0}})));
+  EXPECT_EQ(sent[1].frame, pad64(cat({mac(kPeer), mac(kSelf),
+                                      {0x81, 0x00, 0xC0, 0x64, 0x89, 0x02, 0x40, 0x03, 0x00, 0x04, 0, 0, 0, 8, 1, 0, 4,
+                                       0, 0, 0, 0, 31, 0, 3, 0x0A, 0, 0, 3, 0, 3, 'a', 'b', 'c', 0}})));
   EXPECT_EQ(sent[0].frame[25], 7);
   EXPECT_EQ(sent[2].frame[25], 9);
   for (int tick = 4; tick <= 7; ++tick) {

@@ -65,8 +65,8 @@ TEST_F(Linktrace, DownMepSendsTheLtmAndStoresThePlaceholder) {
   r.vid = 0x1064;  // bit 12 of the VID leaks into the DEI bit
   ASSERT_EQ(CFM_LTM_Transmit(&r), 1);
   ASSERT_EQ(sent.size(), 1u);
-  Bytes expect = cat({mac(kLtmGroup2), mac(kSelf), {0x81, 0x00, 0xF0, 0x64, 0x89, 0x02, 0x40, 0x05, 0x80, 0x11, 0, 0, 0, 5, 64},
-                      mac(kSelf), mac(kPeer), {7, 0, 8, 0x10, 0x64}, mac(kSelf)});
+  Bytes expect = cat({mac(kLtmGroup2), mac(kSelf), {0x81, 0x00, 0xF0, 0x64, 0x89, 0x02, 0x40, 0x05, 0x80, 0x11},
+                      {0, 0, 0, 5, 64}, mac(kSelf), mac(kPeer), {7, 0, 8, 0x10, 0x64}, mac(kSelf)});
   ASSERT_EQ(expect.size(), 50u);
   EXPECT_EQ(sent[0].frame, pad64(expect));  // no End TLV: the padding stands in for it
   std::vector<LtrEntry> all = replies();
@@ -135,7 +135,8 @@ TEST_F(Linktrace, LtmAimedAtTheRouterGetsOneLtr) {
     // egress identifiers: the LTM's, then VID 100 and this router; Reply
     // Ingress with action 1 and this router's MAC; End TLV.
     EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf),
-                                        {0x81, 0x00, 0x60, 100, 0x89, 0x02, 0x40, 4, 0xA0, 6, 0, 0, 0, 9, 15, 1, 8, 0, 16, 0, 100},
+                                        {0x81, 0x00, 0x60, 100, 0x89, 0x02, 0x40, 4, 0xA0, 6, 0, 0, 0, 9, 15, 1},
+                                        {8, 0, 16, 0, 100},
                                         mac(kPeer), {0, 100}, mac(kSelf), {5, 0, 7, 1}, mac(kSelf), {0}})));
   }
   // "8023" frames: the 802.3 length and LLC/SNAP header are copied, the rest

@@ -193,15 +193,10 @@ std::optional<Frame> Peer::Receive(int timeout_ms, const Filter &filter) {
   uint8_t buf[16384];
   for (;;) {
     long got = cfm_wan_socket_read(fd_, buf, sizeof buf);
-    if (got > 0) {
-      Frame frame(buf, buf + got);
-      if (!filter || filter(frame)) return frame;
-      continue;
-    }
-    if (got == 0) continue;  // our own frame
-    int left = ms_left(deadline);
-    if (left == 0) return std::nullopt;
-    cfm_wan_socket_wait(fd_, left);
+    if (got > 0 && (!filter || filter(Frame(buf, buf + got)))) return Frame(buf, buf + got);
+    if (got >= 0) continue;  // refused by the filter, or our own frame
+    if (ms_left(deadline) == 0) return std::nullopt;
+    cfm_wan_socket_wait(fd_, ms_left(deadline));
   }
 }
 

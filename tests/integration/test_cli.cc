@@ -22,19 +22,15 @@ using Clock = std::chrono::steady_clock;
 const char kTree[] = "/var/tree";
 // CFM stays disabled, so no engine changes the MEPs while they are listed.
 const std::vector<std::string> kQuietArgs = {"-i", "wan0"};
-const std::vector<std::string> kKey = {"1", "0", "2", "0", "10", "0", "1", "0", "0", "0"};
 
 class Cli : public Lab {
  protected:
+  // A request on MEP 10 (MD 1, MA 2, port 1, VID 0); options follow a 0.
   std::vector<std::string> MepWords(const std::string &command, const std::string &direction,
-                                    const std::vector<std::string> &options = {}) {
-    std::vector<std::string> words = {command};
-    words.insert(words.end(), kKey.begin(), kKey.end());
-    words.push_back(direction);
-    if (!options.empty()) {
-      words.push_back("0");
-      words.insert(words.end(), options.begin(), options.end());
-    }
+                                    std::vector<std::string> options = {}) {
+    std::vector<std::string> words = {command, "1", "0", "2", "0", "10", "0", "1", "0", "0", "0", direction};
+    if (!options.empty()) options.insert(options.begin(), "0");
+    words.insert(words.end(), options.begin(), options.end());
     return words;
   }
   void MakeMep() {

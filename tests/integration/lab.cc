@@ -285,7 +285,6 @@ bool Lab::StartDaemon(const std::vector<std::string> &args, int timeout_ms) {
   pid_ = spawn(CFMD_BINARY, args, out, err);
   if (pid_ < 0) return false;
   exit_ = ExitInfo{};
-  last_args_ = args;
   // Ended by itself counts as started: the test looks at how it ended.
   return wait_until(timeout_ms, [&] { return Output().find("CFM debug message") != std::string::npos || !Running(); });
 }
@@ -325,12 +324,6 @@ ExitInfo Lab::Stop(int timeout_ms) {
 }
 
 ExitInfo Lab::WaitExit(int timeout_ms) { return pid_ > 0 ? Reap(timeout_ms) : exit_; }
-
-bool Lab::Restart() {
-  std::vector<std::string> args = last_args_;
-  Stop();
-  return StartDaemon(args);
-}
 
 bool Lab::Running() { return pid_ > 0 && Reap(0).timed_out; }
 

@@ -82,7 +82,6 @@ class Lab : public ::testing::Test {
   bool StartDaemonReady(const std::vector<std::string> &args = DefaultArgs());
   ExitInfo Stop(int timeout_ms = 5000);  // SIGTERM, SIGKILL after timeout_ms
   ExitInfo WaitExit(int timeout_ms = 5000);
-  bool Restart();  // Stop, then start with the same arguments
   bool Running();
   pid_t pid() const { return pid_; }
 
@@ -112,7 +111,6 @@ class Lab : public ::testing::Test {
   ExitInfo Reap(int timeout_ms);
   pid_t pid_ = -1;
   ExitInfo exit_;
-  std::vector<std::string> last_args_;
   std::string out_path_, err_path_;
   int run_ = 0;
   Peer peer_;

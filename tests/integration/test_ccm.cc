@@ -84,6 +84,9 @@ TEST_F(CcmLab, DaemonSendsOneExactCcmPerTick) {
     Frame got = NextCcm();
     EXPECT_EQ(got, want) << cfmlab::Hex(got);
   }
+  // The tick stores the MEP just after sending: give it that moment (the
+  // next tick is 100 ms away) before reading the counter.
+  std::this_thread::sleep_for(20ms);
   EXPECT_EQ(std::stoul(Command({"runtime", "5"})), first + 3);
 }
 

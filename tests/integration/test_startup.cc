@@ -92,8 +92,9 @@ TEST_F(Startup, OptionsAndInterfacesThatStillRun) {
 TEST_F(Startup, PvcMacFileMissingIsReported) {
   ASSERT_TRUE(StartDaemon());
   EXPECT_TRUE(WaitForOutput("Open /var/tmp/pvc_mac fail\n")) << Output();
+  Stop();
   WriteFile(kPvcMac, "1\n00:11:22:33:44:55\n");
-  ASSERT_TRUE(Restart());
+  ASSERT_TRUE(StartDaemon());
   ExpectStaysUp();
   EXPECT_EQ(Output().find("pvc_mac fail"), std::string::npos) << Output();
 }

@@ -160,25 +160,6 @@ TEST_F(LbLt, LoopbackRunSendsCountsAndReports) {
   EXPECT_EQ(Frame(lbm->begin(), lbm->begin() + 6), M(kLbmGroup2));
 }
 
-TEST_F(LbLt, LinktraceSendsOneLtmAndListsItsPlaceholder) {
-  ASSERT_NO_FATAL_FAILURE(Start());
-  EXPECT_EQ(Config({"10", MacText(kPeerMac), "12", "121"}), "");
-  auto ltm = peer().Receive(2000, OpcodeIs(5));
-  ASSERT_TRUE(ltm.has_value()) << Output() << Command({"showmep", "2"});
-  Frame expect = Tagged(kLtmGroup2, kWanMac, 7, 100, 2, 5, 0, 17, Cat(Id(1), {64}));
-  expect = Cat(Cat(Cat(expect, M(kWanMac)), M(kPeerMac)), {7, 0, 8, 0, 100});
-  expect = Cat(expect, M(kWanMac));
-  ASSERT_EQ(expect.size(), 50u);
-  expect.resize(64, 0);
-  EXPECT_EQ(*ltm, expect) << cfmlab::Hex(*ltm);
-  EXPECT_TRUE(peer().ReceiveAll(300, OpcodeIs(5)).empty());
-  EXPECT_EQ(Command({"showltr"}),
-            "\r\n MdID  : 1\r\n MaID  : 1\r\n MepID : 1\r\n Sequence Number  : 1\r\n LTR TTL : 0"
-            "\r\n Forward: No\r\n Terminal: non-MEP\r\n Last Egress ID : 00:00:00:00:00:00"
-            "\r\n Next Egress ID : 00:00:00:00:00:00\r\n");
-  EXPECT_NE(Command({"showmep", "2"}).find("\r\n Result: Success"), std::string::npos);
-}
-
 TEST_F(LbLt, UpMepSendsNoLinktrace) {
   ASSERT_NO_FATAL_FAILURE(Start("2"));
   EXPECT_EQ(Config({"10", MacText(kPeerMac), "12", "121"}, "200"), "");
@@ -224,12 +205,25 @@ Frame Ltr(uint32_t id, uint8_t relay, uint8_t flags, const Frame &tlvs) {
   return Tagged(kWanMac, kPeerMac, 6, 100, 2, 4, flags, 6, Cat(Cat(Id(id), {63, relay}), tlvs));
 }
 
-TEST_F(LbLt, LtrsAnsweringOurLtmAreListedAndExported) {
+TEST_F(LbLt, LinktraceSendsOneLtmAndListsTheReplies) {
   std::vector<std::string> args = DefaultArgs();
   args.insert(args.end(), {"-t", kTree});
   ASSERT_NO_FATAL_FAILURE(Start("1", args));
   EXPECT_EQ(Config({"10", MacText(kPeerMac), "12", "121"}), "");
-  ASSERT_TRUE(peer().Receive(2000, OpcodeIs(5)).has_value());
+  auto ltm = peer().Receive(2000, OpcodeIs(5));
+  ASSERT_TRUE(ltm.has_value()) << Output() << Command({"showmep", "2"});
+  Frame expect = Tagged(kLtmGroup2, kWanMac, 7, 100, 2, 5, 0, 17, Cat(Id(1), {64}));
+  expect = Cat(Cat(Cat(expect, M(kWanMac)), M(kPeerMac)), Cat({7, 0, 8, 0, 100}, M(kWanMac)));
+  ASSERT_EQ(expect.size(), 50u);
+  expect.resize(64, 0);
+  EXPECT_EQ(*ltm, expect) << cfmlab::Hex(*ltm);
+  EXPECT_TRUE(peer().ReceiveAll(300, OpcodeIs(5)).empty());
+  const std::string key = "\r\n MdID  : 1\r\n MaID  : 1\r\n MepID : 1\r\n Sequence Number  : 1\r\n LTR TTL : ";
+  const std::string no_ids = "\r\n Last Egress ID : 00:00:00:00:00:00\r\n Next Egress ID : 00:00:00:00:00:00\r\n";
+  EXPECT_EQ(Command({"showltr"}), key + "0\r\n Forward: No\r\n Terminal: non-MEP" + no_ids);  // the placeholder
+  EXPECT_NE(Command({"showmep", "2"}).find("\r\n Result: Success"), std::string::npos);
+
+  // Replies: a Hit replacing the placeholder, two more numbered 1 and 2.
   Frame tlvs = Cat(Cat({8, 0, 16, 0, 100}, M(kWanMac)), Cat({0, 100}, M(kPeerMac)));
   tlvs = Cat(Cat(tlvs, {5, 0, 15, 1}), Cat(M(kPeerMac), {6, 7, 'p', 'o', 'r', 't', '9', '9'}));
   tlvs = Cat(Cat(tlvs, {6, 0, 7, 2}), Cat(M(kStranger), {0}));
@@ -238,12 +232,10 @@ TEST_F(LbLt, LtrsAnsweringOurLtmAreListedAndExported) {
   ASSERT_TRUE(peer().Send(Ltr(1, 2, 0x40, {0})));
   ASSERT_TRUE(peer().Send(Ltr(42, 1, 0x20, {0})));  // no LTM of ours has id 42
   usleep(300 * 1000);
-  std::string head = "\r\n MdID  : 1\r\n MaID  : 1\r\n MepID : 1\r\n Sequence Number  : 1\r\n LTR TTL : 63";
-  std::string fdb = head + "\r\n Forward: Yes\r\n Terminal: non-MEP\r\n Last Egress ID : 00:00:00:00:00:00"
-                           "\r\n Next Egress ID : 00:00:00:00:00:00\r\n Relay action: FDB\r\n";
-  EXPECT_EQ(Command({"showltr"}), head + "\r\n Forward: No\r\n Terminal: MEP\r\n Last Egress ID : " + MacText(kWanMac) +
-                                      "\r\n Next Egress ID : " + MacText(kPeerMac) + "\r\n Relay action: Hit\r\n" +
-                                      fdb + fdb);
+  std::string fdb = key + "63\r\n Forward: Yes\r\n Terminal: non-MEP" + no_ids + " Relay action: FDB\r\n";
+  EXPECT_EQ(Command({"showltr"}), key + "63\r\n Forward: No\r\n Terminal: MEP\r\n Last Egress ID : " +
+                                      MacText(kWanMac) + "\r\n Next Egress ID : " + MacText(kPeerMac) +
+                                      "\r\n Relay action: Hit\r\n" + fdb + fdb);
   EXPECT_EQ(Command({"runtime", "15"}), "1\n");
 
   Command({"update", "2"}, 10000);

@@ -42,7 +42,9 @@ TEST(Frame, TlvWalkStaysInsideTheFrame) {
     std::vector<uint8_t> cut(tlvs.begin(), tlvs.begin() + len);
     for (size_t pos = 0; cfm_tlv_read(cut.data(), cut.size(), pos, &tlv, &next); pos = next) {
       ASSERT_LE(next, len);
-      if (tlv.type != 0) ASSERT_LE(static_cast<size_t>(tlv.value - cut.data()) + tlv.length, len);
+      if (tlv.type != 0) {
+        ASSERT_LE(static_cast<size_t>(tlv.value - cut.data()) + tlv.length, len);
+      }
     }
   }
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
+#include <string>
 #include <vector>
 
 #include "core/frame_type.h"
@@ -34,13 +36,40 @@ class SemaphoreCleanup : public ::testing::Environment {
 };
 
 inline void clear_tables() {
-  MepEntry mep = {};
-  while (CFM_GetNext_MEP_Entry(&mep) == 1) CFM_Delete_MEP_Entry(&mep), mep = MepEntry{};
-  MipEntry mip = {};
-  while (CFM_GetNext_MIP_Entry(&mip) == 1) CFM_Delete_MIP_Entry(&mip), mip = MipEntry{};
+  for (MepEntry m{}; CFM_GetNext_MEP_Entry(&m) == 1; m = MepEntry{}) CFM_Delete_MEP_Entry(&m);
+  for (MipEntry m{}; CFM_GetNext_MIP_Entry(&m) == 1; m = MipEntry{}) CFM_Delete_MIP_Entry(&m);
   CFM_IF_Clean_LtrDB_Entry();
   CFM_IF_Clean_RemoteMep_Entry();
   CFM_MD_MA_Clear();
+}
+
+inline Bytes cat(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes &p : parts) all.insert(all.end(), p.begin(), p.end());
+  return all;
+}
+inline Bytes mac(const uint8_t *m) { return Bytes(m, m + 6); }
+inline Bytes be32(uint32_t v) {
+  return {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 8),
+          static_cast<uint8_t>(v)};
+}
+inline Bytes slice(const Bytes &b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
+// A frame as the transmit path sends it: padded to the Ethernet minimum.
+inline Bytes pad64(Bytes b) {
+  b.resize(64, 0);
+  return b;
+}
+template <class F>
+std::string stdout_of(F run) {
+  testing::internal::CaptureStdout();
+  run();
+  return testing::internal::GetCapturedStdout();
+}
+
+// Untagged Ethernet II CFM frame: addresses, EtherType, header, then body.
+inline Bytes cfm_frame(const uint8_t *dst, const uint8_t *src, uint8_t level, uint8_t opcode, uint8_t flags,
+                       uint8_t first_tlv, const Bytes &body) {
+  return cat({mac(dst), mac(src), {0x89, 0x02, static_cast<uint8_t>(level << 5), opcode, flags, first_tlv}, body});
 }
 
 class EngineTest : public ::testing::Test {
@@ -67,30 +96,18 @@ class EngineTest : public ::testing::Test {
   }
 
   void add_md(uint32_t index, uint8_t level) {
-    MdEntry md = {};
-    md.MdIndex = index;
-    md.MdFormat = 1;
-    md.MdLevel = level;
-    md.MhfCreation = 2;
-    md.SenderIdPermission = 1;
+    MdEntry md = {index, 1, level, 2, 1, {}, 0};
     snprintf(md.MdName, sizeof md.MdName, "md%u", index);
-    md.RowStatus = 0;
     ASSERT_EQ(CFM_Set_MD_Entry(&md), 1);
   }
   MepEntry add_mep(uint32_t md, uint32_t ma, uint16_t id, uint8_t port, uint16_t vid, uint8_t direction) {
     MepEntry mep = {};
-    mep.md_id = md;
-    mep.ma_id = ma;
-    mep.mep_id = id;
-    mep.port = port;
-    mep.vid = vid;
-    mep.direction = direction;
+    mep.md_id = md, mep.ma_id = ma, mep.mep_id = id, mep.port = port, mep.vid = vid, mep.direction = direction;
     mep.RowStatus = 1;
     EXPECT_EQ(CFM_Update_MEP_Entry(&mep), 1);
     return mep;
   }
-  MepEntry read_mep(const MepEntry &key) {
-    MepEntry mep = key;
+  MepEntry read_mep(MepEntry mep) {
     EXPECT_EQ(CFM_Get_MEP_Entry(&mep), 1);
     return mep;
   }
@@ -98,37 +115,13 @@ class EngineTest : public ::testing::Test {
   CfmPacket packet(Bytes &frame, uint32_t priority = 5, uint32_t vid = 100,
                    uint32_t inner_vid = CFM_NO_INNER_VID, uint32_t inner_priority = 0) {
     CfmPacket p = {};
-    p.priority = priority;
-    p.vid = vid;
-    p.inner_priority = inner_priority;
-    p.inner_vid = inner_vid;
-    p.from_wan = 1;
-    p.buffer = frame.data();
-    p.length = static_cast<uint32_t>(frame.size());
+    p.priority = priority, p.vid = vid, p.inner_priority = inner_priority, p.inner_vid = inner_vid;
+    p.from_wan = 1, p.buffer = frame.data(), p.length = static_cast<uint32_t>(frame.size());
     return p;
   }
 
   std::vector<Sent> sent;
   bool tx_ok = true;
 };
-
-// Untagged Ethernet II CFM frame: addresses, EtherType, header, then body.
-inline Bytes cfm_frame(const uint8_t *dst, const uint8_t *src, uint8_t level, uint8_t opcode, uint8_t flags,
-                       uint8_t first_tlv, const Bytes &body) {
-  Bytes f(18 + body.size());
-  memcpy(f.data(), dst, 6);
-  memcpy(f.data() + 6, src, 6);
-  const uint8_t head[6] = {0x89, 0x02, static_cast<uint8_t>(level << 5), opcode, flags, first_tlv};
-  memcpy(f.data() + 12, head, 6);
-  if (!body.empty()) memcpy(f.data() + 18, body.data(), body.size());
-  return f;
-}
-
-inline Bytes cat(Bytes a, const Bytes &b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-inline Bytes mac(const uint8_t *m) { return Bytes(m, m + 6); }
 
 }  // namespace harness

@@ -11,7 +11,12 @@ class CcmRx : public CcmWorld {
   MepEntry mep_;
   void SetUp() override {
     CcmWorld::SetUp();
-    add_md(1, 5, "md");
+    reset();
+  }
+  // MD "md" at level 5, MA "ma" (interval 4), MEP 1 on VID 10.
+  void reset(uint8_t mhf = 2) {
+    clear_tables();
+    add_md(1, 5, "md", mhf);
     add_ma(1, 2, "ma", 4);
     mep_ = add_mep(1, 2, 1, 10);
   }
@@ -52,10 +57,7 @@ TEST_F(CcmRx, WhichMepsACcmReaches) {
   EXPECT_EQ(flags(), 11u);  // no MA of that name: cross-connect
   EXPECT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
 
-  clear_tables();
-  add_md(1, 5, "md");
-  add_ma(1, 2, "ma", 4);
-  mep_ = add_mep(1, 2, 1, 10);
+  reset();
   MepEntry up = add_mep(1, 2, 3, 10, CFM_DIRECTION_UP, 4);
   MepEntry down = add_mep(1, 2, 4, 10, CFM_DIRECTION_DOWN, 4);
   ccm.ma_name = "ma";
@@ -79,10 +81,7 @@ TEST_F(CcmRx, OtherLevelsAndMhfNoneReachNoMep) {
     ccm.level = level;
     deliver(ccm.untagged(), 10);
   }
-  clear_tables();
-  add_md(1, 5, "md", CFM_MHF_CREATION_NONE);
-  add_ma(1, 2, "ma", 4);
-  mep_ = add_mep(1, 2, 1, 10);
+  reset(CFM_MHF_CREATION_NONE);
   ccm.level = 5;
   deliver(ccm.untagged(), 10);
   EXPECT_EQ(flags(), 0u);

@@ -51,12 +51,9 @@ TEST_F(CcmTx, MaidKeepsTheMdNameRuleAndNeverExceeds48Bytes) {
 
 TEST_F(CcmTx, IntervalCodesDecideHowOftenAMepSends) {
   add_md(1, 2, "md");
-  add_ma(1, 1, "every", 1);
-  add_ma(1, 2, "ten", 5);
-  add_ma(1, 3, "zero", 0);
-  add_ma(1, 4, "eight", 8);
-  MepEntry every = add_mep(1, 1, 1), ten = add_mep(1, 2, 2), zero = add_mep(1, 3, 3), off = add_mep(1, 2, 4);
-  MepEntry eight = add_mep(1, 4, 5);
+  for (uint8_t code : {1, 5, 0, 8}) add_ma(1, code + 1u, std::to_string(code).c_str(), code);  // key: code + 1
+  MepEntry every = add_mep(1, 2, 1), ten = add_mep(1, 6, 2), zero = add_mep(1, 1, 3), off = add_mep(1, 6, 4);
+  MepEntry eight = add_mep(1, 9, 5);
   off.CciEnabled = 0;
   off.CcmTxTimer = 1234;
   CFM_Update_MEP_Entry(&off);

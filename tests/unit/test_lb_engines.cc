@@ -1,7 +1,5 @@
 // Loopback responder and initiator driven in-process: frames in through the
 // engine entry points, frames out through the transmit hook, ticks by call.
-#include <string>
-
 #include "core/status.h"
 #include "engine_harness.h"
 #include "engines/lb_responder.h"
@@ -34,13 +32,10 @@ TEST_F(Responder, AnswersLevelsOneAndTwoWithTheLbmSwappedAndCountsLbrOut) {
   add_md(1, 2);
   MepEntry mep = add_mep(1, 1, 1, 1, 100, 1);
   add_mep(1, 1, 2, 3, 100, 1);  // another port: not the receiving MEP
-
   ASSERT_EQ(process(lbm(kSelf, 2)), CFM_OK);
   ASSERT_EQ(sent.size(), 1u);
-  Bytes expect = cat(cat(mac(kPeer), mac(kSelf)), {0x81, 0x00, 0xA0, 0x64, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04});
-  expect = cat(expect, kLbmBody);
-  expect.resize(64, 0);  // padded by the transmit path
-  EXPECT_EQ(sent[0].frame, expect);
+  const Bytes head = {0x81, 0x00, 0xA0, 0x64, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04};
+  EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf), head, kLbmBody})));
   EXPECT_EQ(sent[0].side, CfmTxSide::Wan);
   EXPECT_EQ(read_mep(mep).LbrOut, 1u);
 
@@ -50,59 +45,45 @@ TEST_F(Responder, AnswersLevelsOneAndTwoWithTheLbmSwappedAndCountsLbrOut) {
   ASSERT_EQ(process(lbm(kGroup1, 1)), CFM_OK);
   ASSERT_EQ(process(lbm(other, 1)), CFM_OK);
   ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(Bytes(sent[1].frame.begin() + 6, sent[1].frame.begin() + 12), mac(kSelf));
-  EXPECT_EQ(Bytes(sent[2].frame.begin() + 6, sent[2].frame.begin() + 12), mac(other));
+  EXPECT_EQ(slice(sent[1].frame, 6, 12), mac(kSelf));
+  EXPECT_EQ(slice(sent[2].frame, 6, 12), mac(other));
   EXPECT_EQ(read_mep(mep).LbrOut, 1u);
 }
 
 TEST_F(Responder, HeaderChecksDropWithoutReply) {
-  Bytes bad_type = lbm(kSelf, 2);
-  bad_type[13] = 0x03;
-  Bytes bad_version = lbm(kSelf, 2);
-  bad_version[14] |= 1;
-  Bytes short_offset = cfm_frame(kSelf, kPeer, 2, 3, 0, 3, kLbmBody);
-  Bytes flags = cfm_frame(kSelf, kPeer, 2, 3, 1, 4, kLbmBody);
-  Bytes truncated = lbm(kSelf, 2);
-  truncated.resize(21);
   const uint8_t group_src[6] = {0x03, 1, 2, 3, 4, 5};
-  for (Bytes f : {lbm(kSelf, 0), lbm(kSelf, 3), lbm(kGroup2, 1), lbm(kSelf, 1, kLbmBody, group_src), bad_type,
-                  bad_version, short_offset, flags, truncated}) {
-    EXPECT_EQ(process(f), CFM_ERR_FAILURE);
+  std::vector<Bytes> bad = {lbm(kSelf, 0), lbm(kSelf, 3), lbm(kGroup2, 1), lbm(kSelf, 1, kLbmBody, group_src),
+                            slice(lbm(kSelf, 2), 0, 21)};
+  // EtherType 0x8903, version 1, flags 1, first TLV offset 3.
+  for (auto [at, value] : {std::pair<size_t, uint8_t>{13, 0x03}, {14, 0x41}, {16, 1}, {17, 3}}) {
+    bad.push_back(lbm(kSelf, 2));
+    bad.back()[at] = value;
   }
+  for (const Bytes &f : bad) EXPECT_EQ(process(f), CFM_ERR_FAILURE);
   EXPECT_TRUE(sent.empty());
 }
 
 TEST_F(Responder, TlvWalkOutcomes) {
-  struct Case {
-    const char *name;
-    Bytes tlvs;
-    uint32_t debug_off;
-    uint32_t debug_on;
+  const std::pair<Bytes, uint32_t> cases[] = {
+      {{1, 0, 1, 9, 31, 0, 3, 0, 0, 0, 64, 0, 0, 0}, CFM_OK},  // sender id, org, type 64, end
+      {{3, 0, 40, 'x', 0}, CFM_ERR_TLV},                      // length past the frame
+      {{2, 0, 1, 2, 0}, CFM_ERR_TLV},                         // port status
+      {{3, 0, 1, 'x', 0x55}, CFM_OK},  // exactly one byte after the last TLV stands for the End TLV
+      {{3, 0xFF, 0xFF, 0}, CFM_ERR_TLV},
+      {{1, 0, 0, 3, 0}, CFM_ERR_TLV},  // header cut after the type
+      {{}, CFM_ERR_TLV},               // no TLV at all
   };
-  const Case cases[] = {
-      {"sender id, org, type 64, end", {1, 0, 1, 9, 31, 0, 3, 0, 0, 0, 64, 0, 0, 0}, CFM_OK, CFM_OK},
-      {"port status", {2, 0, 1, 2, 0}, CFM_ERR_TLV, CFM_ERR_TLV},
-      // Exactly one byte after the last TLV stands for the End TLV.
-      {"one trailing byte", {3, 0, 1, 'x', 0x55}, CFM_OK, CFM_OK},
-      {"length past the frame", {3, 0, 40, 'x', 0}, CFM_ERR_TLV, CFM_ERR_TLV},
-      {"length 0xFFFF", {3, 0xFF, 0xFF, 0}, CFM_ERR_TLV, CFM_ERR_TLV},
-      {"header cut after the type", {1, 0, 0, 3, 0}, CFM_ERR_TLV, CFM_ERR_TLV},
-      {"no TLV at all", {}, CFM_ERR_TLV, CFM_ERR_TLV},
-  };
-  for (const Case &c : cases) {
+  for (const auto &[tlvs, expected] : cases) {
     for (int debug : {0, 1}) {
       cfm_debug_msg = debug;
-      Bytes body = cat({0, 0, 0, 1}, c.tlvs);
+      uint32_t result = 0;
       // Exact-size buffer, so a read past the frame shows under ASan.
-      Bytes f = lbm(kSelf, 1, body);
-      testing::internal::CaptureStdout();
-      uint32_t result = process(f);
-      std::string out = testing::internal::GetCapturedStdout();
-      EXPECT_EQ(result, debug ? c.debug_on : c.debug_off) << c.name << " debug " << debug;
-      if (std::string(c.name) == "length past the frame") {
-        // Only with debug off does the walk reach the check that always
-        // reports.
-        EXPECT_EQ(out.find("Debug: Drop Illegal TLV packet ") != std::string::npos, debug == 0) << out;
+      std::string out = stdout_of([&] { result = process(lbm(kSelf, 1, cat({{0, 0, 0, 1}, tlvs}))); });
+      EXPECT_EQ(result, expected) << testing::PrintToString(tlvs) << " debug " << debug;
+      // Only with debug off does the walk reach the check that always reports.
+      bool reported = out.find("Debug: Drop Illegal TLV packet ") != std::string::npos;
+      if (&tlvs == &cases[1].first) {
+        EXPECT_EQ(reported, debug == 0) << out;
       }
     }
   }
@@ -112,22 +93,18 @@ TEST_F(Responder, TlvWalkOutcomes) {
 TEST_F(Responder, DoubleTagAnd8023Replies) {
   ASSERT_EQ(process(lbm(kSelf, 2), 100, 200), CFM_OK);
   ASSERT_EQ(sent.size(), 1u);
-  const Bytes &d = sent[0].frame;
-  EXPECT_EQ(Bytes(d.begin() + 12, d.begin() + 24),
-            (Bytes{0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02, 0x40, 0x02}));
   // Length of the untagged LBM + 4 (32): its last 4 bytes are not sent.
-  EXPECT_EQ(Bytes(d.begin() + 24, d.end()), (Bytes{0x00, 0x04, 0x11, 0x22, 0x33, 0x44, 0x03, 0x00, 0, 0, 0, 0, 0, 0,
-                                                   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                                   0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(sent[0].frame, pad64(cat({mac(kPeer), mac(kSelf),
+                                      {0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04,
+                                       0x11, 0x22, 0x33, 0x44, 0x03, 0x00}})));
 
   setFrameType(CFM_FRAME_TYPE_8023);
-  Bytes f = cat(cat(mac(kSelf), mac(kPeer)), {0x00, 0x30, 0xAA, 0xAA, 0x03, 0x00, 0x00, 0x00, 0x89, 0x02, 0x20,
-                                               0x03, 0x00, 0x04, 0, 0, 0, 7, 0});
+  Bytes f = cat({mac(kSelf), mac(kPeer),
+                 {0x00, 0x30, 0xAA, 0xAA, 0x03, 0x00, 0x00, 0x00, 0x89, 0x02, 0x20, 0x03, 0x00, 0x04, 0, 0, 0, 7, 0}});
   ASSERT_EQ(process(f), CFM_OK);
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_EQ(sent[1].frame[27], 2);
-  EXPECT_EQ(Bytes(sent[1].frame.begin() + 16, sent[1].frame.begin() + 26),
-            Bytes(f.begin() + 12, f.begin() + 22));
+  EXPECT_EQ(slice(sent[1].frame, 16, 26), slice(f, 12, 22));
 }
 
 TEST_F(Responder, SendsOnlyWhenAllowed) {
@@ -146,39 +123,35 @@ TEST_F(Responder, SendsOnlyWhenAllowed) {
 
 class Initiator : public EngineTest {
  protected:
-  MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7) {
-    add_md(1, 2);
-    MepEntry mep = add_mep(1, 1, 1, 1, 100, 1);
-    mep.LbmTransmitStatus = 1;
-    mep.LbmMessages = messages;
-    mep.LbmPriority = 6;
-    mep.NextLbmTransId = first_id;
+  MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7,
+                     uint16_t id = 1) {
+    if (id == 1) add_md(1, 2);
+    MepEntry mep = add_mep(1, 1, id, 1, 100, 1);
+    mep.LbmTransmitStatus = 1, mep.LbmMessages = messages, mep.LbmPriority = 6, mep.NextLbmTransId = first_id;
     if (target != nullptr) memcpy(mep.LbmTargetMac, target, 6);
     snprintf(mep.LbmDataTlv, sizeof mep.LbmDataTlv, "%s", data);
     CFM_Update_MEP_Entry(&mep);
     return mep;
   }
-  uint32_t lbr(const MepEntry &mep, uint32_t id, const Bytes &data_tlv) {
-    Bytes body = cat({static_cast<uint8_t>(id >> 24), static_cast<uint8_t>(id >> 16), static_cast<uint8_t>(id >> 8),
-                      static_cast<uint8_t>(id)},
-                     cat(data_tlv, {0}));
-    Bytes f = cfm_frame(kSelf, kPeer, 2, 2, 0, 4, body);
-    CfmPacket p = packet(f, 6, mep.vid);
+  uint32_t lbr(Bytes f) {
+    CfmPacket p = packet(f, 6, 100);
     return CFM_LBR_Process(&p);
   }
+  uint32_t lbr(uint32_t id, const Bytes &data_tlv) {
+    return lbr(cfm_frame(kSelf, kPeer, 2, 2, 0, 4, cat({be32(id), data_tlv, {0}})));
+  }
+  Bytes dst(size_t i) { return slice(sent.at(i).frame, 0, 6); }
 };
 
 TEST_F(Initiator, RunOfThreeSendsOnePerTickAndEndsFiveTicksLater) {
   MepEntry mep = start_run(3, kPeer, "abc");
-  for (int tick = 1; tick <= 3; ++tick) {
+  for (size_t tick = 1; tick <= 3; ++tick) {
     CFM_LBI_XMIT_Check();
-    ASSERT_EQ(sent.size(), static_cast<size_t>(tick));
+    ASSERT_EQ(sent.size(), tick);
   }
-  Bytes expect = cat(cat(mac(kPeer), mac(kSelf)), {0x81, 0x00, 0xC0, 0x64, 0x89, 0x02, 0x40, 0x03, 0x00, 0x04,
-                                                   0, 0, 0, 8, 1, 0, 4, 0, 0, 0, 0, 31, 0, 3, 0x0A, 0, 0,
-                                                   3, 0, 3, 'a', 'b', 'c', 0});
-  expect.resize(64, 0);
-  EXPECT_EQ(sent[1].frame, expect);
+  EXPECT_EQ(sent[1].frame, pad64(cat({mac(kPeer), mac(kSelf),
+                                      {0x81, 0x00, 0xC0, 0x64, 0x89, 0x02, 0x40, 0x03, 0x00, 0x04, 0, 0, 0, 8, 1, 0, 4,
+                                       0, 0, 0, 0, 31, 0, 3, 0x0A, 0, 0, 3, 0, 3, 'a', 'b', 'c', 0}})));
   EXPECT_EQ(sent[0].frame[25], 7);
   EXPECT_EQ(sent[2].frame[25], 9);
   for (int tick = 4; tick <= 7; ++tick) {
@@ -187,24 +160,20 @@ TEST_F(Initiator, RunOfThreeSendsOnePerTickAndEndsFiveTicksLater) {
   }
   CFM_LBI_XMIT_Check();
   MepEntry done = read_mep(mep);
-  EXPECT_EQ(done.LbmRunning, 0u);
-  EXPECT_EQ(done.NextLbmTransId, 10u);
-  EXPECT_EQ(done.LbmSeqNumber, 7u);
-  EXPECT_EQ(done.LbmResultOk, 1u);
-  EXPECT_EQ(done.LbmTransmitStatus, 0u);
+  EXPECT_EQ(Bytes({uint8_t(done.LbmRunning), uint8_t(done.NextLbmTransId), uint8_t(done.LbmSeqNumber),
+                   uint8_t(done.LbmResultOk), uint8_t(done.LbmTransmitStatus)}),
+            Bytes({0, 10, 7, 1, 0}));
   EXPECT_EQ(sent.size(), 3u);
 }
 
 TEST_F(Initiator, TargetResolution) {
-  // By MEPID: the level's multicast address.
+  // By MEPID: the level's multicast address, and no Data TLV for an empty text.
   MepEntry mep = start_run(1, nullptr, "");
-  mep.LbmTargetIsMepId = 1;
-  mep.LbmTargetMepId = 2;
+  mep.LbmTargetIsMepId = 1, mep.LbmTargetMepId = 2;
   CFM_Update_MEP_Entry(&mep);
   CFM_LBI_XMIT_Check();
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(Bytes(sent[0].frame.begin(), sent[0].frame.begin() + 6), (Bytes{0x01, 0x80, 0xC2, 0, 0, 0x32}));
-  EXPECT_EQ(sent[0].frame[39], 0);  // no Data TLV for an empty text
+  EXPECT_EQ(dst(0), mac(kGroup2));
+  EXPECT_EQ(sent[0].frame[39], 0);
 
   // The router's own MAC, and its MAC plus 2, are local targets addressed
   // with the router's own MAC.
@@ -216,8 +185,7 @@ TEST_F(Initiator, TargetResolution) {
     sent.clear();
     start_run(1, target, "");
     CFM_LBI_XMIT_Check();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(Bytes(sent[0].frame.begin(), sent[0].frame.begin() + 6), mac(kSelf));
+    EXPECT_EQ(dst(0), mac(kSelf));
   }
 
   // The local-target flag of a tick stays set for the MEPs after the one
@@ -225,17 +193,13 @@ TEST_F(Initiator, TargetResolution) {
   clear_tables();
   sent.clear();
   start_run(1, kSelf, "");
-  MepEntry second = add_mep(1, 1, 2, 1, 100, 1);
-  second.LbmTransmitStatus = 1;
-  second.LbmMessages = 2;
-  memcpy(second.LbmTargetMac, kPeer, 6);
-  CFM_Update_MEP_Entry(&second);
+  start_run(2, kPeer, "", 7, 2);
   CFM_LBI_XMIT_Check();
-  ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(Bytes(sent[1].frame.begin(), sent[1].frame.begin() + 6), mac(kSelf));
+  EXPECT_EQ(sent.size(), 2u);
+  EXPECT_EQ(dst(1), mac(kSelf));
   CFM_LBI_XMIT_Check();  // the next tick starts with the flags cleared
-  ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(Bytes(sent[2].frame.begin(), sent[2].frame.begin() + 6), mac(kPeer));
+  EXPECT_EQ(dst(2), mac(kPeer));
+  EXPECT_EQ(sent.size(), 3u);
 }
 
 TEST_F(Initiator, UnresolvableRunAndFailedSend) {
@@ -243,16 +207,12 @@ TEST_F(Initiator, UnresolvableRunAndFailedSend) {
   CFM_MD_MA_Clear();  // the MEP's MD is gone: nothing can be sent
   for (int tick = 0; tick < 5; ++tick) CFM_LBI_XMIT_Check();
   EXPECT_TRUE(sent.empty());
-  MepEntry done = read_mep(mep);
-  EXPECT_EQ(done.LbmRunning, 0u);
-  EXPECT_EQ(done.LbmResultOk, 0u);
+  EXPECT_EQ(read_mep(mep).LbmRunning + read_mep(mep).LbmResultOk, 0u);
 
   clear_tables();
   mep = start_run(1, kPeer, "", 40);
   tx_ok = false;
-  testing::internal::CaptureStdout();
-  CFM_LBI_XMIT_Check();
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("\r\n Send CFM LB packet failed!!"), std::string::npos);
+  EXPECT_NE(stdout_of(CFM_LBI_XMIT_Check).find("\r\n Send CFM LB packet failed!!"), std::string::npos);
   EXPECT_EQ(read_mep(mep).NextLbmTransId, 40u);
 }
 
@@ -260,42 +220,33 @@ TEST_F(Initiator, LbrCountingInOrderOutOfOrderAndBadData) {
   MepEntry mep = start_run(3, kPeer, "abc", 20);
   CFM_LBI_XMIT_Check();
   const Bytes good = {3, 0, 3, 'a', 'b', 'c'};
-  EXPECT_EQ(lbr(mep, 20, good), CFM_OK);
-  EXPECT_EQ(lbr(mep, 22, good), CFM_OK);  // 21 expected: out of order, expects 22
-  EXPECT_EQ(lbr(mep, 22, good), CFM_OK);  // now in order
-  EXPECT_EQ(lbr(mep, 23, {3, 0, 3, 'a', 'b', 'd'}), CFM_OK);
-  EXPECT_EQ(lbr(mep, 24, {}), CFM_OK);  // data missing
+  EXPECT_EQ(lbr(20, good), CFM_OK);
+  EXPECT_EQ(lbr(22, good), CFM_OK);  // 21 expected: out of order, expects 22
+  EXPECT_EQ(lbr(22, good), CFM_OK);  // now in order
+  EXPECT_EQ(lbr(23, {3, 0, 3, 'a', 'b', 'd'}), CFM_OK);
+  EXPECT_EQ(lbr(24, {}), CFM_OK);  // data missing
   MepEntry m = read_mep(mep);
-  EXPECT_EQ(m.LbrIn, 4u);
-  EXPECT_EQ(m.LbrInOutOfOrder, 1u);
-  EXPECT_EQ(m.LbrBadMsdu, 2u);
-  EXPECT_EQ(m.LbrExpectedTransId, 25u);
+  EXPECT_EQ(Bytes({uint8_t(m.LbrIn), uint8_t(m.LbrInOutOfOrder), uint8_t(m.LbrBadMsdu), uint8_t(m.LbrExpectedTransId)}),
+            Bytes({4, 1, 2, 25}));
 }
 
 TEST_F(Initiator, LbrDrops) {
   MepEntry mep = start_run(3, kPeer, "abc", 20);
   CFM_LBI_XMIT_Check();
-  EXPECT_EQ(lbr(mep, 20, {3, 0, 9, 'a', 'b', 'c'}), CFM_ERR_TLV);  // data past the frame
-  EXPECT_EQ(lbr(mep, 20, {2, 0, 1, 1}), CFM_ERR_TLV);              // Port Status TLV
-  EXPECT_EQ(lbr(mep, 20, {31, 0, 2, 0}), CFM_ERR_TLV);             // org TLV past the frame
-  Bytes f = cfm_frame(kSelf, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 3, 0, 1, 'a'});  // no End TLV
-  CfmPacket p = packet(f, 6, 100);
-  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_TLV);
-  Bytes wrong_dst = cfm_frame(kPeer, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 0});
-  p = packet(wrong_dst, 6, 100);
-  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_FAILURE);
-  Bytes lbm_opcode = cfm_frame(kSelf, kPeer, 2, 3, 0, 4, {0, 0, 0, 20, 0});
-  p = packet(lbm_opcode, 6, 100);
-  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_FAILURE);
-  Bytes cut(lbm_opcode.begin(), lbm_opcode.begin() + 20);
-  p = packet(cut, 6, 100);
-  EXPECT_EQ(CFM_LBR_Process(&p), CFM_ERR_FAILURE);
+  const Bytes lbm_opcode = cfm_frame(kSelf, kPeer, 2, 3, 0, 4, {0, 0, 0, 20, 0});
+  EXPECT_EQ(lbr(20, {3, 0, 9, 'a', 'b', 'c'}), CFM_ERR_TLV);  // data past the frame
+  EXPECT_EQ(lbr(20, {2, 0, 1, 1}), CFM_ERR_TLV);              // Port Status TLV
+  EXPECT_EQ(lbr(20, {31, 0, 2, 0}), CFM_ERR_TLV);             // org TLV past the frame
+  EXPECT_EQ(lbr(cfm_frame(kSelf, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 3, 0, 1, 'a'})), CFM_ERR_TLV);  // no End TLV
+  EXPECT_EQ(lbr(cfm_frame(kPeer, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 0})), CFM_ERR_FAILURE);       // not for us
+  EXPECT_EQ(lbr(lbm_opcode), CFM_ERR_FAILURE);
+  EXPECT_EQ(lbr(slice(lbm_opcode, 0, 20)), CFM_ERR_FAILURE);
   MepEntry m = read_mep(mep);
   EXPECT_EQ(m.LbrIn + m.LbrInOutOfOrder, 0u);
   // A MEP that is not running ignores replies.
   m.LbmRunning = 0;
   CFM_Update_MEP_Entry(&m);
-  EXPECT_EQ(lbr(mep, 20, {}), CFM_OK);
+  EXPECT_EQ(lbr(20, {}), CFM_OK);
   EXPECT_EQ(read_mep(mep).LbrIn, 0u);
 }
 

@@ -1,32 +1,25 @@
-// Captures what the daemon writes to standard output while a callable runs.
+// Captures what the daemon writes to standard output while requests run.
 #pragma once
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
+#include <utility>
 
 template <typename F>
 std::string CaptureStdout(F &&run) {
   fflush(stdout);
-  char path[] = "/tmp/cli_out_XXXXXX";
-  int fd = mkstemp(path);
-  int saved = dup(1);
-  dup2(fd, 1);
+  testing::internal::CaptureStdout();
   run();
   fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  std::string text;
-  lseek(fd, 0, SEEK_SET);
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-  close(fd);
-  unlink(path);
-  return text;
+  return testing::internal::GetCapturedStdout();
 }
 
-inline std::string Cli(const char *line) {
-  return CaptureStdout([&] { cfm_cli_run_line(line); });
+inline std::string Cli(const std::string &line) {
+  return CaptureStdout([&] { cfm_cli_run_line(line.c_str()); });
+}
+
+// Runs the requests in order, each expected to print exactly its text.
+inline void ExpectCli(std::initializer_list<std::pair<std::string, std::string>> steps) {
+  for (const auto &[line, text] : steps) EXPECT_EQ(Cli(line), text) << line;
 }

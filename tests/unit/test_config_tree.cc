@@ -1,8 +1,9 @@
 // The directory-backed configuration tree.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -15,9 +16,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string ReadFile(const fs::path &path) {
-  std::ifstream in(path);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+uint16_t Rows(const char *key) {
+  uint16_t rows = 9;
+  ConfigTree::getRow(key, &rows);
+  return rows;
 }
 
 class ConfigTreeDir : public ::testing::Test {
@@ -32,6 +34,10 @@ class ConfigTreeDir : public ::testing::Test {
     ConfigTree::detach();
     fs::remove_all(root_);
   }
+  std::string File(const std::string &key) {
+    std::ifstream in(root_ / key);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  }
   fs::path root_;
 };
 
@@ -43,64 +49,49 @@ TEST(ConfigTreeInert, DetachedTreeDoesNothing) {
   char text[CFM_CONFIG_VALUE_SIZE] = "keep";
   ConfigTree::ConfigGet("/cfm/ccm_interval", text);
   EXPECT_STREQ(text, "keep");
-  uint16_t rows = 9;
-  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
-  EXPECT_EQ(rows, 0);
+  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 0);
   ConfigTree::getRow("/runtime/cfm/lbr", nullptr);
 }
 
 TEST_F(ConfigTreeDir, ValuesAreFilesWithANewline) {
   ConfigTree::setStr("00:11:22:33:44:55", "/runtime/cfm/rmep:%d/src_mac", 1);
   ConfigTree::setInt(-12, "/runtime/cfm/rmep:%d/rmep_id", 1);
-  EXPECT_EQ(ReadFile(root_ / "runtime/cfm/rmep:1/src_mac"), "00:11:22:33:44:55\n");
-  EXPECT_EQ(ReadFile(root_ / "runtime/cfm/rmep:1/rmep_id"), "-12\n");
+  EXPECT_EQ(File("runtime/cfm/rmep:1/src_mac"), "00:11:22:33:44:55\n");
+  EXPECT_EQ(File("runtime/cfm/rmep:1/rmep_id"), "-12\n");
   char raw[CFM_CONFIG_VALUE_SIZE] = {0};
   EXPECT_EQ(ConfigTree::getInt(raw, "/runtime/cfm/rmep:1/rmep_id"), -12);
   EXPECT_STREQ(raw, "-12");
   EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/absent"), 0);
   char text[CFM_CONFIG_VALUE_SIZE] = "old";
-  ConfigTree::ConfigGet("/runtime/cfm/rmep:1/src_mac", text);
-  EXPECT_STREQ(text, "00:11:22:33:44:55");
-  strcpy(text, "old");
   ConfigTree::ConfigGet("/runtime/cfm/none", text);
   EXPECT_STREQ(text, "old");
+  ConfigTree::ConfigGet("/runtime/cfm/rmep:1/src_mac", text);
+  EXPECT_STREQ(text, "00:11:22:33:44:55");
   ConfigTree::setStr("new", "/runtime/cfm/rmep:%d/src_mac", 1);  // overwrite
   ConfigTree::ConfigGet("/runtime/cfm/rmep:1/src_mac", text);
   EXPECT_STREQ(text, "new");
   // No temporary file is left behind.
-  int files = 0;
-  for (const auto &e : fs::directory_iterator(root_ / "runtime/cfm/rmep:1")) {
-    (void)e;
-    ++files;
-  }
-  EXPECT_EQ(files, 2);
+  auto entries = fs::directory_iterator(root_ / "runtime/cfm/rmep:1");
+  EXPECT_EQ(std::distance(fs::begin(entries), fs::end(entries)), 2);
 }
 
 TEST_F(ConfigTreeDir, RowsAreCountedAndDeletedWithEverythingUnder) {
   for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/lbr:%d/transID", n);
-  ConfigTree::setInt(1, "/runtime/cfm/lbr:x/transID");     // not a row number
-  ConfigTree::setInt(1, "/runtime/cfm/lbrx:4/transID");    // another table
-  ConfigTree::setInt(1, "/runtime/cfm/lbr");               // the table key itself
-  uint16_t rows = 0;
-  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
-  EXPECT_EQ(rows, 3);
+  ConfigTree::setInt(1, "/runtime/cfm/lbr:x/transID");   // not a row number
+  ConfigTree::setInt(1, "/runtime/cfm/lbrx:4/transID");  // another table
+  ConfigTree::setInt(1, "/runtime/cfm/lbr");             // the table key itself
+  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 3);
   ConfigTree::delStr("/runtime/cfm/lbr:%d", 2);
   EXPECT_FALSE(fs::exists(root_ / "runtime/cfm/lbr:2"));
-  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
-  EXPECT_EQ(rows, 2);
-  ConfigTree::getRow("/runtime/nothing/here", &rows);
-  EXPECT_EQ(rows, 0);
+  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 2);
+  EXPECT_EQ(Rows("/runtime/nothing/here"), 0);
 }
 
 TEST_F(ConfigTreeDir, KeysCannotLeaveTheDirectory) {
   fs::path outside = root_.parent_path() / (root_.filename().string() + "_escape");
-  std::string escape = "/../" + outside.filename().string();
-  ConfigTree::setInt(1, "%s", escape.c_str());
+  ConfigTree::setInt(1, "%s", ("/../" + outside.filename().string()).c_str());
   EXPECT_FALSE(fs::exists(outside));
-  ConfigTree::setInt(1, "/a//b");
-  ConfigTree::setInt(1, "/a/./b");
-  ConfigTree::setInt(1, "relative");
-  ConfigTree::setInt(1, "/trailing/");
+  for (const char *bad : {"/a//b", "/a/./b", "relative", "/trailing/"}) ConfigTree::setInt(1, "%s", bad);
   EXPECT_TRUE(fs::is_empty(root_));
   ConfigTree::delStr("/..");
   EXPECT_TRUE(fs::exists(root_));
@@ -120,14 +111,12 @@ TEST_F(ConfigTreeDir, ConcurrentWritersAndReadersSeeWholeValues) {
       char text[CFM_CONFIG_VALUE_SIZE] = "";
       ConfigTree::ConfigGet("/runtime/cfm/shared", text);
       if (text[0] != '\0' && atoi(text) % 100000 >= 300) ++torn;
-      uint16_t rows;
-      ConfigTree::getRow("/runtime/cfm/shared", &rows);
+      Rows("/runtime/cfm/shared");
     }
   });
   for (auto &th : threads) th.join();
   EXPECT_EQ(torn.load(), 0);
-  int v = ConfigTree::getInt(nullptr, "/runtime/cfm/shared");
-  EXPECT_EQ(v % 100000, 299);
+  EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/shared") % 100000, 299);
 }
 
 }  // namespace

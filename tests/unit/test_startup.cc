@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -14,21 +15,15 @@
 
 namespace {
 
-class TempFile {
- public:
+struct TempFile {
   explicit TempFile(const std::string &text) {
     char name[] = "/tmp/cfm_unit_XXXXXX";
-    int fd = mkstemp(name);
+    close(mkstemp(name));
     path_ = name;
-    if (fd >= 0) {
-      EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-      close(fd);
-    }
+    std::ofstream(path_) << text;
   }
   ~TempFile() { unlink(path_.c_str()); }
   const char *path() const { return path_.c_str(); }
-
- private:
   std::string path_;
 };
 
@@ -55,10 +50,7 @@ ParseResult parse(std::vector<std::string> words) {
 
 class StartupInput : public testing::Test {
  protected:
-  void SetUp() override {
-    CFM_Global_Reset();
-    cfm_clear_pvc_mac();
-  }
+  void SetUp() override { TearDown(); }
   void TearDown() override {
     CFM_Global_Reset();
     cfm_debug_msg = 0;
@@ -67,11 +59,7 @@ class StartupInput : public testing::Test {
 };
 
 TEST_F(StartupInput, ConfigEnableFile) {
-  struct Case {
-    const char *text;
-    int result;
-    int status;  // -99: untouched
-  } cases[] = {
+  struct Case { const char *text; int result, status; } cases[] = {  // status -99: untouched
       {"Enable=1\n", 1, 1},        {"Enable=0", 1, 0},          {"Enable=2\n", 0, 2},
       {"Enable=-1\n", 0, -1},      {"Enable = 1\n", 1, 1},      {"EnableX=1\n", 1, 1},
       {"Enable\n", 0, -99},        {"enable=1\n", 0, -99},      {"", 0, -99},
@@ -97,8 +85,7 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
   EXPECT_EQ(r.result, 1);
   EXPECT_STREQ(r.ifname, "wan0");
   EXPECT_EQ(r.out, "CFM interface is wan0\nClose CFM debug message\n");
-  EXPECT_EQ(isCfmEnable(), 0u);
-  EXPECT_EQ(cfm_debug_msg, 0);
+  EXPECT_EQ(isCfmEnable() + cfm_debug_msg, 0u);
 
   r = parse({"-w", "-d", "-e", "-i", "ppp0"});
   EXPECT_EQ(r.result, 2);
@@ -110,6 +97,13 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
   r = parse({"-x", "-i", "a0", "-q", "-i", "b0"});
   EXPECT_EQ(r.result, 1);
   EXPECT_STREQ(r.ifname, "b0");
+
+  // The interface name is bounded to the system limit.
+  const std::string cut(IFNAMSIZ - 1, 'x');
+  r = parse({"-i", std::string(40, 'x')});
+  EXPECT_EQ(r.result, 1);
+  EXPECT_EQ(std::string(r.ifname), cut);
+  EXPECT_EQ(r.ifname[IFNAMSIZ], 'Z');  // nothing written past the buffer
 
   for (std::vector<std::string> words : {std::vector<std::string>{}, {"-e", "-w"}, {"-i"}, {"-f", "eth"}}) {
     r = parse(words);
@@ -123,79 +117,52 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
   EXPECT_EQ(cfm_parse_args(0, argv, name, &type), 0);
   EXPECT_EQ(cfm_parse_args(3, argv, nullptr, &type), 0);
   EXPECT_EQ(cfm_parse_args(3, argv, name, nullptr), 0);
+
+  // -f: the last one counts; an unknown word leaves the type unknown.
+  const std::pair<std::vector<std::string>, int> frames[] = {
+      {{"-f", "eth"}, CFM_FRAME_TYPE_ETH},       {{"-f", "8023"}, CFM_FRAME_TYPE_8023},
+      {{"-f", "ethernet"}, CFM_FRAME_TYPE_ETH},  {{"-f", "foo"}, CFM_FRAME_TYPE_UNKNOWN},
+      {{"-f", "8023", "-f", "802"}, CFM_FRAME_TYPE_UNKNOWN}};
+  for (auto [words, type] : frames) {
+    words.insert(words.end(), {"-i", "w"});
+    EXPECT_EQ(parse(words).frame_type, type) << words[1];
+  }
 }
 
-TEST_F(StartupInput, InterfaceNameIsBoundedToTheSystemLimit) {
-  ParseResult r = parse({"-i", std::string(40, 'x')});
-  EXPECT_EQ(r.result, 1);
-  EXPECT_EQ(std::string(r.ifname), std::string(IFNAMSIZ - 1, 'x'));
-  EXPECT_EQ(r.ifname[IFNAMSIZ], 'Z');  // nothing written past the buffer
-  EXPECT_EQ(r.out.find("CFM interface is " + std::string(IFNAMSIZ - 1, 'x') + "\n"), 0u) << r.out;
-}
-
-TEST_F(StartupInput, FrameTypeOption) {
-  EXPECT_EQ(parse({"-f", "eth", "-i", "w"}).frame_type, CFM_FRAME_TYPE_ETH);
-  EXPECT_EQ(parse({"-f", "8023", "-i", "w"}).frame_type, CFM_FRAME_TYPE_8023);
-  EXPECT_EQ(parse({"-f", "ethernet", "-i", "w"}).frame_type, CFM_FRAME_TYPE_ETH);
-  EXPECT_EQ(parse({"-f", "foo", "-i", "w"}).frame_type, CFM_FRAME_TYPE_UNKNOWN);
-  EXPECT_EQ(parse({"-f", "8023", "-f", "802", "-i", "w"}).frame_type, CFM_FRAME_TYPE_UNKNOWN);
+// Reads `text` as the PVC MAC file; returns the table's addresses.
+std::vector<uint8_t> ReadPvc(const std::string &text, int result = 1) {
+  TempFile file(text);
+  EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), result) << text;
+  const uint8_t *macs = g_pvc_mac_table.macs;
+  return macs ? std::vector<uint8_t>(macs, macs + 6 * g_pvc_mac_table.count) : std::vector<uint8_t>{};
 }
 
 TEST_F(StartupInput, PvcMacFile) {
   const uint8_t a[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
   const uint8_t b[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x66};
-  const uint8_t zero[6] = {0};
-  {
-    TempFile file("2\n00:11:22:33:44:55\n\n00:11:22:33:44:66\n00:00:00:00:00:77\n");
-    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
-    ASSERT_EQ(g_pvc_mac_table.count, 2);
-    EXPECT_EQ(memcmp(g_pvc_mac_table.macs, a, 6), 0);
-    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 6, b, 6), 0);
-    EXPECT_EQ(checkPvcMac(a), 1);
+  const uint8_t zero[6] = {0}, extra[6] = {0, 0, 0, 0, 0, 0x77};
+  // Lines beyond the announced count are ignored, blank lines are not counted.
+  EXPECT_EQ(ReadPvc("2\n00:11:22:33:44:55\n\n00:11:22:33:44:66\n00:00:00:00:00:77\n"),
+            (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 0x55, 0, 0x11, 0x22, 0x33, 0x44, 0x66}));
+  EXPECT_EQ(checkPvcMac(a) + checkPvcMac(b), 2);
+  EXPECT_EQ(checkPvcMac(extra), 0);
+  EXPECT_EQ(checkPvcMac(nullptr), 0);
+  // Malformed lines keep their slot, all zero; upper case and short pieces parse.
+  EXPECT_EQ(ReadPvc("3\n00:11:22:33:44\nAA:b:0C:d:E:f\nzz-yy\n"),
+            (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0xaa, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(checkPvcMac(zero), 1);  // a zero slot matches the zero address
+  // Fewer lines than announced: the rest stay zero.
+  EXPECT_EQ(ReadPvc("4\n00:11:22:33:44:55\n"), (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 0x55,
+                                                                  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                                                                  0, 0, 0, 0, 0, 0}));
+  // An empty table (count 0, no count line, an empty file) accepts every address.
+  for (const char *empty : {"0\n00:11:22:33:44:55\n", "\n\nabc\n", ""}) {
+    EXPECT_EQ(ReadPvc(empty), std::vector<uint8_t>{}) << empty;
+    EXPECT_TRUE(g_pvc_mac_table.count == 0 && g_pvc_mac_table.macs == nullptr);
     EXPECT_EQ(checkPvcMac(b), 1);
-    const uint8_t extra[6] = {0, 0, 0, 0, 0, 0x77};  // beyond the count
-    EXPECT_EQ(checkPvcMac(extra), 0);
-    EXPECT_EQ(checkPvcMac(nullptr), 0);
   }
-  {
-    // Malformed lines keep their slot, all zero; upper case and short pieces parse.
-    TempFile file("3\n00:11:22:33:44\nAA:b:0C:d:E:f\nzz-yy\n");
-    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
-    ASSERT_EQ(g_pvc_mac_table.count, 3);
-    EXPECT_EQ(memcmp(g_pvc_mac_table.macs, zero, 6), 0);
-    const uint8_t second[6] = {0xaa, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
-    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 6, second, 6), 0);
-    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 12, zero, 6), 0);
-    EXPECT_EQ(checkPvcMac(zero), 1);  // a zero slot matches the zero address
-  }
-  {
-    // Fewer lines than announced: the rest stay zero.
-    TempFile file("4\n00:11:22:33:44:55\n");
-    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);
-    EXPECT_EQ(g_pvc_mac_table.count, 4);
-    EXPECT_EQ(memcmp(g_pvc_mac_table.macs + 18, zero, 6), 0);
-  }
-  for (const char *empty : {"0\n00:11:22:33:44:55\n", "\n\nabc\n"}) {
-    TempFile file(empty);
-    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1) << empty;
-    EXPECT_EQ(g_pvc_mac_table.count, 0);
-    EXPECT_EQ(g_pvc_mac_table.macs, nullptr);
-    EXPECT_EQ(checkPvcMac(b), 1);  // empty table accepts every address
-  }
-  {
-    TempFile file("-3\n00:11:22:33:44:55\n");
-    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 0);
-    EXPECT_EQ(g_pvc_mac_table.count, 0);
-    EXPECT_EQ(g_pvc_mac_table.macs, nullptr);
-  }
-  {
-    TempFile file("");
-    EXPECT_EQ(cfm_read_pvc_mac_at(file.path()), 1);  // no count line: empty table
-    EXPECT_EQ(g_pvc_mac_table.count, 0);
-  }
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(cfm_read_pvc_mac_at("/nonexistent/pvc_mac"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Open /nonexistent/pvc_mac fail\n");
+  ReadPvc("-3\n00:11:22:33:44:55\n", 0);
+  EXPECT_TRUE(g_pvc_mac_table.count == 0 && g_pvc_mac_table.macs == nullptr);
 }
 
 }  // namespace

@@ -10,10 +10,9 @@
 
 namespace {
 
-int g_sent = 0;
+using V = std::vector<uint32_t>;
+int g_sent = 0, g_send_result = 1;
 LtmRequest g_last_request{};
-int g_send_result = 1;
-
 int fake_transmit(const LtmRequest *request) {
   ++g_sent;
   g_last_request = *request;
@@ -28,22 +27,17 @@ class MgmtIfTest : public DbTest {
     g_send_result = 1;
     CFM_IF_Set_LTM_Transmitter(fake_transmit);
     MdEntry md{};
-    md.MdIndex = 1;
-    md.MdLevel = 5;
-    ASSERT_EQ(CFM_IF_Set_MD_Entry(&md), CFM_OK);
+    md.MdIndex = 1, md.MdLevel = 5;
     MaNetEntry ma{};
-    ma.MdIndex = 1;
-    ma.MaIndex = 2;
+    ma.MdIndex = 1, ma.MaIndex = 2;
+    ASSERT_EQ(CFM_IF_Set_MD_Entry(&md), CFM_OK);
     ASSERT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_OK);
   }
   void TearDown() override { CFM_IF_Set_LTM_Transmitter(nullptr); }
 
-  static MepEntry request(uint16_t mep_id = 10, uint32_t row_status = CFM_ROW_CREATE) {
+  static MepEntry request() {
     MepEntry e{};
-    e.md_id = 1;
-    e.ma_id = 2;
-    e.mep_id = mep_id;
-    e.RowStatus = row_status;
+    e.md_id = 1, e.ma_id = 2, e.mep_id = 10, e.RowStatus = CFM_ROW_CREATE;
     return e;
   }
   static bool stored(MepEntry *out) {
@@ -72,13 +66,12 @@ TEST_F(MgmtIfTest, MdAndMaValidationAndDefaults) {
   MdEntry got{};
   got.MdIndex = 4;
   ASSERT_EQ(CFM_IF_Get_MD_Entry(&got), 1);
-  EXPECT_EQ(std::vector<int>({got.MdFormat, got.MhfCreation, got.SenderIdPermission}), std::vector<int>({1, 2, 1}));
+  EXPECT_EQ(V({got.MdFormat, got.MhfCreation, got.SenderIdPermission}), V({1, 2, 1}));
   EXPECT_EQ(std::string(got.MdName).size(), 43u);
 
+  // The missing MD decides before the bad interval.
   MaNetEntry ma{};
-  ma.MdIndex = 9;  // the missing MD decides before the bad interval
-  ma.MaIndex = 3;
-  ma.CcmInterval = 1;
+  ma.MdIndex = 9, ma.MaIndex = 3, ma.CcmInterval = 1;
   EXPECT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_ERR_NO_MD_MA);
   ma.MdIndex = 1;
   EXPECT_EQ(CFM_IF_Set_MA_Net_Entry(&ma), CFM_ERR_OUT_OF_RANGE);
@@ -91,18 +84,13 @@ TEST_F(MgmtIfTest, MdAndMaValidationAndDefaults) {
   first.MaIndex = 99;  // GetFirst ignores what the buffer held
   ASSERT_EQ(CFM_IF_GetFirst_MA_Net_Entry(&first), 1);
   ASSERT_EQ(CFM_IF_GetNext_MA_Net_Entry(&first), 1);
-  EXPECT_EQ(std::vector<uint32_t>({first.MaIndex, first.CcmInterval, first.MaFormat}),
-            std::vector<uint32_t>({3, 4, 1}));
+  EXPECT_EQ(V({first.MaIndex, first.CcmInterval, first.MaFormat}), V({3, 4, 1}));
 }
 
 // Each request breaks the checks named; the status must be that of the
 // earliest check, and nothing may be stored.
 TEST_F(MgmtIfTest, MepValidationOrderFirstFailureDecides) {
-  struct Case {
-    const char *what;
-    void (*change)(MepEntry &);
-    uint32_t status;
-  };
+  struct Case { const char *what; void (*change)(MepEntry &); uint32_t status; };
   const Case cases[] = {
       {"missing MD before bad MEPID", [](MepEntry &e) { e.md_id = 9; e.mep_id = 0; }, CFM_ERR_NO_MD_MA},
       {"missing MA", [](MepEntry &e) { e.ma_id = 3; }, CFM_ERR_NO_MD_MA},
@@ -114,13 +102,10 @@ TEST_F(MgmtIfTest, MepValidationOrderFirstFailureDecides) {
       {"alarm time 249", [](MepEntry &e) { e.FngAlarmTime = 249; }, CFM_ERR_OUT_OF_RANGE},
       {"reset time 1001", [](MepEntry &e) { e.FngResetTime = 1001; }, CFM_ERR_OUT_OF_RANGE},
       {"1025 LBMs", [](MepEntry &e) { e.LbmMessages = 1025; }, CFM_ERR_OUT_OF_RANGE},
-      {"bad priority before running LBM", [](MepEntry &e) { e.CcmLtmPriority = 8; e.LbmRunning = 1; },
-       CFM_ERR_OUT_OF_RANGE},
-      {"running LBM before bad LBM priority", [](MepEntry &e) { e.LbmRunning = 1; e.LbmPriority = 8; },
-       CFM_ERR_LBM_RUNNING},
+      {"priority before LBM running", [](MepEntry &e) { e.CcmLtmPriority = 8, e.LbmRunning = 1; }, CFM_ERR_OUT_OF_RANGE},
+      {"LBM running before priority", [](MepEntry &e) { e.LbmRunning = 1, e.LbmPriority = 8; }, CFM_ERR_LBM_RUNNING},
       {"LBM priority 8", [](MepEntry &e) { e.LbmPriority = 8; }, CFM_ERR_OUT_OF_RANGE},
-      {"LTM flags 0x40 before unknown row status", [](MepEntry &e) { e.LtmFlags = 0x40; e.RowStatus = 5; },
-       CFM_ERR_OUT_OF_RANGE},
+      {"LTM flags before row status", [](MepEntry &e) { e.LtmFlags = 0x40, e.RowStatus = 5; }, CFM_ERR_OUT_OF_RANGE},
       {"unknown row status", [](MepEntry &e) { e.RowStatus = 5; }, CFM_ERR_UNKNOWN_ROW_STATUS},
       {"delete of an absent MEP", [](MepEntry &e) { e.RowStatus = CFM_ROW_DELETE; }, CFM_ERR_FAILURE},
   };
@@ -142,10 +127,10 @@ TEST_F(MgmtIfTest, MepCreateFillsDefaultsAndModifyKeepsValues) {
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_OK);
   MepEntry s{};
   ASSERT_TRUE(stored(&s));
-  EXPECT_EQ(std::vector<uint32_t>({s.CcmLtmPriority, s.CciEnabled, s.LbmMessages, s.Active, s.LbmDropEnable,
-                                   s.FngState, s.FngAlarmTime, s.FngResetTime, s.LowestAlarmPriority, s.CcmDefect,
-                                   s.LbmPriority, s.LtmTtl, s.LtmNextSeqNumber, s.RowStatus}),
-            std::vector<uint32_t>({7, 1, 10, 0, 0, 1, 250, 1000, 2, 1, 7, 64, 42, CFM_ROW_IN_USE}));
+  EXPECT_EQ(V({s.CcmLtmPriority, s.CciEnabled, s.LbmMessages, s.Active, s.LbmDropEnable, s.FngState,
+               s.FngAlarmTime, s.FngResetTime, s.LowestAlarmPriority, s.CcmDefect, s.LbmPriority, s.LtmTtl,
+               s.LtmNextSeqNumber, s.RowStatus}),
+            V({7, 1, 10, 0, 0, 1, 250, 1000, 2, 1, 7, 64, 42, CFM_ROW_IN_USE}));
   EXPECT_EQ(g_sent, 0);
 
   s.RowStatus = CFM_ROW_MODIFY;
@@ -155,8 +140,7 @@ TEST_F(MgmtIfTest, MepCreateFillsDefaultsAndModifyKeepsValues) {
   s.CcmLtmPriority = 0;  // priority 0 cannot be stored: it becomes 7
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
   ASSERT_TRUE(stored(&s));
-  EXPECT_EQ(std::vector<uint32_t>({s.CciEnabled, s.LbmMessages, s.LtmNextSeqNumber, s.CcmLtmPriority}),
-            std::vector<uint32_t>({0, 1024, 8, 7}));
+  EXPECT_EQ(V({s.CciEnabled, s.LbmMessages, s.LtmNextSeqNumber, s.CcmLtmPriority}), V({0, 1024, 8, 7}));
 
   s.LbmRunning = 1;  // a run in progress: nothing changes
   s.LbmMessages = 3;
@@ -177,23 +161,19 @@ TEST_F(MgmtIfTest, LinktraceStep) {
   EXPECT_EQ(CFM_Get_TotalMepEntries(), 0u);
 
   RemoteMepEntry peer{};
-  peer.md_id = 1;
-  peer.ma_id = 2;
-  peer.rmep_id = 20;
-  peer.src_mac[5] = 0x55;
+  peer.md_id = 1, peer.ma_id = 2, peer.rmep_id = 20, peer.src_mac[5] = 0x55;
   ASSERT_EQ(mep_process_normal_frame(&peer), CFM_DB_FOUND);
   retry.vid = 300;
   retry.LtmFlags = 0x80;
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&retry), CFM_OK);
   ASSERT_EQ(g_sent, 1);
   const LtmRequest &r = g_last_request;
-  EXPECT_EQ(std::vector<uint32_t>({r.trans_id, r.md_level, r.priority, r.ttl, r.flags, r.vid, r.target_mac[5]}),
-            std::vector<uint32_t>({100, 5, 7, 64, 0x80, 300, 0x55}));
+  EXPECT_EQ(V({r.trans_id, r.md_level, r.priority, r.ttl, r.flags, r.vid, r.target_mac[5]}),
+            V({100, 5, 7, 64, 0x80, 300, 0x55}));
   MepEntry s = retry;
   ASSERT_EQ(CFM_Get_MEP_Entry(&s), 1);
-  EXPECT_EQ(std::vector<uint32_t>({s.LtmResult, s.LtmTransmitStatus, s.LtmSeqNumber, s.LtmNextSeqNumber,
-                                   s.LtmTargetMac[5]}),
-            std::vector<uint32_t>({1, 0, 100, 101, 0x55}));
+  EXPECT_EQ(V({s.LtmResult, s.LtmTransmitStatus, s.LtmSeqNumber, s.LtmNextSeqNumber, s.LtmTargetMac[5]}),
+            V({1, 0, 100, 101, 0x55}));
 
   // A failed send keeps the sequence numbers; no transmitter counts as failed.
   for (CfmLtmTransmitFn transmitter : {fake_transmit, static_cast<CfmLtmTransmitFn>(nullptr)}) {
@@ -204,8 +184,7 @@ TEST_F(MgmtIfTest, LinktraceStep) {
     s.LtmTargetIsMepId = 0;
     ASSERT_EQ(CFM_IF_Set_MEP_Entry(&s), CFM_OK);
     ASSERT_EQ(CFM_Get_MEP_Entry(&s), 1);
-    EXPECT_EQ(std::vector<uint32_t>({s.LtmResult, s.LtmSeqNumber, s.LtmNextSeqNumber}),
-              std::vector<uint32_t>({0, 100, 101}));
+    EXPECT_EQ(V({s.LtmResult, s.LtmSeqNumber, s.LtmNextSeqNumber}), V({0, 100, 101}));
   }
   // The linktrace goes out before the row status is looked at.
   CFM_IF_Set_LTM_Transmitter(fake_transmit);

@@ -110,6 +110,14 @@ bool load(const char *key, char *out, size_t size) {
   return true;
 }
 
+// Stores a value under a printf-style key (both setters end here).
+void store_formatted(const char *value, const char *key_format, va_list ap) {
+  char key[kKeyMax];
+  if (!format_key(key, key_format, ap)) return;
+  std::lock_guard<std::mutex> lock(g_mutex);
+  if (!g_root.empty()) store(key, value);
+}
+
 }  // namespace
 
 int ConfigTree::getInt(char *buffer, const char *key) {
@@ -125,28 +133,20 @@ int ConfigTree::getInt(char *buffer, const char *key) {
 
 void ConfigTree::setInt(int value, const char *key_format, ...) {
   if (!g_attached.load()) return;
-  char key[kKeyMax];
-  va_list ap;
-  va_start(ap, key_format);
-  bool ok = format_key(key, key_format, ap);
-  va_end(ap);
-  if (!ok) return;
   char text[16];
   snprintf(text, sizeof text, "%d", value);
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (!g_root.empty()) store(key, text);
+  va_list ap;
+  va_start(ap, key_format);
+  store_formatted(text, key_format, ap);
+  va_end(ap);
 }
 
 void ConfigTree::setStr(const char *value, const char *key_format, ...) {
   if (!g_attached.load() || value == nullptr) return;
-  char key[kKeyMax];
   va_list ap;
   va_start(ap, key_format);
-  bool ok = format_key(key, key_format, ap);
+  store_formatted(value, key_format, ap);
   va_end(ap);
-  if (!ok) return;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (!g_root.empty()) store(key, value);
 }
 
 void ConfigTree::delStr(const char *key_format, ...) {

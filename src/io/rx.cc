@@ -320,15 +320,28 @@ void cfm_relay_lan_frame(const uint8_t *frame, size_t length) {
   }
 }
 
+namespace {
+
+// Reads one frame from a raw socket into a fresh cleared buffer of the
+// largest frame size, which the caller frees; *buf stays null when no buffer
+// could be had. Returns the length read, or -1.
+ssize_t read_raw_socket(int fd, uint8_t **buf) {
+  *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
+  if (*buf == nullptr) return -1;
+  memset(*buf, 0, kMaxFrame);
+  return fd < 0 ? -1 : recvfrom(fd, *buf, kMaxFrame, 0, nullptr, nullptr);
+}
+
+}  // namespace
+
 uint32_t rx_lan_packet(CfmPacket *packet) {
   if (packet == nullptr) return CFM_ERR_FAILURE;
-  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
+  uint8_t *buf = nullptr;
+  ssize_t got = read_raw_socket(_cfm_lan_sock_fd, &buf);
   if (buf == nullptr) {
     clear_payload(packet);
     return CFM_ERR_FAILURE;
   }
-  memset(buf, 0, kMaxFrame);
-  ssize_t got = _cfm_lan_sock_fd < 0 ? -1 : recvfrom(_cfm_lan_sock_fd, buf, kMaxFrame, 0, nullptr, nullptr);
   if (got > 0) {
     if (isCfmDebugOn()) {
       printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_lan_packet", 683, static_cast<int>(got));
@@ -344,13 +357,12 @@ uint32_t rx_lan_packet(CfmPacket *packet) {
 
 uint32_t CFM_Receive_Packet(CfmPacket *packet) {
   if (packet == nullptr) return CFM_ERR_FAILURE;
-  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
+  uint8_t *buf = nullptr;
+  ssize_t got = read_raw_socket(_cfm_sock_fd, &buf);
   if (buf == nullptr) {
     clear_payload(packet);
     return CFM_ERR_FAILURE;
   }
-  memset(buf, 0, kMaxFrame);
-  ssize_t got = _cfm_sock_fd < 0 ? -1 : recvfrom(_cfm_sock_fd, buf, kMaxFrame, 0, nullptr, nullptr);
   uint32_t result = CFM_ERR_FAILURE;
   clear_payload(packet);
   if (got > 0) {

@@ -18,6 +18,7 @@
 #include "engines/lb_initiator.h"
 #include "engines/lb_responder.h"
 #include "engines/lt_receiver.h"
+#include "io/dump.h"
 #include "io/frame.h"
 #include "io/tx.h"
 #include "io/wan_socket.h"
@@ -41,14 +42,6 @@ std::atomic<CfmRxSource> g_rx_source{nullptr};
 std::atomic<int> g_rx_fd{-1};  // the WAN receive socket
 
 enum class Verdict { NotCfm, Local, ForwardToLan };
-
-// Frame dumps as the transmit side prints them: 16 bytes a line.
-void dump_bytes(const uint8_t *bytes, size_t length, const char *format) {
-  for (size_t i = 0; i < length; ++i) {
-    if (i != 0 && i % 16 == 0) printf("\n");
-    printf(format, bytes[i]);
-  }
-}
 
 void debug_text(const char *text) {
   if (!isCfmDebugOn()) return;
@@ -160,7 +153,7 @@ uint32_t receive_wan(CfmPacket *packet, bool *read_nothing) {
   long got = read_wan(buf, kMaxFrame);
   if (got > 0 && isCfmDebugOn()) {
     printf("Debug: rx_wan_packet recevice");
-    dump_bytes(buf, static_cast<size_t>(got), "%2X ");
+    cfm_dump_bytes(buf, static_cast<size_t>(got), "%2X ");
     printf("\n\n");
     fflush(stdout);
   }
@@ -178,7 +171,7 @@ uint32_t receive_wan(CfmPacket *packet, bool *read_nothing) {
 void debug_dump_packet(const CfmPacket &packet) {
   if (!isCfmDebugOn() || packet.length == 0 || packet.buffer == nullptr) return;
   printf("Debug: rx_task_recevice packet =");
-  dump_bytes(packet.buffer, packet.length, "%02X ");
+  cfm_dump_bytes(packet.buffer, packet.length, "%02X ");
   printf("\n");
   fflush(stdout);
 }

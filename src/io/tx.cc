@@ -15,6 +15,7 @@
 #include "core/global.h"
 #include "core/os.h"
 #include "core/status.h"
+#include "io/dump.h"
 #include "io/frame.h"
 
 int _cfm_wan_sock_fd = -1;
@@ -84,10 +85,7 @@ size_t build_wire_frame(const uint8_t *frame, uint32_t length, uint8_t **out) {
 void debug_dump(const SendPath &path, const uint8_t *buf, size_t len) {
   puts(path.banner);
   printf("%s, line %d to send packet, length = %d\n", path.function, path.line, static_cast<int>(len));
-  for (size_t i = 0; i < len; ++i) {
-    if (i != 0 && i % 16 == 0) putchar('\n');
-    printf("%02X ", buf[i]);
-  }
+  cfm_dump_bytes(buf, len, "%02X ");
   printf("\n\n");
 }
 

@@ -57,11 +57,13 @@ bool walk_options(FILE *out, CliArg *arg, Apply apply) {
   return true;
 }
 
-// The MD options; `name_set` tells whether a name option was applied.
-bool apply_md_options(FILE *out, CliArg *first, MdEntry *md, bool *name_set) {
+// The MD options; `name_set` tells whether a name option was applied. The
+// level option belongs to configmd only: createmd passes code 0 over alone.
+bool apply_md_options(FILE *out, CliArg *first, MdEntry *md, bool level_option, bool *name_set) {
   return walk_options(out, first, [&](int32_t code, CliArg *value_arg, bool *known) {
     int32_t value = 0;
     const char *text = nullptr;
+    if (code == kOptMdLevel && !level_option) return CliArgStatus::kOk;
     switch (code) {
       case kOptMdLevel:
       case kOptMdFormat:
@@ -152,7 +154,7 @@ int cli_usr_cfm_createmd(FILE *out, CliArg *args, int) {
   bool name_fits = strlen(name) < sizeof md.MdName;
   if (name_fits) memcpy(md.MdName, name, strlen(name) + 1);
   bool name_set = false;
-  if (!apply_md_options(out, cli_arg_at(args, 6), &md, &name_set)) return 0;
+  if (!apply_md_options(out, cli_arg_at(args, 6), &md, false, &name_set)) return 0;
   md.RowStatus = CFM_ROW_CREATE;
   if ((!name_fits && !name_set) || CFM_IF_Set_MD_Entry(&md) != CFM_OK) {
     fputs("\r\nError!! MD Table is full", out);
@@ -173,7 +175,7 @@ int cli_usr_cfm_configmd(FILE *out, CliArg *args, int) {
     return 0;
   }
   bool name_set = false;
-  if (!apply_md_options(out, cli_arg_at(args, 2), &md, &name_set)) return 0;
+  if (!apply_md_options(out, cli_arg_at(args, 2), &md, true, &name_set)) return 0;
   if (CFM_IF_Set_MD_Entry(&md) != CFM_OK) {
     fputs("\r\nError!! MD config fail", out);
     return 0;

@@ -96,7 +96,7 @@ void print_runtime_value(FILE *out, const MepEntry &mep, int32_t selector) {
     case 16: print_line(out, mep.LtmFlags != 0 ? "useFDBonly" : "None"); break;
     case 17: print_line(out, hwaddr_to_string(mac, mep.LtmTargetMac)); break;
     case 18: print_number(out, mep.LtmTargetMepId); break;
-    case 19: print_line(out, cfm_cli_flag_name(mep.LtmTargetIsMepId)); break;
+    case 19: print_line(out, mep.LtmTargetIsMepId <= 1 ? cfm_cli_flag_name(mep.LtmTargetIsMepId) : nullptr); break;
     case 20: print_number(out, mep.LtmTtl); break;
     case 21: print_line(out, mep.LtmResult == 1 ? "Success" : "Fail"); break;
     case 22: print_number(out, mep.LtmSeqNumber); break;

@@ -26,6 +26,7 @@ void *cfm_timer_task(void *) {
     GlobalEntry global;
     CFM_IF_Get_Global_Entry(&global);
     if (global.status == 1) cfm_timer_tick();
+    fflush(stdout);  // the tick's reports are out before the task sleeps
     CFM_OS_Sleep(period);
   }
   return nullptr;
@@ -51,7 +52,6 @@ uint32_t cfm_timer_period_ms() {
   } else {
     return period;
   }
-  fflush(stdout);
   return period;
 }
 
@@ -67,7 +67,6 @@ uint32_t CFM_Timer_Init_Tmr() {
   pthread_t thread;
   if (CFM_OS_Create_Task(&thread, "CFM-Tmr", cfm_timer_task, kTaskStackSize, kTaskPriority) != 1) {
     printf("\r\nCreate CFM-Tmr task failed.");
-    fflush(stdout);
     CFM_OS_Fatal_Error_Handler();
   }
   g_timer_started = true;

@@ -80,7 +80,8 @@ bool resolve_local(const MepEntry &mep, Target *target) {
       target->port = kLocalPortSelf;
       return true;
     }
-    if (last == static_cast<uint8_t>(self[kMacLen - 1] + 2)) {
+    // Compared as integers: for a MAC ending in FE or FF no byte matches.
+    if (last == self[kMacLen - 1] + 2) {
       target->port = kLocalPortSelfPlus2;
       return true;
     }
@@ -270,7 +271,6 @@ uint32_t CFM_LB_Init() {
   g_cfm_lbr_busy = 0;
   if (CFM_Get_System_Mac(g_lb_source_mac) != CFM_OK) {
     printf("\r\nGet System MAC for CFM LB  Send Frame failed!");
-    fflush(stdout);
   }
   g_lb_ready = true;
   return 1;
@@ -295,7 +295,6 @@ uint32_t cfm_send_lbm(const uint8_t *destination, uint32_t /*port*/, uint8_t pri
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\nAllocate Buffer for CFM LB Send Frame failed!");
-    fflush(stdout);
     return CFM_ERR_FAILURE;
   }
   memset(buffer, 0, kTxBufferSize);
@@ -305,7 +304,6 @@ uint32_t cfm_send_lbm(const uint8_t *destination, uint32_t /*port*/, uint8_t pri
                                : CFM_ERR_FAILURE;
   if (result != CFM_OK) {
     printf("\r\n Send CFM LB packet failed!!");
-    fflush(stdout);
   } else {
     advance(trans_id);
   }

@@ -80,7 +80,6 @@ uint32_t walk_lbm_tlvs(const uint8_t *frame, size_t len, size_t pos) {
     pos += static_cast<size_t>(tlv_len) + kTlvHeaderLen;
     if (tlv_len + 3 >= remaining) {
       printf("Debug: Drop Illegal TLV packet ");
-      fflush(stdout);
       return CFM_ERR_TLV;
     }
     remaining -= tlv_len + 3;
@@ -132,7 +131,6 @@ void cfm_send_lbr(const uint8_t *lbm, const uint8_t *destination, uint32_t prior
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\nAllocate Buffer for CFM LB Send Frame failed!");
-    fflush(stdout);
     return;
   }
   memset(buffer, 0, kTxBufferSize);
@@ -148,7 +146,6 @@ void cfm_send_lbr(const uint8_t *lbm, const uint8_t *destination, uint32_t prior
                                      : CFM_Send_Packet_To_WAN(buffer, static_cast<uint32_t>(length), priority);
     if (result != CFM_OK) {
       printf("\r\n Send CFM LB packet failed!!");
-      fflush(stdout);
     }
   }
   CFM_OS_Deallocate_Memory(buffer);

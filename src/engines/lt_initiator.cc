@@ -71,7 +71,6 @@ int cfm_xmit_ltm(const uint8_t *ltm, uint8_t priority) {
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\n cfm_xmit_ltm: Allocate memory buffer failed!!");
-    fflush(stdout);
     return 0;
   }
   memset(buffer, 0, kTxBufferSize);
@@ -84,7 +83,6 @@ int cfm_xmit_ltm(const uint8_t *ltm, uint8_t priority) {
   CFM_OS_Deallocate_Memory(buffer);
   if (result != CFM_OK) {
     printf("\r\n Send CFM LTM packet failed!!");
-    fflush(stdout);
     return 0;
   }
   return 1;
@@ -112,7 +110,6 @@ uint32_t CFM_LT_Init() {
   memset(g_reply_counter, 0, sizeof g_reply_counter);
   if (CFM_Get_System_Mac(g_lt_system_mac) != CFM_OK) {
     printf("\r\nCFM_LT_Init: Get system MAC fail!");
-    fflush(stdout);
     CFM_OS_Fatal_Error_Handler();
   }
   g_lt_ready = true;

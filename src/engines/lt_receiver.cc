@@ -135,7 +135,6 @@ uint32_t send_ltr(const CfmPacket &packet, const uint8_t *ltm_egress_id) {
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\n CFM_LTM_Process: Allocate memory buffer failed!!");
-    fflush(stdout);
     return CFM_ERR_FAILURE;
   }
   CfmLtrReply reply = {packet.buffer, packet.length, ltm_egress_id, packet.priority,
@@ -147,7 +146,6 @@ uint32_t send_ltr(const CfmPacket &packet, const uint8_t *ltm_egress_id) {
   CFM_OS_Deallocate_Memory(buffer);
   if (result != CFM_OK) {
     printf("\r\n Send CFM LTR packet failed!!");
-    fflush(stdout);
   }
   return result;
 }

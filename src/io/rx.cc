@@ -46,7 +46,6 @@ enum class Verdict { NotCfm, Local, ForwardToLan };
 void debug_text(const char *text) {
   if (!isCfmDebugOn()) return;
   printf("%s", text);
-  fflush(stdout);
 }
 
 void clear_payload(CfmPacket *packet) {
@@ -55,6 +54,10 @@ void clear_payload(CfmPacket *packet) {
 }
 
 bool has(size_t length, size_t offset, size_t size) { return offset + size <= length; }
+
+bool is_vlan_tagged(const uint8_t *frame, size_t length) {
+  return has(length, wire::kTpid, 2) && cfm_is_vlan_tpid(frame[wire::kTpid], frame[wire::kTpid + 1]);
+}
 
 bool is_ether_type_at(const uint8_t *frame, size_t length, size_t offset) {
   return has(length, offset, 2) && cfm_is_cfm_ethertype(frame[offset], frame[offset + 1]);
@@ -151,11 +154,14 @@ uint32_t receive_wan(CfmPacket *packet, bool *read_nothing) {
   }
   memset(buf, 0, kMaxFrame);
   long got = read_wan(buf, kMaxFrame);
+  // The socket takes every protocol so that tagged frames arrive at all; what
+  // does not begin with an 802.1Q tag is not for this path and is passed over
+  // before any trace, as a socket of the 802.1Q protocol would never see it.
+  if (got > 0 && !is_vlan_tagged(buf, static_cast<size_t>(got))) got = 0;
   if (got > 0 && isCfmDebugOn()) {
     printf("Debug: rx_wan_packet recevice");
     cfm_dump_bytes(buf, static_cast<size_t>(got), "%2X ");
     printf("\n\n");
-    fflush(stdout);
   }
   uint32_t result = CFM_ERR_FAILURE;
   if (got <= 0) {
@@ -173,7 +179,6 @@ void debug_dump_packet(const CfmPacket &packet) {
   printf("Debug: rx_task_recevice packet =");
   cfm_dump_bytes(packet.buffer, packet.length, "%02X ");
   printf("\n");
-  fflush(stdout);
 }
 
 // Takes every queued frame, one at a time in arrival order. Returns the
@@ -214,7 +219,6 @@ int open_rx_socket() {
   reserve_receive_queue(fd);
   g_rx_fd.store(fd);
   printf("CFM:CFMInterval = %d\n", kReportedIntervalUs);
-  fflush(stdout);
   return fd;
 }
 
@@ -242,7 +246,6 @@ uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *
   if (verdict == Verdict::Local) return make_untagged_copy(frame, length, double_tag, packet);
   if (verdict == Verdict::ForwardToLan) {
     printf("CFM: Forward the CFM packet to LAN because  VID/opcode not define");
-    fflush(stdout);
     CFM_Send_Packet_To_LAN(frame, static_cast<uint32_t>(length), 0);
   }
   debug_text("CFM: CFM_ERR_FAILURE");
@@ -393,7 +396,9 @@ void *cfm_rx_task(void *) {
     // A read also clears a pending socket error; when nothing was read,
     // pause briefly so an error that wakes every wait cannot make this spin.
     cfm_wan_socket_wait(fd, kWaitTimeoutMs);
-    if (drain_wan() == 0) usleep(kEmptyWakeupPauseUs);
+    size_t frames = drain_wan();
+    fflush(stdout);  // every report of the batch is out before the task waits
+    if (frames == 0) usleep(kEmptyWakeupPauseUs);
   }
   return nullptr;
 }

@@ -111,7 +111,6 @@ uint32_t send_packet(const SendPath &path, int fd, int ifindex, const uint8_t *f
   CFM_OS_Deallocate_Memory(buf);
   if (debug) {
     puts(sent ? "CFM: Send the packet Successfully" : "CFM: Send the packet Fail");
-    fflush(stdout);
   }
   return sent ? CFM_OK : CFM_ERR_FAILURE;
 }

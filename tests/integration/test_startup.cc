@@ -79,14 +79,36 @@ TEST_F(Startup, OptionsAndInterfacesThatStillRun) {
        {"CFM interface is abcdefghijklmno\n", "Can't get abcdefghijklmno mac\n"}},
       {{"-i", "nosuch0", "-e"}, {"Can't get nosuch0 mac\n"}},
       {{"-w", "-i", "wan0"}, {"CFM: CFM_Get_Ifindex\n"}},  // present interface: no wait
+      {{"-w", "-i", "ppp#1"}, {"CFM: CFM_Get_Ifindex\n"}},  // any valid name is checked
   };
   ASSERT_EQ(Shell("command -v ifconfig >/dev/null"), 0) << "ifconfig (net-tools) is needed for -w";
+  Shell("ip link add 'ppp#1' type veth peer name ppp1");
   for (const Case &c : cases) {
     ASSERT_TRUE(StartDaemon(c.args));
     for (const char *line : c.lines) EXPECT_TRUE(WaitForOutput(line)) << Output();
     ExpectStaysUp();
   }
   ExpectEnd(Stop(), false, SIGTERM);
+}
+
+// Reports printed without a newline reach the output before their task
+// waits again, with no command to flush them, and a SIGTERM keeps them.
+TEST_F(Startup, ReportsReachTheOutputBeforeTheTaskWaits) {
+  WriteFile("/var/tree/cfm/ccm_interval", "100ms\n");
+  std::vector<std::string> args = DefaultArgs();
+  args.insert(args.end(), {"-t", "/var/tree"});
+  ASSERT_TRUE(StartDaemonReady(args));
+  EXPECT_TRUE(WaitForOutput("CCMInterval=100")) << Output();
+  // An unclaimed double-tagged LTM is forwarded with a report of its own.
+  cfmlab::Frame ltm = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x3D, 2, 0, 0, 0, 0, 1, 0x81, 0, 0, 10, 0x81, 0, 0, 20,
+                       0x89, 0x02, 0xA0, 0x05, 0x00, 0x11};
+  ltm.resize(64, 0);
+  ASSERT_TRUE(peer().Send(ltm));
+  const char forward[] = "CFM: Forward the CFM packet to LAN because  VID/opcode not define";
+  EXPECT_TRUE(WaitForOutput(forward)) << Output();
+  ExpectEnd(Stop(), false, SIGTERM);
+  EXPECT_NE(Output().find("CCMInterval=100"), std::string::npos) << Output();
+  EXPECT_NE(Output().find(forward), std::string::npos);
 }
 
 TEST_F(Startup, PvcMacFileMissingIsReported) {

@@ -86,7 +86,8 @@ TEST_F(CliCommands, MdLifeCycle) {
   ExpectCli({{"createmd 3 0 5 4 core", ""}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
              {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok},
              {"createmd 5 0 9 0 x", full}, {"createmd 5 0 1 0 " + std::string(44, 'n'), full},
-             {"createmd 5 0 1 0 12345", ""}});  // a numeric name is the text as sent
+             {"createmd 5 0 1 0 12345", ""},  // a numeric name is the text as sent
+             {"createmd 6 x 2 x six 0 4 renamed", ""}});  // code 0 is configmd's alone
   MdEntry md = {};
   md.MdIndex = 3;
   ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
@@ -95,6 +96,10 @@ TEST_F(CliCommands, MdLifeCycle) {
   md.MdIndex = 5;
   ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
   EXPECT_STREQ(md.MdName, "12345");
+  md.MdIndex = 6;
+  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
+  EXPECT_EQ(md.MdLevel, 2);
+  EXPECT_STREQ(md.MdName, "renamed");
 }
 
 TEST_F(CliCommands, MepCreateConfigDelete) {
@@ -201,9 +206,10 @@ TEST_F(CliCommands, ShowMepBlocksAndRuntime) {
   Cli("createmep 1 0 2 0 30 0 1 0 0 0 2");
   MepEntry mep = Mep(30, 2);
   mep.NextLbmTransId = 42;
-  mep.CcmDefect = 9;  // out of range: no line
+  mep.CcmDefect = 9;         // out of range: no line
+  mep.LtmTargetIsMepId = 2;  // likewise
   ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
-  ExpectCli({{"runtime 9", "0\n0\n42\n"}, {"runtime 4", "RDI CCM\nRDI CCM\n"},
+  ExpectCli({{"runtime 9", "0\n0\n42\n"}, {"runtime 4", "RDI CCM\nRDI CCM\n"}, {"runtime 19", "disabled\ndisabled\n"},
              {"runtime 17", "00:0a:0b:0c:0d:0e\n00:00:00:00:00:00\n00:00:00:00:00:00\n"}, {"runtime 23", ""}});
 }
 

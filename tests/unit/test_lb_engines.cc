@@ -187,6 +187,20 @@ TEST_F(Initiator, TargetResolution) {
     CFM_LBI_XMIT_Check();
     EXPECT_EQ(dst(0), mac(kSelf));
   }
+  // "Plus 2" is integer arithmetic: with a MAC ending in FE no last byte is
+  // local, and a target ending in 00 goes to that target.
+  uint8_t self_fe[6], target_00[6];
+  memcpy(self_fe, kSelf, 6), memcpy(target_00, kSelf, 6);
+  self_fe[5] = 0xFE, target_00[5] = 0x00;
+  cfm_set_system_mac(self_fe);
+  CFM_LB_Init();
+  clear_tables();
+  sent.clear();
+  start_run(1, target_00, "");
+  CFM_LBI_XMIT_Check();
+  EXPECT_EQ(dst(0), mac(target_00));
+  cfm_set_system_mac(kSelf);
+  CFM_LB_Init();
 
   // The local-target flag of a tick stays set for the MEPs after the one
   // that set it: MEP 2's remote target is addressed like MEP 1's local one.

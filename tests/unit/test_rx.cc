@@ -100,6 +100,17 @@ TEST_F(Rx, EnginesRunOnlyWhileEnabledAndTheQueueIsDrainedInOrder) {
   RemoteMepEntry r;
   ASSERT_TRUE(remote(1, 2, 2, &r));
   EXPECT_EQ(r.SequenceNum, 1100u);  // none of the first hundred was applied
+  // Untagged traffic (IPv6 neighbour discovery here) is passed over before
+  // any debug trace.
+  cfm_debug_msg = 1;
+  Bytes nd(86, 0);
+  nd[12] = 0x86, nd[13] = 0xDD;
+  g_queue.push_back(nd);
+  CfmPacket p{};
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(rx_wan_packet(&p), CFM_ERR_FAILURE);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  cfm_debug_msg = 0;
 }
 
 TEST_F(Rx, LanFramesCrossToTheWanFromLevelThree) {

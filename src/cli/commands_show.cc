@@ -10,6 +10,7 @@
 #include "core/os.h"
 #include "core/status.h"
 #include "db/mgmt_if.h"
+#include "engines/lb_initiator.h"
 
 namespace {
 
@@ -231,9 +232,7 @@ int cli_usr_cfm_clearltr(FILE *, CliArg *, int) {
 
 int cli_usr_cfm_clearlbr(FILE *, CliArg *, int) {
   ConfigTree::setInt(1, "/runtime/cfm/clear");
-  uint16_t rows = 0;
-  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
-  for (int n = rows; n >= 1; --n) ConfigTree::delStr("/runtime/cfm/lbr:%d", n);
+  cfm_lbr_rows_clear();
   ConfigTree::setInt(0, "/runtime/cfm/clear");
   return 1;
 }

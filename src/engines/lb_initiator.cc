@@ -38,6 +38,9 @@ constexpr uint32_t kLocalPortSelf = 1234;
 constexpr uint32_t kLocalPortSelfPlus2 = 1235;
 
 uint8_t g_lb_source_mac[kMacLen] = {0};
+// LBR rows in the configuration tree; touched only under MEP_SYC.
+uint32_t g_lbr_rows = 0;
+uint32_t g_lbr_rows_unwritten = 0;
 bool g_lb_ready = false;
 
 bool debug() { return cfm_debug_msg != 0; }
@@ -262,9 +265,34 @@ void count_lbr(MepEntry *mep, uint32_t trans_id, const DataCopy &data) {
   CFM_Update_MEP_Entry(mep);
 }
 
+// Records one LBR as the next row, while the rows are below their bound.
+void write_lbr_row(const uint8_t *source, uint32_t trans_id) {
+  if (g_lbr_rows >= CFM_MAX_LBR_ROWS) {
+    g_lbr_rows_unwritten += 1;
+    return;
+  }
+  int row = static_cast<int>(++g_lbr_rows);
+  char mac_text[CFM_MAC_TEXT_SIZE];
+  hwaddr_to_string(mac_text, source);
+  ConfigTree::setStr(mac_text, "/runtime/cfm/lbr:%d/src_mac", row);
+  ConfigTree::setInt(static_cast<int>(trans_id), "/runtime/cfm/lbr:%d/transID", row);
+}
+
 }  // namespace
 
 const uint8_t *cfm_lb_source_mac() { return g_lb_source_mac; }
+
+uint32_t cfm_lbr_rows() { return g_lbr_rows; }
+uint32_t cfm_lbr_rows_unwritten() { return g_lbr_rows_unwritten; }
+
+void cfm_lbr_rows_clear() {
+  MepSycLock lock;
+  uint16_t rows = 0;
+  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
+  for (int n = rows; n >= 1; --n) ConfigTree::delStr("/runtime/cfm/lbr:%d", n);
+  g_lbr_rows = 0;
+  g_lbr_rows_unwritten = 0;
+}
 
 uint32_t CFM_LB_Init() {
   g_cfm_lbm_responder_busy = 0;
@@ -273,6 +301,9 @@ uint32_t CFM_LB_Init() {
     printf("\r\nGet System MAC for CFM LB  Send Frame failed!");
   }
   g_lb_ready = true;
+  uint16_t rows = 0;
+  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
+  g_lbr_rows = rows;
   return 1;
 }
 
@@ -334,12 +365,7 @@ uint32_t CFM_LBR_Process(CfmPacket *packet) {
     return CFM_ERR_FAILURE;
   uint32_t trans_id = get_be32(frame + off.body + lb::kBodyTransId);
 
-  uint16_t rows = 0;
-  ConfigTree::getRow("/runtime/cfm/lbr", &rows);
-  char mac_text[CFM_MAC_TEXT_SIZE];
-  hwaddr_to_string(mac_text, frame + wire::kSrc);
-  ConfigTree::setStr(mac_text, "/runtime/cfm/lbr:%d/src_mac", rows + 1);
-  ConfigTree::setInt(static_cast<int>(trans_id), "/runtime/cfm/lbr:%d/transID", rows + 1);
+  write_lbr_row(frame + wire::kSrc, trans_id);
 
   if (get_be16(frame + off.ether_type) != kCfmEtherType || cfm_version(frame[off.level_version]) != 0 ||
       frame[off.opcode] != kOpLbr || frame[off.flags] != 0 || frame[off.first_tlv_offset] != lb::kFirstTlvOffset)

@@ -1,9 +1,13 @@
 // Loopback and linktrace against the real daemon: the peer on the far end of
 // the veth pair sends LBMs, LBRs, LTMs and LTRs and checks what comes back;
 // runs are started and read back through the command socket.
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -272,6 +276,38 @@ TEST_F(LbLt, FloodOfLbmsIsAnsweredOneForOne) {
          all_s);
   EXPECT_EQ(lbrs, kCount);
   EXPECT_EQ(Command({"runtime", "13"}), std::to_string(kCount) + "\n");  // LbrOut of the MEP
+}
+
+// The "lbr" rows are counted in memory and bounded: with 4,096 rows present
+// and 1,000 LBRs a second arriving, LBMs are still answered within 10 ms,
+// no row beyond the bound is written, and clearlbr removes them all.
+TEST_F(LbLt, LbrRowsAreBoundedAndStallNothing) {
+  WriteFile(std::string(kTree) + "/runtime/cfm/clear", "0\n");
+  for (int n = 1; n <= 4096; ++n) mkdir((std::string(kTree) + "/runtime/cfm/lbr:" + std::to_string(n)).c_str(), 0755);
+  ASSERT_NO_FATAL_FAILURE(Start("1", {"-i", "wan0", "-e", "-t", kTree}));
+  std::atomic<bool> done{false};
+  std::thread lbrs([&] {
+    for (uint32_t id = 0; !done; ++id, std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+      Frame lbr = Tagged(kWanMac, kPeerMac, 5, 100, 2, 2, 0, 4, LbmBody(id));
+      lbr.resize(64, 0);
+      peer().Send(lbr);
+    }
+  });
+  std::vector<double> rtt_ms;
+  for (uint32_t id = 1000000; id < 1000020; ++id, std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
+    auto t0 = std::chrono::steady_clock::now();
+    ASSERT_TRUE(peer().Send(Lbm(kWanMac, 2, LbmBody(id))));
+    auto reply = peer().Receive(1000, [id](const Frame &f) { return Opcode(f) == 2 && f.size() > 25 && f[25] == (id & 0xFF); });
+    if (reply) rtt_ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+  }
+  done = true;
+  lbrs.join();
+  ASSERT_EQ(rtt_ms.size(), 20u);
+  std::sort(rtt_ms.begin(), rtt_ms.end());
+  EXPECT_LE(rtt_ms[10], 10.0) << "median LBM round trip, ms";
+  EXPECT_EQ(ReadFile(std::string(kTree) + "/runtime/cfm/lbr:4097/transID"), "");
+  EXPECT_EQ(Command({"clearlbr"}), "");
+  EXPECT_EQ(access((std::string(kTree) + "/runtime/cfm/lbr:1").c_str(), F_OK), -1);
 }
 
 }  // namespace

@@ -96,16 +96,6 @@ void cfm_lt_reset_reply_counter(uint32_t trans_id) { g_reply_counter[trans_id % 
 
 const uint8_t *cfm_lt_system_mac() { return g_lt_system_mac; }
 
-bool cfm_lt_store_reply(const LtrEntry *entry) {
-  uint32_t status;
-  while ((status = CFM_DB_Update_LtrEntry(entry)) == CFM_DB_FULL) {
-    LtrEntry first = {};
-    if (CFM_DB_GetNext_LtrEntry(&first) != CFM_DB_FOUND) return false;
-    CFM_DB_Del_LtrEntry(&first);
-  }
-  return status == CFM_DB_FOUND;
-}
-
 uint32_t CFM_LT_Init() {
   memset(g_reply_counter, 0, sizeof g_reply_counter);
   if (CFM_Get_System_Mac(g_lt_system_mac) != CFM_OK) {
@@ -132,7 +122,7 @@ int CFM_LTM_Transmit(const LtmRequest *request) {
   cfm_ltm_build(request, frame);
 
   LtrEntry placeholder = entry_key(*request);
-  if (!cfm_lt_store_reply(&placeholder)) return 0;
+  if (CFM_DB_Update_LtrEntry_Make_Room(&placeholder) != CFM_DB_FOUND) return 0;
   cfm_lt_reset_reply_counter(request->trans_id);
 
   if (mip_found) {
@@ -144,7 +134,7 @@ int CFM_LTM_Transmit(const LtmRequest *request) {
     mip_reply.relay = 0;
     egress_id(request->vid, mip_reply.LastEgressId);
     egress_id(request->vid, mip_reply.NextEgressId);
-    cfm_lt_store_reply(&mip_reply);
+    CFM_DB_Update_LtrEntry_Make_Room(&mip_reply);
     frame[ltm::kTtl] = static_cast<uint8_t>(frame[ltm::kTtl] - 1);
   }
   return cfm_xmit_ltm(frame, request->priority);

@@ -19,7 +19,3 @@ void cfm_lt_reset_reply_counter(uint32_t trans_id);
 
 // The system MAC kept by CFM_LT_Init.
 const uint8_t *cfm_lt_system_mac();
-
-// Stores a reply, deleting the lowest-keyed entries while the table is full.
-// False when it stays full with nothing left to delete.
-bool cfm_lt_store_reply(const LtrEntry *entry);

@@ -284,7 +284,7 @@ uint32_t CFM_LTR_Process(CfmPacket *packet) {
     copy_port_id(tlvs.egress, tlvs.egress_len, entry.ReplyEgressPort);
   }
   memcpy(entry.mac, frame + wire::kSrc, kMacLen);
-  cfm_lt_store_reply(&entry);
+  CFM_DB_Update_LtrEntry_Make_Room(&entry);
   trace("CFM: Store the LTR");
   return CFM_OK;
 }

@@ -1,9 +1,15 @@
-// Byte layout of CFM frames: Ethernet addresses, 802.1Q tags, the two
-// encapsulations (Ethernet II and 802.3 LLC/SNAP), the common CFM header and
-// TLVs. Every engine takes its offsets from here; none are re-derived inline.
+// Byte layout of CFM frames up to the PDU body: Ethernet addresses, 802.1Q
+// tags, the two encapsulations (Ethernet II and 802.3 LLC/SNAP), the common
+// CFM header, TLVs and the group addresses. Every engine takes these offsets
+// from here; the body of each PDU is laid out once in its engine's *_pdu.h
+// (ccm_pdu.h, lb_pdu.h, lt_pdu.h), built on the offsets below.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+
+// True for the bytes 0x81 0x00 (802.1Q TPID) and 0x89 0x02 (CFM EtherType).
+bool cfm_is_vlan_tpid(uint8_t b0, uint8_t b1);
+bool cfm_is_cfm_ethertype(uint8_t b0, uint8_t b1);
 
 namespace cfm {
 
@@ -102,19 +108,14 @@ inline void put_be32(uint8_t *p, uint32_t v) {
   p[3] = static_cast<uint8_t>(v);
 }
 
-// 802.1Q tag control. Built as the daemon always has: the VID's high bits are
-// masked with 0x1F, so bit 12 of a VID above 4095 lands in the DEI bit.
+// 802.1Q tag control. The VID's high bits are masked with 0x1F, so bit 12 of
+// a VID above 4095 lands in the DEI bit; on reception the VID is 12 bits.
 inline uint8_t tci_high(uint8_t priority, uint16_t vid) {
   return static_cast<uint8_t>((priority << 5) | ((vid >> 8) & 0x1F));
 }
 inline uint8_t tci_low(uint16_t vid) { return static_cast<uint8_t>(vid & 0xFF); }
 inline uint16_t tci_vid(const uint8_t *tci) { return static_cast<uint16_t>(((tci[0] & 0x0F) << 8) | tci[1]); }
 inline uint8_t tci_priority(const uint8_t *tci) { return tci[0] >> 5; }
-
-}  // namespace cfm
-
-bool cfm_is_vlan_tpid(uint8_t b0, uint8_t b1);
-bool cfm_is_cfm_ethertype(uint8_t b0, uint8_t b1);
 
 // One TLV as found by the bounded walker.
 struct CfmTlv {
@@ -130,12 +131,9 @@ struct CfmTlv {
 // the type byte alone for the End TLV).
 bool cfm_tlv_read(const uint8_t *frame, size_t len, size_t pos, CfmTlv *tlv, size_t *next);
 
-// Loopback and linktrace PDUs. Offsets named "k...Body..." count from the
-// first byte after the common header (the body offset of CfmOffsets for the
-// untagged frames the engines receive; kTaggedBody for the frames the
-// engines build themselves, always Ethernet II with one tag).
-namespace cfm {
-
+// The PDU bodies of the frames the engines build themselves (always Ethernet
+// II with one tag) start here; the engines' receive side counts from the body
+// offset of CfmOffsets.
 constexpr size_t kTaggedBody = wire::kSingleTagPayload + 2 + kCfmHeaderLen;  // 22
 static_assert(kTaggedBody == kEthOffsets.body + kTagLen);
 static_assert(k8023Offsets.body == kEthOffsets.body + wire::kLlcSnapLen);
@@ -147,91 +145,5 @@ inline void cfm_group_address(const uint8_t *base, uint8_t level, uint8_t *out) 
 }
 // LBMs use the same group addresses as CCMs, 01:80:C2:00:00:30 plus the level.
 constexpr const uint8_t *kLbmGroupBase = kCcmGroupBase;
-
-// LBM and LBR (identical bodies; the LBR is the LBM with opcode 2).
-namespace lb {
-constexpr size_t kBodyTransId = 0;
-constexpr size_t kBodyTlvs = 4;
-constexpr uint8_t kFirstTlvOffset = 4;  // as sent; at least this on reception
-static_assert(kBodyTlvs == kFirstTlvOffset);
-// The LBM as the initiator sends it (tagged offsets).
-constexpr size_t kTransId = kTaggedBody + kBodyTransId;  // 22
-constexpr size_t kSenderIdTlv = kTaggedBody + kBodyTlvs;  // 26
-constexpr size_t kSenderIdLen = 4;
-constexpr size_t kOrgTlv = kSenderIdTlv + kTlvHeaderLen + kSenderIdLen;  // 33
-constexpr size_t kOrgLen = 3;
-constexpr uint8_t kOrgValue[kOrgLen] = {0x0A, 0x00, 0x00};
-constexpr size_t kDataTlv = kOrgTlv + kTlvHeaderLen + kOrgLen;  // 39
-constexpr size_t kFrameLenNoData = kDataTlv + 1;                // End TLV only: 40
-static_assert(kTransId == 22 && kSenderIdTlv == 26 && kOrgTlv == 33 && kDataTlv == 39);
-static_assert(kFrameLenNoData == 40);
-inline constexpr size_t frame_len_with_data(size_t data_len) { return kDataTlv + kTlvHeaderLen + data_len + 1; }
-static_assert(frame_len_with_data(0) == 43);
-// TLV types an LBM may carry; anything else drops it.
-constexpr uint8_t kTlvType64 = 64;
-// LBR replies built from a received LBM.
-constexpr size_t kReplySingleTagOpcode = wire::kSingleTagOpcode;       // 19
-constexpr size_t kReplySingleTagOpcode8023 = wire::kSingleTagOpcode8023;  // 27
-constexpr size_t kReplyDoubleTagOpcode = wire::kDoubleTagOpcode;          // 23
-constexpr size_t kReplyDoubleTagRest = 24;  // LBM byte 16 onward lands here
-static_assert(kEthOffsets.opcode + kTagLen == kReplySingleTagOpcode);
-static_assert(k8023Offsets.opcode + kTagLen == kReplySingleTagOpcode8023);
-}  // namespace lb
-
-// LTM.
-namespace ltm {
-constexpr size_t kBodyTransId = 0;
-constexpr size_t kBodyTtl = 4;
-constexpr size_t kBodyOrigMac = 5;
-constexpr size_t kBodyTargetMac = 11;
-constexpr size_t kBodyTlvs = 17;
-constexpr uint8_t kFirstTlvOffset = 17;
-static_assert(kBodyTlvs == kFirstTlvOffset && kBodyTargetMac + kMacLen == kBodyTlvs);
-constexpr uint8_t kFlagUseFdbOnly = 0x80;
-constexpr size_t kEgressIdLen = 8;  // 2-byte VID, then a MAC
-// The LTM as the initiator sends it (tagged offsets).
-constexpr size_t kTransId = kTaggedBody + kBodyTransId;    // 22
-constexpr size_t kTtl = kTaggedBody + kBodyTtl;            // 26
-constexpr size_t kOrigMac = kTaggedBody + kBodyOrigMac;    // 27
-constexpr size_t kTargetMac = kTaggedBody + kBodyTargetMac;  // 33
-constexpr size_t kEgressTlv = kTaggedBody + kBodyTlvs;     // 39
-constexpr size_t kEgressId = kEgressTlv + kTlvHeaderLen;   // 42
-constexpr size_t kFrameLen = kEgressId + kEgressIdLen;     // 50, no End TLV
-static_assert(kTtl == 26 && kOrigMac == 27 && kTargetMac == 33 && kEgressTlv == 39);
-static_assert(kFrameLen == 50);
-}  // namespace ltm
-
-// LTR.
-namespace ltr {
-constexpr size_t kBodyTransId = 0;
-constexpr size_t kBodyReplyTtl = 4;
-constexpr size_t kBodyRelayAction = 5;
-constexpr size_t kBodyTlvs = 6;
-constexpr uint8_t kFirstTlvOffset = 6;
-static_assert(kBodyTlvs == kFirstTlvOffset);
-constexpr uint8_t kFlagUseFdbOnly = 0x80;
-constexpr uint8_t kFlagFwdYes = 0x40;
-constexpr uint8_t kFlagTerminalMep = 0x20;
-constexpr uint8_t kRelayHit = 1;
-constexpr uint8_t kRelayFdb = 2;
-constexpr uint8_t kRelayMpdb = 3;
-// LTR Egress Identifier TLV: last egress identifier, next egress identifier.
-constexpr size_t kEgressTlvLen = 2 * ltm::kEgressIdLen;  // 16
-// Reply Ingress / Reply Egress TLV: action, MAC, then optionally port-ID
-// length, port-ID subtype and port ID.
-constexpr size_t kReplyTlvAction = 0;
-constexpr size_t kReplyTlvMac = 1;
-constexpr size_t kReplyTlvMinLen = 1 + kMacLen;  // 7
-constexpr size_t kReplyTlvPortIdLen = kReplyTlvMinLen;
-constexpr size_t kReplyTlvPortId = kReplyTlvPortIdLen + 2;
-constexpr uint8_t kReplyActionOk = 1;
-// The LTR this router sends, counted from the body.
-constexpr size_t kBodyEgressTlv = kBodyTlvs;                                          // 6
-constexpr size_t kBodyIngressTlv = kBodyEgressTlv + kTlvHeaderLen + kEgressTlvLen;     // 25
-constexpr size_t kBodyEndTlv = kBodyIngressTlv + kTlvHeaderLen + kReplyTlvMinLen;      // 35
-constexpr size_t kBodyLen = kBodyEndTlv + 1;                                           // 36
-static_assert(kBodyIngressTlv == 25 && kBodyEndTlv == 35);
-static_assert(kEthOffsets.body + kBodyLen == 54);  // untagged Ethernet II LTR
-}  // namespace ltr
 
 }  // namespace cfm

@@ -9,6 +9,9 @@
 
 namespace {
 
+using cfm::CfmTlv;
+using cfm::cfm_tlv_read;
+
 TEST(Frame, TagAndEtherTypeBytes) {
   EXPECT_TRUE(cfm_is_vlan_tpid(0x81, 0x00));
   EXPECT_FALSE(cfm_is_vlan_tpid(0x88, 0xa8) || cfm_is_vlan_tpid(0x00, 0x81));

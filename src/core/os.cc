@@ -118,7 +118,8 @@ void remove_stale_sets(const char *path) {
       SemctlArg arg;
       arg.buf = &ds;
       if (id < 0 || semctl(id, 0, IPC_STAT, arg) < 0) continue;
-      if (ds.sem_nsems != 1 || ds.sem_ctime > written.st_mtime) continue;
+      // One second of slack: file times come from a coarser clock.
+      if (ds.sem_nsems != 1 || ds.sem_ctime > written.st_mtime + 1) continue;
       if (other_process_alive(semctl(id, 0, GETPID))) continue;
       semctl(id, 0, IPC_RMID);
     }

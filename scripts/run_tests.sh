@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Builds cfmd twice (plain in build/, with AddressSanitizer and UBSan in
-# build-asan/) and runs every test: unit and integration tests in build/, the
-# unit tests again in build-asan/. Integration tests need root; without it
-# they are reported as skipped. Exits non-zero when anything fails.
+# Builds cfmd three times (plain in build/, with AddressSanitizer and UBSan in
+# build-asan/, with ThreadSanitizer in build-tsan/) and runs every test: unit
+# and integration tests in build/, the unit tests again in build-asan/, the
+# concurrency tests and one lab test in build-tsan/. Integration tests need
+# root; without it they are reported as skipped. Exits non-zero when anything fails.
 set -u
 cd "$(dirname "$0")/.."
 
@@ -28,6 +29,16 @@ if ! build build-asan -DCFMD_SANITIZE=ON; then
   exit 1
 fi
 
+# ThreadSanitizer: only what the tests below run is built.
+TSAN_TESTS='DbConcurrencyTest|CcmLab.CommandsAndTheFastTickNeverUndoEachOther'
+step "configure and build build-tsan"
+mkdir -p build-tsan
+if ! cmake -S . -B build-tsan -DCFMD_TSAN=ON >build-tsan/configure.log 2>&1 ||
+  ! cmake --build build-tsan -j "$JOBS" --target cfmd unit_db_concurrency it_ccm; then
+  echo "build-tsan/ failed to build"
+  exit 1
+fi
+
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 
@@ -36,6 +47,10 @@ ctest --test-dir build --output-on-failure --timeout 300 || status=1
 
 step "unit tests in build-asan/"
 ctest --test-dir build-asan -L unit --output-on-failure --timeout 300 || status=1
+
+step "concurrency tests in build-tsan/"
+TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" \
+  ctest --test-dir build-tsan -R "$TSAN_TESTS" --output-on-failure --timeout 300 || status=1
 
 if [ "$status" -ne 0 ]; then
   step "FAILED"

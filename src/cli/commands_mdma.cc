@@ -5,6 +5,7 @@
 #include "cli/args.h"
 #include "cli/commands.h"
 #include "cli/names.h"
+#include "core/os.h"
 #include "core/status.h"
 #include "db/mgmt_if.h"
 
@@ -119,6 +120,19 @@ bool apply_ma_options(FILE *out, CliArg *first, MaNetEntry *ma, bool *name_set) 
   });
 }
 
+// Rows change (and are re-sorted in place) under MEP_SYC, so the tick and the
+// engines, which read them under it, never see a half-moved row. The command
+// server is the only writer, so its own reads need no lock.
+uint32_t set_md(MdEntry *md) {
+  MepSycLock lock;
+  return CFM_IF_Set_MD_Entry(md);
+}
+
+uint32_t set_ma(MaNetEntry *ma) {
+  MepSycLock lock;
+  return CFM_IF_Set_MA_Net_Entry(ma);
+}
+
 bool md_exists(uint32_t md_index) {
   MdEntry md = {};
   md.MdIndex = md_index;
@@ -156,7 +170,7 @@ int cli_usr_cfm_createmd(FILE *out, CliArg *args, int) {
   bool name_set = false;
   if (!apply_md_options(out, cli_arg_at(args, 6), &md, false, &name_set)) return 0;
   md.RowStatus = CFM_ROW_CREATE;
-  if ((!name_fits && !name_set) || CFM_IF_Set_MD_Entry(&md) != CFM_OK) {
+  if ((!name_fits && !name_set) || set_md(&md) != CFM_OK) {
     fputs("\r\nError!! MD Table is full", out);
     return 0;
   }
@@ -176,7 +190,7 @@ int cli_usr_cfm_configmd(FILE *out, CliArg *args, int) {
   }
   bool name_set = false;
   if (!apply_md_options(out, cli_arg_at(args, 2), &md, true, &name_set)) return 0;
-  if (CFM_IF_Set_MD_Entry(&md) != CFM_OK) {
+  if (set_md(&md) != CFM_OK) {
     fputs("\r\nError!! MD config fail", out);
     return 0;
   }
@@ -222,7 +236,7 @@ int cli_usr_cfm_deletemd(FILE *out, CliArg *args, int) {
   MdEntry md = {};
   md.MdIndex = md_index;
   md.RowStatus = CFM_ROW_DELETE;
-  return CFM_IF_Set_MD_Entry(&md) == CFM_OK ? 2 : 0;
+  return set_md(&md) == CFM_OK ? 2 : 0;
 }
 
 // createma MD <skip> MA <skip> NAME [code value]...
@@ -255,7 +269,7 @@ int cli_usr_cfm_createma(FILE *out, CliArg *args, int) {
   bool name_set = false;
   if (!apply_ma_options(out, cli_arg_at(args, 6), &ma, &name_set)) return 0;
   ma.RowStatus = CFM_ROW_CREATE;
-  if ((!name_fits && !name_set) || CFM_IF_Set_MA_Net_Entry(&ma) != CFM_OK) {
+  if ((!name_fits && !name_set) || set_ma(&ma) != CFM_OK) {
     fputs("\r\nError!! MA Table is full", out);
     return 0;
   }
@@ -280,7 +294,7 @@ int cli_usr_cfm_configma(FILE *out, CliArg *args, int) {
   }
   bool name_set = false;
   if (!apply_ma_options(out, cli_arg_at(args, 4), &ma, &name_set)) return 0;
-  if (CFM_IF_Set_MA_Net_Entry(&ma) != CFM_OK) {
+  if (set_ma(&ma) != CFM_OK) {
     fputs("\r\nError!! MA config fail", out);
     return 0;
   }
@@ -326,5 +340,5 @@ int cli_usr_cfm_deletema(FILE *out, CliArg *args, int) {
   request.MdIndex = static_cast<uint32_t>(head[0]);
   request.MaIndex = static_cast<uint32_t>(head[1]);
   request.RowStatus = CFM_ROW_DELETE;
-  return CFM_IF_Set_MA_Net_Entry(&request) == CFM_OK ? 2 : 0;
+  return set_ma(&request) == CFM_OK ? 2 : 0;
 }

@@ -245,7 +245,6 @@ int cfm_cli_server_init() {
     return -1;
   }
   for (;;) {
-    fflush(stdout);  // start-up reports are out before the first wait
     int conn = accept(listener, nullptr, nullptr);
     if (conn < 0) {
       if (errno == EINTR) continue;

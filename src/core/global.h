@@ -1,5 +1,6 @@
 // Global settings, the debug flag and the platform hook for CFM on/off.
 #pragma once
+#include <atomic>
 #include <cstdint>
 
 struct GlobalEntry {
@@ -20,5 +21,6 @@ uint32_t CFM_SET_IRULE(uint32_t status);
 uint32_t isCfmEnable();
 void cfm_force_enable();
 
-extern volatile int cfm_debug_msg;
+// Read by every task, set by the command server.
+extern std::atomic<int> cfm_debug_msg;
 int isCfmDebugOn();

@@ -3,10 +3,18 @@
 #pragma once
 #include <pthread.h>
 
+#include <csignal>
+
 #include <cstddef>
 #include <cstdint>
 
-void CFM_OS_Init();
+// Where the daemon names its pid and semaphore sets, so that a run after one
+// killed outright removes what that one left.
+#define CFM_SEM_STATE_FILE "/var/run/cfmd.sems"
+
+// Removes the sets a killed earlier run listed in state_file, then keeps
+// that file up to date with this process's sets.
+void CFM_OS_Init(const char *state_file = CFM_SEM_STATE_FILE);
 void *CFM_OS_Allocate_Memory(size_t size);
 void CFM_OS_Deallocate_Memory(void *ptr);
 
@@ -21,9 +29,14 @@ void CFM_OS_Obtain_Semaphore(int sem_id);
 void CFM_OS_Release_Semaphore(int sem_id);
 void CFM_OS_Delete_Semaphore(int sem_id);
 
-// Removes every semaphore set this process created. Async-signal-safe: the
-// daemon calls it from its SIGTERM/SIGINT handler so restarts leak nothing.
+// Signals that end the daemon after its sets are removed.
+constexpr int kCfmTerminationSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT};
+
+// Removes every semaphore set this process created (async-signal-safe).
 void CFM_OS_Remove_All_Semaphores();
+// For the termination handler, on whichever thread it runs: stops further
+// creation, waits for one under way, removes every set and the state file.
+void CFM_OS_Shutdown_Semaphores();
 // Number of semaphore sets created and not yet removed (for tests).
 int CFM_OS_Semaphore_Count();
 

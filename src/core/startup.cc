@@ -37,9 +37,10 @@ constexpr int kParseGo = 1;
 constexpr int kParseWait = 2;
 
 // Removes the semaphore sets on the way out, then dies of the same signal so
-// the exit status still says what happened.
+// the exit status still says what happened. Any thread may run it, also
+// while another one is creating a set.
 void on_terminate(int sig) {
-  CFM_OS_Remove_All_Semaphores();
+  CFM_OS_Shutdown_Semaphores();
   signal(sig, SIG_DFL);
   raise(sig);
 }
@@ -48,8 +49,8 @@ void install_signal_handlers() {
   struct sigaction action = {};
   action.sa_handler = on_terminate;
   sigemptyset(&action.sa_mask);
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
+  for (int sig : kCfmTerminationSignals) sigaddset(&action.sa_mask, sig);
+  for (int sig : kCfmTerminationSignals) sigaction(sig, &action, nullptr);
   // A front end that closes its end early must never kill the daemon.
   signal(SIGPIPE, SIG_IGN);
 }

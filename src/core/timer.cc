@@ -26,7 +26,6 @@ void *cfm_timer_task(void *) {
     GlobalEntry global;
     CFM_IF_Get_Global_Entry(&global);
     if (global.status == 1) cfm_timer_tick();
-    fflush(stdout);  // the tick's reports are out before the task sleeps
     CFM_OS_Sleep(period);
   }
   return nullptr;

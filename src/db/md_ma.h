@@ -1,6 +1,7 @@
 // Maintenance Domains and Maintenance Associations: two fixed arrays kept
-// sorted by index after every change. No lock: the management interface is
-// the only writer.
+// sorted by index after every change. No lock of their own: the command
+// server, the only writer, changes them under MEP_SYC, which the tick and the
+// engines hold while they read.
 #pragma once
 #include <cstdint>
 

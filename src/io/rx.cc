@@ -396,9 +396,7 @@ void *cfm_rx_task(void *) {
     // A read also clears a pending socket error; when nothing was read,
     // pause briefly so an error that wakes every wait cannot make this spin.
     cfm_wan_socket_wait(fd, kWaitTimeoutMs);
-    size_t frames = drain_wan();
-    fflush(stdout);  // every report of the batch is out before the task waits
-    if (frames == 0) usleep(kEmptyWakeupPauseUs);
+    if (drain_wan() == 0) usleep(kEmptyWakeupPauseUs);
   }
   return nullptr;
 }

@@ -1,8 +1,11 @@
 // Start-up of the real daemon: configuration file, options, interface wait,
 // PVC MAC file, and the clean end on SIGTERM.
+#include <sys/resource.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <random>
 #include <thread>
 
 #include "lab.h"
@@ -121,9 +124,11 @@ TEST_F(Startup, PvcMacFileMissingIsReported) {
   EXPECT_EQ(Output().find("pvc_mac fail"), std::string::npos) << Output();
 }
 
-TEST_F(Startup, SemaphoresAreRemovedOnSigtermAndSigint) {
+TEST_F(Startup, SemaphoresAreRemovedOnEveryTerminationSignal) {
+  struct rlimit no_core = {0, 0};
+  setrlimit(RLIMIT_CORE, &no_core);  // SIGQUIT would dump one
   int before = SemaphoreSetCount();
-  for (int sig : {SIGTERM, SIGINT, SIGTERM}) {
+  for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGTERM}) {
     ASSERT_TRUE(StartDaemon());
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     ASSERT_TRUE(Running()) << Output() << Errors();
@@ -132,6 +137,39 @@ TEST_F(Startup, SemaphoresAreRemovedOnSigtermAndSigint) {
     ExpectEnd(WaitExit(), false, sig);
     EXPECT_EQ(SemaphoreSetCount(), before) << "after signal " << sig;
   }
+}
+
+// A signal at any moment of start-up, on whichever thread it lands, leaves no
+// set; a killed run's sets go at the next start; another program's set stays.
+TEST_F(Startup, NoSemaphoreSetOutlivesEarlySignalsOrKills) {
+  int foreign = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
+  ASSERT_GE(foreign, 0);
+  ASSERT_EQ(semctl(foreign, 0, SETVAL, 7), 0);
+  std::mt19937 random(std::random_device{}());
+  // Signals the daemon `delay_us` after its start (once ready when < 0);
+  // returns how many sets it added.
+  auto run = [&](int sig, int delay_us) {
+    int before = SemaphoreSetCount();
+    StartDaemon(DefaultArgs(), 0);
+    if (delay_us < 0) {
+      EXPECT_TRUE(WaitCommandSocket()) << Output();
+    } else {
+      usleep(delay_us);
+    }
+    kill(pid(), sig);
+    EXPECT_EQ(WaitExit().signal, sig);
+    return SemaphoreSetCount() - before;
+  };
+  int leaking_starts = 0;
+  for (int i = 0; i < 300; ++i) leaking_starts += run(SIGTERM, static_cast<int>(random() % 10001)) > 0;
+  for (int i = 0; i < 20; ++i) {
+    int killed = run(SIGKILL, -1);
+    EXPECT_GT(killed, 0);
+    leaking_starts += run(SIGTERM, -1) != -killed;  // the killed run's sets went too
+  }
+  EXPECT_EQ(leaking_starts, 0);
+  EXPECT_EQ(SemaphoreSetCount(), 1);
+  EXPECT_EQ(semctl(foreign, 0, GETVAL), 7);
 }
 
 TEST_F(Startup, WaitOptionWaitsUntilTheInterfaceExists) {

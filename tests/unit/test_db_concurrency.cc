@@ -1,7 +1,10 @@
 // Two threads hammer the MEP and remote-MEP tables at once; afterwards both
 // must be ordered, within capacity, counted right and hold only whole records.
+#include <atomic>
+#include <string>
 #include <thread>
 
+#include "cli/server.h"
 #include "core/status.h"
 #include "db_test_support.h"
 
@@ -59,6 +62,32 @@ TEST_F(DbConcurrencyTest, TablesStayConsistentUnderTwoWriters) {
   EXPECT_LE(meps, static_cast<uint32_t>(CFM_MAX_MEP));
   EXPECT_LE(peers, static_cast<uint32_t>(CFM_MAX_REMOTE_MEP));
   EXPECT_GT(meps + peers, 0u);
+}
+
+// The tick and the engines read MD rows under MEP_SYC while commands add
+// rows (each sorting in front of the others) and delete them.
+TEST_F(DbConcurrencyTest, TickSeesWholeMdRowsWhileCommandsChangeThem) {
+  CFM_Create_MEP_SYC_Sem();
+  std::atomic<bool> done{false};
+  std::thread commands([&] {
+    for (int round = 0; round < 1000; ++round) {
+      for (int md = 60; md >= 1; --md) {
+        cfm_cli_run_line(("createmd " + std::to_string(md) + " 0 " + std::to_string(md % 8) + " 0 md" +
+                          std::to_string(md)).c_str());
+      }
+      for (int md = 1; md <= 60; ++md) cfm_cli_run_line(("deletemd " + std::to_string(md)).c_str());
+    }
+    done = true;
+  });
+  int torn = 0;
+  while (!done) {
+    MepSycLock tick;
+    for (MdEntry md{}; CFM_GetNext_MD_Entry(&md) == 1;) {
+      torn += md.MdName != "md" + std::to_string(md.MdIndex) || md.MdLevel != md.MdIndex % 8;
+    }
+  }
+  commands.join();
+  EXPECT_EQ(torn, 0);
 }
 
 }  // namespace

@@ -25,6 +25,8 @@
 #include <utility>
 #include <vector>
 
+#include "cli/mep_options.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -67,14 +69,23 @@ const char kHelp[] =
     "                              (1 Down, 2 Up)\n"
     "  configmep N skip N skip N skip N skip N skip N skip [code value]...\n"
     "                              key as createmep but 11 direction is 100 Down or\n"
-    "                              200 Up; options from 13: 1 active (110 on, 120 off),\n"
-    "                              2 CCM (21 on, 22 off), 3 CCM/LTM priority,\n"
-    "                              4 lowest alarm priority (41..46), 5 LBM (51 start,\n"
-    "                              52 stop), 6 LBM target MAC, 7 LBM count, 8 LBM priority,\n"
-    "                              9 LTM flags (91 none, 92 useFDBonly), 10 LTM target MAC,\n"
-    "                              11 LTM TTL, 12 LTM (121 send, 122 no), 13 LBM target\n"
-    "                              MEPID, 14 LBM target is MEPID (0/1), 15 LBM data text,\n"
-    "                              16 LTM target MEPID, 17 LTM target is MEPID (0/1)\n"
+    "                              200 Up; options from 13:\n";
+
+// The configmep options, from the table the daemon's parser reads.
+void print_mep_options() {
+  std::string line;
+  for (size_t i = 0; i < cfm_mep_option_count; ++i) {
+    std::string item = std::string(cfm_mep_options[i].help) + (i + 1 < cfm_mep_option_count ? "," : "");
+    if (!line.empty() && line.size() + 1 + item.size() > 58) {
+      printf("                              %s\n", line.c_str());
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + item;
+  }
+  if (!line.empty()) printf("                              %s\n", line.c_str());
+}
+
+const char kHelpAfterMepOptions[] =
     "  showmep [N]                 list the MEPs; 1 adds the CCM block, 2 linktrace,\n"
     "                              3 loopback\n"
     "  deletemep N skip N skip N skip N skip N skip N\n"
@@ -309,6 +320,8 @@ int main(int argc, char **argv) {
       words.push_back(arg);  // everything after the command word is sent
     } else if (arg == "--help" || arg == "-h") {
       fputs(kHelp, stdout);
+      print_mep_options();
+      fputs(kHelpAfterMepOptions, stdout);
       return 0;
     } else if (arg == "-s" || arg == "-t" || arg == "--export") {
       if (i + 1 >= argc) return usage_error(("missing value after " + arg).c_str());

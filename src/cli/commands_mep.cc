@@ -5,8 +5,8 @@
 
 #include "cli/args.h"
 #include "cli/commands.h"
+#include "cli/mep_options.h"
 #include "core/config_tree.h"
-#include "core/hwaddr.h"
 #include "core/os.h"
 #include "core/status.h"
 #include "db/mgmt_if.h"
@@ -49,75 +49,16 @@ OptionResult from_status(CliArgStatus status) {
 
 // Applies one option; `value_arg` may be null (a code with no value).
 OptionResult apply_mep_option(MepEntry *mep, int32_t code, const CliArg *value_arg) {
-  const bool text_option = code == 6 || code == 10 || code == 15;
-  if (code < 1 || code > 17) return OptionResult::kRefused;
-  int32_t v = 0;
+  const MepOption *option = cfm_mep_option(code);
+  if (option == nullptr) return OptionResult::kRefused;
+  int32_t number = 0;
   const char *text = nullptr;
-  CliArgStatus status = text_option ? cli_arg_text(value_arg, &text) : cli_arg_number(value_arg, &v);
+  CliArgStatus status = option->kind == MepOptionKind::kText ? cli_arg_text(value_arg, &text)
+                                                              : cli_arg_number(value_arg, &number);
   if (status != CliArgStatus::kOk) return from_status(status);
-  switch (code) {
-    case 1:
-      if (v != 110 && v != 120) return OptionResult::kRefused;
-      mep->Active = v == 110 ? 1 : 0;
-      break;
-    case 2:
-      if (v != 21 && v != 22) return OptionResult::kRefused;
-      mep->CciEnabled = v == 21 ? 1 : 0;
-      break;
-    case 3:
-      mep->CcmLtmPriority = static_cast<uint8_t>(v);
-      break;
-    case 4:
-      if (v < 41 || v > 46) return OptionResult::kRefused;
-      mep->LowestAlarmPriority = static_cast<uint8_t>(v - 40);
-      break;
-    case 5:
-      if (v != 51 && v != 52) return OptionResult::kRefused;
-      mep->LbmTransmitStatus = v == 51 ? 1 : 0;
-      break;
-    case 6:
-      hwaddr_aton(text, mep->LbmTargetMac);
-      break;
-    case 7:
-      mep->LbmMessages = static_cast<uint32_t>(v);
-      break;
-    case 8:
-      mep->LbmPriority = static_cast<uint8_t>(v);
-      break;
-    case 9:
-      if (v != 91 && v != 92) return OptionResult::kRefused;
-      mep->LtmFlags = v == 91 ? 0 : 0x80;
-      break;
-    case 10:
-      hwaddr_aton(text, mep->LtmTargetMac);
-      break;
-    case 11:
-      mep->LtmTtl = static_cast<uint8_t>(v);
-      break;
-    case 12:
-      if (v != 121 && v != 122) return OptionResult::kRefused;
-      mep->LtmTransmitStatus = v == 121 ? 1 : 0;
-      break;
-    case 13:
-      mep->LbmTargetMepId = static_cast<uint16_t>(v);
-      break;
-    case 14:
-      mep->LbmTargetIsMepId = static_cast<uint8_t>(v);
-      break;
-    case 15: {
-      memset(mep->LbmDataTlv, 0, sizeof mep->LbmDataTlv);
-      memcpy(mep->LbmDataTlv, text, strnlen(text, CFM_LBM_DATA_TLV_SIZE));
-      break;
-    }
-    case 16:
-      mep->LtmTargetMepId = static_cast<uint16_t>(v);
-      break;
-    case 17:
-      mep->LtmTargetIsMepId = static_cast<uint8_t>(v);
-      break;
-    default:
-      return OptionResult::kRefused;
-  }
+  uint32_t stored = 0;
+  if (!cfm_mep_option_accepts(*option, number, &stored)) return OptionResult::kRefused;
+  option->store(mep, stored, text);
   return OptionResult::kApplied;
 }
 

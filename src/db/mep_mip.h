@@ -11,6 +11,17 @@ constexpr size_t CFM_LBM_DATA_TLV_SIZE = 1201;  // Data TLV text of LBMs
 constexpr uint8_t CFM_DIRECTION_DOWN = 1;
 constexpr uint8_t CFM_DIRECTION_UP = 2;
 
+// The CCM defects a MEP can hold in CcmDefect, in rising priority; a defect
+// raises the alarm when it is at least the MEP's LowestAlarmPriority.
+enum CfmCcmDefect : uint8_t {
+  kDefectNone = 0,
+  kDefectRdi = 1,          // "RDI CCM": the peer's CCMs carry RDI
+  kDefectMacStatus = 2,    // "MAC STATUS CCM": no path sets it
+  kDefectRemoteCcm = 3,    // "REMOTE DELAY CCM": the peer's CCMs stopped
+  kDefectErrorCcm = 4,     // "DATA ERROR CCM": a CCM with a wrong MEPID or interval
+  kDefectCrossConnect = 5, // "CROSS CONNECT CCM": a CCM of another MA or a lower level
+};
+
 struct MepKey {
   uint32_t md_id;
   uint32_t ma_id;
@@ -38,7 +49,7 @@ struct MepEntry {
   uint16_t FngResetTime;  // units of 10 ms
   uint8_t LowestAlarmPriority;
   uint8_t HighestDefectPriority;
-  uint8_t CcmDefect;  // 0 none .. 5 cross connect
+  uint8_t CcmDefect;  // a CfmCcmDefect
   uint32_t CcmSequenceErrors;
   uint32_t CcmSequenceNum;
 

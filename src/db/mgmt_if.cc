@@ -87,7 +87,7 @@ bool mep_config_valid(MepEntry *entry) {
   if (!within<uint16_t>(entry->FngAlarmTime, 250, 1000)) return false;
   default_if_zero<uint16_t>(entry->FngResetTime, 1000);
   if (!within<uint16_t>(entry->FngResetTime, 250, 1000)) return false;
-  default_if_zero<uint8_t>(entry->CcmDefect, 1);
+  default_if_zero<uint8_t>(entry->CcmDefect, kDefectRdi);
   if (entry->LbmMessages > 1024) return false;
   normalise_bool(entry->LbmTransmitStatus);
   return true;

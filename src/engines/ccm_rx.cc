@@ -129,7 +129,7 @@ void per_mep_dispatch(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
     g_same_level_pending = 0;
   } else if (g_lower_level_pending == 1) {
     mep->XconCcmFlag = 1;
-    mep->CcmDefect = 5;
+    mep->CcmDefect = kDefectCrossConnect;
     CFM_Update_MEP_Entry(mep);
     g_lower_level_pending = 0;
   }
@@ -165,7 +165,7 @@ void apply_cases(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, 
   } else {
     g_lower_level_pending = 1;
   }
-  mep->CcmDefect = rdi_of(ccm) ? 1 : 0;
+  mep->CcmDefect = rdi_of(ccm) ? kDefectRdi : kDefectNone;
   CFM_Update_MEP_Entry(mep);
   per_mep_dispatch(ccm, remote, mep);
   if (direct) {
@@ -296,7 +296,7 @@ bool parse_ccm(const CfmPacket &packet, ReceivedCcm *ccm) {
 struct TimeCheck {
   uint32_t MepEntry::*flag;
   int32_t MepEntry::*timer;
-  uint8_t defect;
+  CfmCcmDefect defect;
 };
 
 void run_defect_check(const TimeCheck &check) {
@@ -307,7 +307,7 @@ void run_defect_check(const TimeCheck &check) {
     int32_t &timer = mep.*check.timer;
     if (flag == 0 && timer <= 0) {
       timer = 0;
-      mep.CcmDefect = 0;
+      mep.CcmDefect = kDefectNone;
     } else if (flag == 1 && timer <= 0) {
       flag = 0;
       MaNetEntry ma;
@@ -373,19 +373,19 @@ void CFM_CCM_Process(CfmPacket *packet) {
   g_lower_level_pending = 0;
 }
 
-void cfm_ccm_xcon_check() { run_defect_check({&MepEntry::XconCcmFlag, &MepEntry::XconCcmTimer, 5}); }
+void cfm_ccm_xcon_check() { run_defect_check({&MepEntry::XconCcmFlag, &MepEntry::XconCcmTimer, kDefectCrossConnect}); }
 
-void cfm_ccm_error_check() { run_defect_check({&MepEntry::ErrorCcmFlag, &MepEntry::ErrorCcmTimer, 4}); }
+void cfm_ccm_error_check() { run_defect_check({&MepEntry::ErrorCcmFlag, &MepEntry::ErrorCcmTimer, kDefectErrorCcm}); }
 
 void cfm_ccm_loc_check() {
   MepEntry mep;
   memset(&mep, 0, sizeof mep);
   while (CFM_GetNext_MEP_Entry(&mep) == 1) {
     if (mep.CcmReceivedFlag == 0 && mep.RemoteCcmTimer <= 0) {
-      mep.CcmDefect = 3;
+      mep.CcmDefect = kDefectRemoteCcm;
     } else if (mep.CcmReceivedFlag == 1) {
       mep.CcmReceivedFlag = 0;
-      mep.CcmDefect = 0;
+      mep.CcmDefect = kDefectNone;
       if (mep.RemoteCcmTimer <= 0) {
         MaNetEntry ma;
         if (get_ma(mep.ma_id, &ma)) mep.RemoteCcmTimer = reload_of(ma);
@@ -403,16 +403,16 @@ void cfm_ccm_fault_alarm_check() {
   MepEntry mep;
   memset(&mep, 0, sizeof mep);
   while (CFM_GetNext_MEP_Entry(&mep) == 1) {
-    if (mep.CcmDefect == 0) {
+    if (mep.CcmDefect == kDefectNone) {
       if (mep.FngTimer > 0) continue;
       mep.FngTimer = mep.FngAlarmTime * 10;
       mep.FngState = 1;
     } else if (mep.FngTimer != 0) {
-      mep.CcmDefect = 0;
+      mep.CcmDefect = kDefectNone;
       mep.FngTimer = cfm_ccm_count_down(mep.FngTimer);
     } else {
       if (mep.CcmDefect >= mep.LowestAlarmPriority) fault_alarm_notify(mep);
-      mep.CcmDefect = 0;
+      mep.CcmDefect = kDefectNone;
       mep.FngTimer = mep.FngResetTime * 10;
     }
     CFM_Update_MEP_Entry(&mep);

@@ -77,7 +77,7 @@ size_t cfm_ccm_build(MepEntry *mep, uint8_t *frame) {
   put_be16(frame + wire::kSingleTagEtherType, kCfmEtherType);
 
   pdu[1] = kOpCcm;
-  if (mep->CcmDefect != 0) {
+  if (mep->CcmDefect != kDefectNone) {
     pdu[ccm::kFlags] |= ccm::kRdiBit;
   } else {
     pdu[ccm::kFlags] &= static_cast<uint8_t>(~ccm::kRdiBit);

@@ -12,7 +12,7 @@ struct RemoteMepEntry {
   uint16_t rmep_id;
   uint16_t rmep_pad;  // always 0
   uint32_t mep_id;    // local MEP that received the CCM
-  uint32_t ReceiveTime;  // milliseconds
+  uint32_t ReceiveTime;  // system clock in seconds at the last CCM (shown /1000)
   uint32_t RdiReceived;
   uint8_t src_mac[6];
   uint8_t PortStatus;

@@ -286,7 +286,7 @@ bool parse_ccm(const CfmPacket &packet, ReceivedCcm *ccm) {
   ccm->mep_id = get_be16(frame + ccm::kRxMepId);
   ccm->ma_name = frame + ma_at + 2;
   ccm->ma_name_len = static_cast<uint8_t>(m);
-  ccm->port = static_cast<uint8_t>(packet.from_wan);
+  ccm->port = static_cast<uint8_t>(packet.rx_port);
   ccm->vid = static_cast<uint16_t>(packet.vid);
   return true;
 }

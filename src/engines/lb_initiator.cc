@@ -24,9 +24,6 @@ using namespace cfm;
 
 // Result of the current send step; kept across MEPs and ticks.
 uint32_t _LBMresultOK = 0;
-// Set while CFM_LBR_Process runs.
-volatile int g_cfm_lbr_busy = 0;
-extern volatile int g_cfm_lbm_responder_busy;
 
 namespace {
 
@@ -41,9 +38,6 @@ uint8_t g_lb_source_mac[kMacLen] = {0};
 // LBR rows in the configuration tree; touched only under MEP_SYC.
 uint32_t g_lbr_rows = 0;
 uint32_t g_lbr_rows_unwritten = 0;
-bool g_lb_ready = false;
-
-bool debug() { return cfm_debug_msg != 0; }
 
 // Flags of one tick, cleared when the tick starts and not for each MEP: what
 // one MEP sets stays set for the MEPs after it in the same tick.
@@ -295,12 +289,9 @@ void cfm_lbr_rows_clear() {
 }
 
 uint32_t CFM_LB_Init() {
-  g_cfm_lbm_responder_busy = 0;
-  g_cfm_lbr_busy = 0;
   if (CFM_Get_System_Mac(g_lb_source_mac) != CFM_OK) {
     printf("\r\nGet System MAC for CFM LB  Send Frame failed!");
   }
-  g_lb_ready = true;
   uint16_t rows = 0;
   ConfigTree::getRow("/runtime/cfm/lbr", &rows);
   g_lbr_rows = rows;
@@ -322,7 +313,7 @@ bool cfm_find_mep_in_md(uint32_t md_id, uint32_t vid, uint32_t port, MepEntry *o
 
 uint32_t cfm_send_lbm(const uint8_t *destination, uint32_t /*port*/, uint8_t priority, uint16_t vid,
                       uint32_t *trans_id, uint8_t md_level, const char *data, size_t data_length) {
-  if (debug()) puts("CFM: Prepare to send LBM");
+  if (isCfmDebugOn()) puts("CFM: Prepare to send LBM");
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\nAllocate Buffer for CFM LB Send Frame failed!");
@@ -349,11 +340,7 @@ void CFM_LBI_XMIT_Check() {
 }
 
 uint32_t CFM_LBR_Process(CfmPacket *packet) {
-  if (debug()) puts("CFM: Run CFM LBR Process");
-  g_cfm_lbr_busy = 1;
-  struct BusyReset {
-    ~BusyReset() { g_cfm_lbr_busy = 0; }
-  } busy_reset;
+  if (isCfmDebugOn()) puts("CFM: Run CFM LBR Process");
   if (packet == nullptr || packet->buffer == nullptr) return CFM_ERR_FAILURE;
   const uint8_t *frame = packet->buffer;
   size_t len = packet->length;
@@ -380,7 +367,7 @@ uint32_t CFM_LBR_Process(CfmPacket *packet) {
   while (CFM_GetNext_MD_Entry(&md) == 1) {
     if (md.MdLevel != level) continue;
     MepEntry mep = {};
-    if (cfm_find_mep_in_md(md.MdIndex, packet->vid, packet->from_wan, &mep) && mep.LbmRunning == 1)
+    if (cfm_find_mep_in_md(md.MdIndex, packet->vid, packet->rx_port, &mep) && mep.LbmRunning == 1)
       count_lbr(&mep, trans_id, data);
   }
   return CFM_OK;

@@ -21,9 +21,6 @@
 
 using namespace cfm;
 
-// Set on entry to CFM_LBM_Process, cleared only when a reply was sent.
-volatile int g_cfm_lbm_responder_busy = 0;
-
 namespace {
 
 constexpr uint8_t kLowestAnsweredLevel = 1;
@@ -31,8 +28,6 @@ constexpr uint8_t kHighestAnsweredLevel = 2;
 // LBMs on these VIDs are always answered at a level with an MD.
 constexpr uint32_t kAlwaysAnsweredVid1 = 101;
 constexpr uint32_t kAlwaysAnsweredVid2 = 102;
-
-bool debug() { return cfm_debug_msg != 0; }
 
 // Byte of the frame, or 0 beyond the received length: the walk below never
 // reads outside the frame, and a missing byte reads like the zero padding of
@@ -51,7 +46,7 @@ bool allowed_tlv(uint8_t type) {
 // what remains is let through to the next check, which then drops it.
 uint32_t walk_lbm_tlvs(const uint8_t *frame, size_t len, size_t pos) {
   if (pos >= len) {
-    if (debug()) puts("Debug: The length in TLV field > the length of TLV value");
+    if (isCfmDebugOn()) puts("Debug: The length in TLV field > the length of TLV value");
     return CFM_ERR_TLV;
   }
   long remaining = static_cast<long>(len - pos);
@@ -60,23 +55,23 @@ uint32_t walk_lbm_tlvs(const uint8_t *frame, size_t len, size_t pos) {
   for (;;) {
     if (type == kTlvEnd) return CFM_OK;
     if (!allowed_tlv(type)) {
-      if (debug()) puts("Debug: unKnown TLV and drop the package ");
+      if (isCfmDebugOn()) puts("Debug: unKnown TLV and drop the package ");
       return CFM_ERR_TLV;
     }
-    if (debug()) {
+    if (isCfmDebugOn()) {
       printf("Debug: buf_ptr[%zu]\n", pos);
       printf("Debug: u2tlvLen=%ld\n", tlv_len);
       printf("Debug: remain_len[%ld]\n", remaining);
     }
-    if (remaining < tlv_len + 4 && debug()) {
+    if (remaining < tlv_len + 4 && isCfmDebugOn()) {
       puts("Debug: The length in TLV field > the length of TLV value");
       return CFM_ERR_TLV;
     }
     if (tlv_len + 4 == remaining) {
-      if (debug()) puts("Debug: No more TLV");
+      if (isCfmDebugOn()) puts("Debug: No more TLV");
       return CFM_OK;
     }
-    if (debug()) puts("Debug: Calcuate next TLV");
+    if (isCfmDebugOn()) puts("Debug: Calcuate next TLV");
     pos += static_cast<size_t>(tlv_len) + kTlvHeaderLen;
     if (tlv_len + 3 >= remaining) {
       printf("Debug: Drop Illegal TLV packet ");
@@ -85,7 +80,7 @@ uint32_t walk_lbm_tlvs(const uint8_t *frame, size_t len, size_t pos) {
     remaining -= tlv_len + 3;
     type = byte_at(frame, len, pos);
     tlv_len = be16_at(frame, len, pos + 1);
-    if (debug()) {
+    if (isCfmDebugOn()) {
       printf("Debug: End TLV buf_ptr[frame_idx]=%d\n", type);
       puts("Debug: Copy  All TLV!!");
     }
@@ -127,7 +122,7 @@ int cfm_check_lbm_group_address(int level, const uint8_t *address) {
 void cfm_send_lbr(const uint8_t *lbm, const uint8_t *destination, uint32_t priority, uint32_t vid,
                   uint32_t inner_priority, uint32_t inner_vid, uint8_t level, uint32_t port, uint32_t lbm_length,
                   uint32_t direction) {
-  if (debug()) puts("CFM: Prepare to send LBR");
+  if (isCfmDebugOn()) puts("CFM: Prepare to send LBR");
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\nAllocate Buffer for CFM LB Send Frame failed!");
@@ -152,12 +147,11 @@ void cfm_send_lbr(const uint8_t *lbm, const uint8_t *destination, uint32_t prior
 }
 
 uint32_t CFM_LBM_Process(CfmPacket *packet, uint32_t direction) {
-  g_cfm_lbm_responder_busy = 1;
   if (packet == nullptr || packet->buffer == nullptr) return CFM_ERR_FAILURE;
   const uint8_t *frame = packet->buffer;
   size_t len = packet->length;
   const CfmOffsets &off = cfm_offsets();
-  if (debug()) {
+  if (isCfmDebugOn()) {
     puts("CFM: Run CFM LBM Process");
     printf("Debug: CFM_LBM_Process recevice packet len= %d\n", static_cast<int>(len));
     puts("Debug: CFM_LBM_Process recevice packet =");
@@ -177,7 +171,7 @@ uint32_t CFM_LBM_Process(CfmPacket *packet, uint32_t direction) {
   uint8_t opcode = frame[off.opcode];
   uint8_t flags = frame[off.flags];
   uint8_t first_tlv_offset = frame[off.first_tlv_offset];
-  if (debug()) {
+  if (isCfmDebugOn()) {
     printf("Debug: mdlevel = %d\n", level);
     printf("Debug: correct_LBM = %d\n", 0);
     printf("Debug: version = %d\n", version);
@@ -185,7 +179,7 @@ uint32_t CFM_LBM_Process(CfmPacket *packet, uint32_t direction) {
     printf("Debug: firstTLVOffset = %d\n", first_tlv_offset);
   }
   if (level < kLowestAnsweredLevel || level > kHighestAnsweredLevel) return CFM_ERR_FAILURE;
-  if (debug()) {
+  if (isCfmDebugOn()) {
     MdEntry md = {};
     while (CFM_GetNext_MD_Entry(&md) == 1) puts("Debug: CFM_GetNext_MD_Entry(&mdEntry) == TRUE");
   }
@@ -196,12 +190,11 @@ uint32_t CFM_LBM_Process(CfmPacket *packet, uint32_t direction) {
   uint32_t walk = walk_lbm_tlvs(frame, len, tlv_start);
   if (walk != CFM_OK) return walk;
 
-  if (debug()) {
+  if (isCfmDebugOn()) {
     puts("Debug: Run Step.e");
     puts("Debug: NOT CFM_SUPPORT_MUTIL_MAC");
   }
   cfm_send_lbr(frame, src, packet->priority, packet->vid, packet->inner_priority, packet->inner_vid, level,
-               packet->from_wan, static_cast<uint32_t>(len), direction);
-  g_cfm_lbm_responder_busy = 0;
+               packet->rx_port, static_cast<uint32_t>(len), direction);
   return CFM_OK;
 }

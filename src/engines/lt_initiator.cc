@@ -22,9 +22,6 @@ constexpr uint32_t kReplyCounters = 10;
 
 uint8_t g_reply_counter[kReplyCounters] = {0};
 uint8_t g_lt_system_mac[kMacLen] = {0};
-bool g_lt_ready = false;
-
-bool debug() { return cfm_debug_msg != 0; }
 
 // True when an Up MEP of the request's MD already sits on its port and VID
 // (the requesting MEP itself included).
@@ -67,7 +64,7 @@ void egress_id(uint16_t vid, uint8_t *out) {
 
 // Hands the 50 bytes to the WAN in a fresh transmit buffer; 1 sent, else 0.
 int cfm_xmit_ltm(const uint8_t *ltm, uint8_t priority) {
-  if (debug()) puts("CFM: Prepare to send LTM");
+  if (isCfmDebugOn()) puts("CFM: Prepare to send LTM");
   auto *buffer = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kTxBufferSize));
   if (buffer == nullptr) {
     printf("\r\n cfm_xmit_ltm: Allocate memory buffer failed!!");
@@ -102,7 +99,6 @@ uint32_t CFM_LT_Init() {
     printf("\r\nCFM_LT_Init: Get system MAC fail!");
     CFM_OS_Fatal_Error_Handler();
   }
-  g_lt_ready = true;
   CFM_IF_Set_LTM_Transmitter(CFM_LTM_Transmit);
   return 1;
 }

@@ -29,10 +29,8 @@ namespace {
 constexpr uint8_t kLowestRelayedLevel = 3;
 constexpr size_t kPortIdCut = 3;
 
-bool debug() { return cfm_debug_msg != 0; }
-
 void trace(const char *text) {
-  if (debug()) puts(text);
+  if (isCfmDebugOn()) puts(text);
 }
 
 // The local MEP that receives a frame of this level and VLAN: the first one
@@ -180,7 +178,7 @@ uint32_t CFM_LTM_Process(CfmPacket *packet, uint32_t from_wan) {
   if (packet == nullptr || packet->buffer == nullptr) return CFM_ERR_FAILURE;
   const uint8_t *frame = packet->buffer;
   size_t len = packet->length;
-  if (debug()) {
+  if (isCfmDebugOn()) {
     printf("Debug: CFM_LTM_Process recevice packet len= %d\n", static_cast<int>(len));
     cfm_trace_frame(frame, len);
   }
@@ -205,7 +203,7 @@ uint32_t CFM_LTM_Process(CfmPacket *packet, uint32_t from_wan) {
     trace("CFM: Drop the LTM because of its TLVs");
     return CFM_ERR_FAILURE;
   }
-  if (debug()) printf("CFM: LTM mdlevel=%d ttl=%d\n", level, body[ltm::kBodyTtl]);
+  if (isCfmDebugOn()) printf("CFM: LTM mdlevel=%d ttl=%d\n", level, body[ltm::kBodyTtl]);
 
   MepEntry mep = {};
   if (!find_receiving_mep(level, packet->vid, from_wan, &mep)) {
@@ -229,7 +227,7 @@ uint32_t CFM_LTR_Process(CfmPacket *packet) {
   if (packet == nullptr || packet->buffer == nullptr) return CFM_ERR_FAILURE;
   const uint8_t *frame = packet->buffer;
   size_t len = packet->length;
-  if (debug()) {
+  if (isCfmDebugOn()) {
     printf("Debug: CFM_LTR_Process recevice packet len= %d\n", static_cast<int>(len));
     cfm_trace_frame(frame, len);
   }
@@ -247,7 +245,7 @@ uint32_t CFM_LTR_Process(CfmPacket *packet) {
   }
   uint8_t level = cfm_level(frame[off.level_version]);
   MepEntry mep = {};
-  if (!find_receiving_mep(level, packet->vid, packet->from_wan, &mep)) {
+  if (!find_receiving_mep(level, packet->vid, packet->rx_port, &mep)) {
     trace("CFM: Drop the LTR because no MEP of its level");
     return CFM_ERR_FAILURE;
   }

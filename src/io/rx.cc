@@ -237,7 +237,7 @@ uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *
     clear_payload(packet);
     return CFM_ERR_FAILURE;
   }
-  packet->from_wan = 1;
+  packet->rx_port = 1;
   if (isCfmDebugOn()) {
     printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_wan_packet", 464, static_cast<int>(length));
   }
@@ -342,7 +342,7 @@ uint32_t rx_lan_packet(CfmPacket *packet) {
     if (isCfmDebugOn()) {
       printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_lan_packet", 683, static_cast<int>(got));
     }
-    packet->from_wan = 1;
+    packet->rx_port = 1;
     cfm_relay_lan_frame(buf, static_cast<size_t>(got));
   }
   clear_payload(packet);
@@ -365,7 +365,7 @@ uint32_t CFM_Receive_Packet(CfmPacket *packet) {
     size_t length = static_cast<size_t>(got);
     bool tagged = has(length, wire::kTpid, 2) && cfm_is_vlan_tpid(buf[wire::kTpid], buf[wire::kTpid + 1]) &&
                   length >= wire::kSingleTagPayload;
-    packet->from_wan = 1;
+    packet->rx_port = 1;
     size_t copy_length = tagged ? length - kTagLen : length;
     auto *copy = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(copy_length > 0 ? copy_length : 1));
     if (copy != nullptr) {

@@ -13,7 +13,10 @@ struct CfmPacket {
   uint32_t inner_priority;  // 0 for a single tag
   uint32_t reserved2;
   uint32_t inner_vid;       // 0xFFFFFFFF for a single tag
-  uint32_t from_wan;        // 1 for every frame read on the WAN
+  // Receiving port: 1 for every frame this daemon reads (its one port, the
+  // WAN; the LAN relay sets the same value). The engines take it as the port
+  // number a MEP must have to receive the frame.
+  uint32_t rx_port;
   uint8_t *buffer;          // untagged copy; null when nothing is handed on
   uint32_t length;
   uint32_t reserved3[3];

@@ -122,7 +122,7 @@ class CcmWorld : public ::testing::Test {
   // buffer is exactly the frame, so any read past it is caught.
   static void deliver(Bytes frame, uint16_t vid = 0) {
     CfmPacket p{};
-    p.vid = vid, p.inner_vid = CFM_NO_INNER_VID, p.from_wan = 1;
+    p.vid = vid, p.inner_vid = CFM_NO_INNER_VID, p.rx_port = 1;
     p.buffer = frame.data(), p.length = static_cast<uint32_t>(frame.size());
     CFM_CCM_Process(&p);
   }

@@ -116,7 +116,7 @@ class EngineTest : public ::testing::Test {
                    uint32_t inner_vid = CFM_NO_INNER_VID, uint32_t inner_priority = 0) {
     CfmPacket p = {};
     p.priority = priority, p.vid = vid, p.inner_priority = inner_priority, p.inner_vid = inner_vid;
-    p.from_wan = 1, p.buffer = frame.data(), p.length = static_cast<uint32_t>(frame.size());
+    p.rx_port = 1, p.buffer = frame.data(), p.length = static_cast<uint32_t>(frame.size());
     return p;
   }
 

@@ -56,7 +56,7 @@ TEST_F(Rx, TaggedFramesAreUntaggedOrRelayed) {
   CfmPacket p;
   Bytes single = PeerCcm().tagged(10, 6);
   EXPECT_EQ(classify(single, &p), static_cast<long>(single.size() - 4));
-  EXPECT_EQ(Bytes({uint8_t(p.priority), uint8_t(p.vid), uint8_t(p.from_wan)}), Bytes({6, 10, 1}));
+  EXPECT_EQ(Bytes({uint8_t(p.priority), uint8_t(p.vid), uint8_t(p.rx_port)}), Bytes({6, 10, 1}));
   EXPECT_EQ(p.inner_vid, CFM_NO_INNER_VID);
   // Double tag: an LBM is processed when an MD's first MEP has the outer VID.
   Bytes lbm = double_tagged(3, 10);

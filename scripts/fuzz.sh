@@ -35,7 +35,7 @@ for t in "${TARGETS[@]}"; do
   if "${isolate[@]}" "$DIR/fuzz/fuzz_$t" -max_total_time="$SECONDS_EACH" -max_len="${MAX_LEN[$t]}" -timeout=10 \
       -print_final_stats=1 -artifact_prefix="$findings/" "$corpus" >"$log" 2>&1 &&
       [ -z "$(ls -A "$findings")" ]; then
-    grep -E '^#[0-9]+ +DONE' "$log" | tail -1
+    grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -1
     grep -E 'stat::(number_of_executed_units|average_exec_per_sec)' "$log"
   else
     status=1

@@ -16,8 +16,8 @@ def be(value, size):
     return value.to_bytes(size, "big")
 
 
-def frame(dst, level, opcode, flags, first_tlv, body, eth=True, inner_vid=None):
-    tags = bytes.fromhex("8100a064")  # priority 5, VID 100
+def frame(dst, level, opcode, flags, first_tlv, body, eth=True, inner_vid=None, vid=100):
+    tags = bytes.fromhex("8100") + be(0xA000 | vid, 2)  # priority 5
     if inner_vid is not None:
         tags += bytes.fromhex("8100") + be(inner_vid, 2)
     header = bytes([level << 5, opcode, flags, first_tlv])
@@ -44,10 +44,10 @@ def lb(opcode, dst, level=2, trans=0, eth=True, inner_vid=None):
     return frame(dst, level, opcode, 0, 4, body, eth, inner_vid)
 
 
-def ltm(level=2, eth=True):
+def ltm(level=2, eth=True, vid=100):
     body = be(1, 4) + bytes([64]) + PEER + SELF
     body += bytes([7, 0, 8, 0, 100]) + PEER + bytes([0])
-    return frame(group(0x38, level), level, 5, 0x80, 17, body, eth)
+    return frame(group(0x38, level), level, 5, 0x80, 17, body, eth, vid=vid)
 
 
 def ltr(level=4, trans=1, eth=True):  # the LTM of the world had 1
@@ -71,6 +71,7 @@ frames = {
     "lbm_double_tag": lb(3, SELF, inner_vid=7),
     "lbr": lb(2, SELF),
     "ltm": ltm(),
+    "ltm_relayed": ltm(level=5, vid=200),  # no MEP on VID 200
     "ltr": ltr(),
     "ccm_level7": ccm(7, mep_id=44),
 }
@@ -123,6 +124,8 @@ def ticks(count):
 
 write("mixed", "ccm_learn_age", record(0, ccm(2)) + ticks(2) + req("showremotemep") + ticks(8) + ticks(8))
 write("mixed", "loopback", ticks(1) + record(0, lb(2, SELF, trans=1)) + ticks(3) + req("showmep 3") + req("update 4"))
+write("mixed", "loopback_to_remote_mep", record(0, ccm(0)) + req("update 1")
+      + req("configmep 1 md 1 mep 1 port 1 vid 100 dir 100 o 13 9 14 1 5 51 7 2") + ticks(2) + req("showmep 3"))
 write("mixed", "linktrace", record(0, ltr()) + req("showltr") + req("update 2") + req("clearltr"))
 write("mixed", "debug_8023", record(3, bytes([IEEE8023 | DEBUG])) + record(0, ccm(5, eth=False))
       + record(0, ltm(eth=False)) + ticks(4) + req("update 3"))

@@ -38,9 +38,9 @@ def group(base, level):  # the CCM (base 0x30) or LTM (0x38) group address of a 
     return bytes.fromhex("0180c20000") + bytes([base + level])
 
 
-def lb(opcode, dst, level=2, trans=0, eth=True, inner_vid=None):
+def lb(opcode, dst, level=2, trans=0, eth=True, inner_vid=None, data=b"data"):
     body = be(trans, 4) + bytes([1, 0, 4, 0, 0, 0, 0])  # sender ID, no chassis
-    body += bytes([3, 0, 4]) + b"data" + bytes([31, 0, 3, 0x0A, 0, 0, 0])
+    body += bytes([3]) + be(len(data), 2) + data + bytes([31, 0, 3, 0x0A, 0, 0, 0])
     return frame(dst, level, opcode, 0, 4, body, eth, inner_vid)
 
 
@@ -70,6 +70,7 @@ frames = {
     "lbm": lb(3, SELF),
     "lbm_double_tag": lb(3, SELF, inner_vid=7),
     "lbr": lb(2, SELF),
+    "lbm_largest": lb(3, SELF, data=bytes(range(256)) * 5 + bytes(191)),  # 1514 bytes
     "ltm": ltm(),
     "ltm_relayed": ltm(level=5, vid=200),  # no MEP on VID 200
     "ltr": ltr(),
@@ -105,6 +106,7 @@ requests = {
     "update_rmep": "update 1", "update_ltr": "update 2", "update_ccm": "update 3",
     "update_lbm": "update 4", "update_ltm": "update 5",
     "debugon": "debugon\n", "debugoff": "debugoff",
+    "createmd_cut": "createmd 9 x 3 x " + "n" * 1100,  # longer than the server reads
 }
 for name, line in requests.items():
     write("request", name, line.encode())

@@ -78,7 +78,7 @@ TEST_F(Responder, TlvWalkOutcomes) {
       cfm_debug_msg = debug;
       uint32_t result = 0;
       // Exact-size buffer, so a read past the frame shows under ASan.
-      std::string out = stdout_of([&] { result = process(lbm(kSelf, 1, cat({{0, 0, 0, 1}, tlvs}))); });
+      std::string out = stdout_of([&, &tlvs = tlvs] { result = process(lbm(kSelf, 1, cat({{0, 0, 0, 1}, tlvs}))); });
       EXPECT_EQ(result, expected) << testing::PrintToString(tlvs) << " debug " << debug;
       // Only with debug off does the walk reach the check that always reports.
       bool reported = out.find("Debug: Drop Illegal TLV packet ") != std::string::npos;

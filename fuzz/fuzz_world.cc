@@ -1,0 +1,128 @@
+#include "fuzz_world.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cli/server.h"
+#include "core/frame_type.h"
+#include "core/global.h"
+#include "core/os.h"
+#include "core/status.h"
+#include "core/timer.h"
+#include "db/md_ma.h"
+#include "db/mep_mip.h"
+#include "db/mgmt_if.h"
+#include "db/rmep_db.h"
+#include "engines/ccm_rx.h"
+#include "engines/lb_initiator.h"
+#include "engines/lt_initiator.h"
+#include "io/rx.h"
+#include "io/tx.h"
+
+// The commands "update", "clearltr" and "clearcnt" sleep for one to three
+// seconds (through CFM_OS_Sleep, which calls usleep). This definition takes
+// the place of the C library's usleep in the fuzz executables only, so those
+// commands run in full without stalling the fuzzer.
+extern "C" int usleep(useconds_t) { return 0; }
+
+namespace fuzz_world {
+namespace {
+
+const uint8_t kSelf[6] = {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
+constexpr uint32_t kStartSecond = 1000000;
+uint32_t g_now = kStartSecond;
+
+uint32_t fuzz_clock() { return g_now; }
+
+void clear_tables() {
+  for (MepEntry m{}; CFM_GetNext_MEP_Entry(&m) == 1; m = MepEntry{}) CFM_Delete_MEP_Entry(&m);
+  for (MipEntry m{}; CFM_GetNext_MIP_Entry(&m) == 1; m = MipEntry{}) CFM_Delete_MIP_Entry(&m);
+  CFM_IF_Clean_LtrDB_Entry();
+  CFM_IF_Clean_RemoteMep_Entry();
+  CFM_MD_MA_Clear();
+}
+
+__attribute__((format(printf, 1, 2))) void run(const char *format, ...) {
+  char line[256];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(line, sizeof line, format, args);
+  va_end(args);
+  cfm_cli_run_line(line);
+}
+
+}  // namespace
+
+void init() {
+  // Reports go to standard output, the fuzzer's own to standard error.
+  // CFMD_FUZZ_STDOUT=1 keeps the reports, to read what one input does.
+  const char *keep = getenv("CFMD_FUZZ_STDOUT");
+  if ((keep == nullptr || strcmp(keep, "1") != 0) && freopen("/dev/null", "w", stdout) == nullptr) abort();
+  atexit(CFM_OS_Remove_All_Semaphores);
+  CFM_MEP_MIP_Init();
+  cfm_mep_db_Init();
+  CFM_Create_MEP_SYC_Sem();
+  cfm_ccm_Init();
+  cfm_set_system_mac(kSelf);
+  CFM_LB_Init();
+  CFM_LT_Init();
+  cfm_set_tx_hook([](CfmTxSide, const uint8_t *, size_t) { return true; });
+  CFM_OS_Set_Clock_Source(fuzz_clock);
+}
+
+void reset() {
+  g_now = kStartSecond;
+  cfm_debug_msg = 0;
+  setFrameType(CFM_FRAME_TYPE_ETH);
+  clear_tables();
+  CFM_Global_Reset();
+  cfm_force_enable();
+  CFM_LB_Init();
+  CFM_LT_Init();
+  for (int level = 0; level < 8; ++level) {
+    int md = level + 1;
+    run("createmd %d level %d name md", md, level);
+    run("createma %d ma %d name ma", md, md);  // MA indexes are unique across MDs
+    run("createmep %d md %d mep %d port 1 vid 100 dir %d", md, md, md, level % 2 + 1);
+    run("configmep %d md %d mep %d port 1 vid 100 dir %d o 2 21", md, md, md, level % 2 ? 200 : 100);
+  }
+  // A peer at 02:11:22:33:44:55: five LBMs from level 2, one LTM from level 4.
+  cfm_cli_run_line("configmep 3 md 3 mep 3 port 1 vid 100 dir 100 o 5 51 7 5 6 02:11:22:33:44:55 15 data");
+  cfm_cli_run_line("configmep 5 md 5 mep 5 port 1 vid 100 dir 100 o 10 02:11:22:33:44:55 12 121");
+  tick();
+}
+
+void apply_settings(uint8_t bits) {
+  setFrameType((bits & 1) != 0 ? CFM_FRAME_TYPE_8023 : CFM_FRAME_TYPE_ETH);
+  cfm_debug_msg = (bits & 2) != 0 ? 1 : 0;
+}
+
+void receive(const uint8_t *frame, size_t length) {
+  CfmPacket packet = {};
+  if (cfm_classify_wan_frame(frame, length, &packet) == CFM_OK) cfm_dispatch_packet(&packet);
+}
+
+void serve(const uint8_t *request, size_t length) {
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) abort();
+  // More than the server reads, less than the socket holds: the write
+  // cannot block.
+  length = std::min<size_t>(length, 2 * CFM_CLI_LINE_MAX);
+  if (length > 0 && write(pair[1], request, length) != static_cast<ssize_t>(length)) abort();
+  shutdown(pair[1], SHUT_WR);
+  cfm_cli_serve_connection(pair[0]);
+  close(pair[1]);
+}
+
+void tick() {
+  ++g_now;
+  cfm_timer_tick();
+}
+
+}  // namespace fuzz_world

@@ -17,8 +17,8 @@ struct PvcMacTable {
 };
 extern PvcMacTable g_pvc_mac_table;
 
-// Options that are not part of the historical command line: "-t DIR" backs
-// the configuration tree with a directory.
+// Options beyond the router's standard command line: "-t DIR" backs the
+// configuration tree with a directory.
 struct CfmExtraOptions {
   char tree_dir[512];
 };

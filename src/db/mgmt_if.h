@@ -30,7 +30,8 @@ uint32_t CFM_IF_Set_MIP_Entry(MipEntry *entry);
 int CFM_IF_Clean_RemoteMep_Entry();
 int CFM_IF_Clean_LtrDB_Entry();
 
-// The linktrace request that step 7 of CFM_IF_Set_MEP_Entry builds.
+// The linktrace request a MEP Set with LtmTransmitStatus 1 builds from the MEP
+// and its MD.
 struct LtmRequest {
   uint32_t md_id;
   uint32_t ma_id;

@@ -24,11 +24,11 @@ struct ReceivedCcm {
   uint8_t level;
   uint8_t flags;
   uint32_t sequence;
-  uint16_t mep_id;        // R
-  const uint8_t *ma_name; // short MA name bytes
-  uint8_t ma_name_len;    // m
-  uint8_t port;           // P
-  uint16_t vid;           // V
+  uint16_t mep_id;         // the sender's MEPID
+  const uint8_t *ma_name;  // short MA name bytes
+  uint8_t ma_name_len;     // their number
+  uint8_t port;            // receiving port
+  uint16_t vid;            // receiving VID
 };
 
 // Set by the demultiplexer for one dispatch; only touched under MEP_SYC.
@@ -151,10 +151,11 @@ struct Hits {
 
 enum class Pending { SameLevel, LowerLevel };
 
-// Cases A and B for one MEP against the MD and MA indexes (md_id, ma_id):
-// a MEP on the receiving port, or an Up MEP on another port, with the
-// received VID and a MEPID other than the sender's takes the CCM.
-void apply_cases(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, uint32_t md_id, uint32_t ma_id,
+// Whether one MEP takes the CCM for the MD and MA indexes (md_id, ma_id): a
+// MEP of that MD and MA on the receiving VID, with a MEPID other than the
+// sender's, takes it when it sits on the receiving port (a direct hit) or is
+// an Up MEP on another port (an Up hit).
+void offer_ccm(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, uint32_t md_id, uint32_t ma_id,
                  Pending pending, Hits *hits) {
   if (mep->md_id != md_id || mep->ma_id != ma_id || mep->vid != ccm.vid || mep->mep_id == ccm.mep_id) return;
   bool direct = mep->port == ccm.port;
@@ -175,10 +176,10 @@ void apply_cases(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, 
   }
 }
 
-// Walks the MEP table to its end from (md_id, ma_id, port P, VID V), applying
-// cases A and B. The buffer is left as the walk left it.
+// Walks the MEP table to its end from (md_id, ma_id, receiving port and VID),
+// offering the CCM to each MEP. The buffer is left as the walk left it.
 void walk_meps(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, uint32_t md_id, uint32_t ma_id,
-               uint32_t case_md, uint32_t case_ma, Pending pending, Hits *hits, bool same_md_only) {
+               uint32_t owner_md, uint32_t owner_ma, Pending pending, Hits *hits, bool same_md_only) {
   memset(mep, 0, sizeof *mep);
   mep->md_id = md_id;
   mep->ma_id = ma_id;
@@ -188,7 +189,7 @@ void walk_meps(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, ui
   while (CFM_GetNext_MEP_Entry(&next) == 1) {
     if (same_md_only && next.md_id != md_id) break;
     *mep = next;
-    apply_cases(ccm, remote, mep, case_md, case_ma, pending, hits);
+    offer_ccm(ccm, remote, mep, owner_md, owner_ma, pending, hits);
     next = *mep;
   }
 }

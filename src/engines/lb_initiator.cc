@@ -97,7 +97,7 @@ bool resolve_local(const MepEntry &mep, Target *target) {
 
 void advance(uint32_t *trans_id) { *trans_id += 1; }  // wraps from 0xFFFFFFFF to 0
 
-// Step 4 of a tick: resolve the target and send one LBM.
+// The send step of a running loopback: resolve the target and send one LBM.
 void send_step(MepEntry *mep, TickFlags *flags) {
   Target target = {};
   if (mep->LbmTargetIsMepId == 1) {

@@ -30,7 +30,8 @@ std::mutex g_tx_mutex;  // guards the hook, the lazy WAN socket and the system M
 std::shared_ptr<CfmTxHook> g_tx_hook;
 uint8_t g_system_mac[cfm::kMacLen] = {0};
 
-// Line numbers the debug trace has always reported for each entry point.
+// Line numbers the debug trace of each entry point reports; front ends that
+// parse the trace rely on these fixed values.
 constexpr int kWanTraceLine = 285;
 constexpr int kLanTraceLine = 352;
 constexpr int kGenericTraceLine = 464;

@@ -99,7 +99,7 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
   opterr = 0;
   optind = 0;  // full re-initialisation, so the parser can run more than once
   int opt;
-  while ((opt = getopt(argc, argv, "def:i:wt:")) != -1) {
+  while ((opt = getopt(argc, argv, "def:i:wt:l:")) != -1) {
     switch (opt) {
       case 'd':
         debug = true;
@@ -120,6 +120,9 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
         break;
       case 't':
         snprintf(g_cfm_extra_options.tree_dir, sizeof g_cfm_extra_options.tree_dir, "%s", optarg);
+        break;
+      case 'l':
+        snprintf(g_cfm_extra_options.lan_ifname, sizeof g_cfm_extra_options.lan_ifname, "%s", optarg);
         break;
       default:
         break;  // unknown options are ignored
@@ -274,6 +277,7 @@ int cfm_main(int argc, char **argv) {
   }
 
   char ifname[IFNAMSIZ] = {0};
+  const char *lan = g_cfm_extra_options.lan_ifname;
   switch (cfm_parse_args(argc, argv, ifname, &frame_type)) {
     case kParseError:
       puts("cfm parse arg failed");
@@ -281,6 +285,7 @@ int cfm_main(int argc, char **argv) {
       return -1;
     case kParseWait:
       cfm_wait_interface(ifname);
+      if (lan[0] != '\0') cfm_wait_interface(lan);
       break;
     case kParseGo:
       break;
@@ -295,6 +300,7 @@ int cfm_main(int argc, char **argv) {
   }
 
   CFM_Get_Ifindex(ifname);
+  if (lan[0] != '\0') CFM_Open_Lan(ifname, lan);
   cfm_read_pvc_mac();
   if (isUnknownFrameType(frame_type)) readFrameTypeFile(&frame_type);
   if (isUnknownFrameType(frame_type)) {

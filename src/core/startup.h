@@ -18,9 +18,11 @@ struct PvcMacTable {
 extern PvcMacTable g_pvc_mac_table;
 
 // Options beyond the router's standard command line: "-t DIR" backs the
-// configuration tree with a directory.
+// configuration tree with a directory; "-l IFNAME" names the LAN interface
+// the router relays CFM frames to and from.
 struct CfmExtraOptions {
   char tree_dir[512];
+  char lan_ifname[IFNAMSIZ];
 };
 extern CfmExtraOptions g_cfm_extra_options;
 

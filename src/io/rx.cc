@@ -35,6 +35,8 @@ constexpr int kReportedIntervalUs = 100;
 // task for good.
 constexpr int kWaitTimeoutMs = 1000;
 constexpr useconds_t kEmptyWakeupPauseUs = 1000;
+// Frames taken from one side before the other side is looked at.
+constexpr size_t kBatchFrames = 64;
 constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 constexpr uint8_t kLanForwardLevel = 3;  // LAN frames at this level and above cross
 
@@ -181,11 +183,11 @@ void debug_dump_packet(const CfmPacket &packet) {
   printf("\n");
 }
 
-// Takes every queued frame, one at a time in arrival order. Returns the
-// number of reads that returned a frame.
-size_t drain_wan() {
+// Takes the queued WAN frames one at a time in arrival order, at most
+// `limit` of them. Returns the number of reads that returned a frame.
+size_t drain_wan(size_t limit) {
   size_t frames = 0;
-  for (;;) {
+  while (frames < limit) {
     CfmPacket packet;
     memset(&packet, 0, sizeof packet);
     bool read_nothing = false;
@@ -195,6 +197,7 @@ size_t drain_wan() {
     debug_dump_packet(packet);
     if (result == CFM_OK) cfm_dispatch_packet(&packet);
   }
+  return frames;
 }
 
 // A burst of several thousand frames must wait in the kernel, not be lost,
@@ -328,26 +331,53 @@ ssize_t read_raw_socket(int fd, uint8_t **buf) {
   return fd < 0 ? -1 : recvfrom(fd, *buf, kMaxFrame, 0, nullptr, nullptr);
 }
 
-}  // namespace
-
-uint32_t rx_lan_packet(CfmPacket *packet) {
-  if (packet == nullptr) return CFM_ERR_FAILURE;
-  uint8_t *buf = nullptr;
-  ssize_t got = read_raw_socket(_cfm_lan_sock_fd, &buf);
+// Reads one LAN frame and relays it by its level. *read_nothing tells an
+// empty queue apart from a frame that was read.
+void receive_lan(CfmPacket *packet, bool *read_nothing) {
+  *read_nothing = false;
+  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kMaxFrame));
   if (buf == nullptr) {
-    clear_payload(packet);
-    return CFM_ERR_FAILURE;
-  }
-  if (got > 0) {
-    if (isCfmDebugOn()) {
-      printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_lan_packet", 683, static_cast<int>(got));
+    *read_nothing = true;
+  } else {
+    memset(buf, 0, kMaxFrame);
+    // The LAN socket, like the WAN's, puts the outer tag back and skips the
+    // daemon's own sends; untagged traffic is passed over before any trace.
+    long got = _cfm_lan_sock_fd < 0 ? -1 : cfm_wan_socket_read(_cfm_lan_sock_fd, buf, kMaxFrame);
+    if (got > 0 && !is_vlan_tagged(buf, static_cast<size_t>(got))) got = 0;
+    *read_nothing = got < 0;
+    if (got > 0) {
+      if (isCfmDebugOn()) {
+        printf("\n@@ Debug: %s, line %d receive packet length = %d\n", "rx_lan_packet", 683, static_cast<int>(got));
+      }
+      packet->rx_port = 1;
+      cfm_relay_lan_frame(buf, static_cast<size_t>(got));
     }
-    packet->rx_port = 1;
-    cfm_relay_lan_frame(buf, static_cast<size_t>(got));
   }
   clear_payload(packet);
   packet->release = CFM_OS_Deallocate_Memory;
   CFM_OS_Deallocate_Memory(buf);
+}
+
+// Takes at most `limit` queued LAN frames, in arrival order.
+size_t drain_lan(size_t limit) {
+  size_t frames = 0;
+  while (frames < limit) {
+    CfmPacket packet;
+    memset(&packet, 0, sizeof packet);
+    bool read_nothing = false;
+    receive_lan(&packet, &read_nothing);
+    if (read_nothing) break;
+    ++frames;
+  }
+  return frames;
+}
+
+}  // namespace
+
+uint32_t rx_lan_packet(CfmPacket *packet) {
+  if (packet == nullptr) return CFM_ERR_FAILURE;
+  bool read_nothing = false;
+  receive_lan(packet, &read_nothing);
   return CFM_ERR_FAILURE;
 }
 
@@ -391,14 +421,33 @@ void *cfm_rx_task(void *) {
   int fd = g_rx_fd.load();
   if (fd < 0) fd = open_rx_socket();
   if (fd < 0) return nullptr;
+  const int fds[2] = {fd, _cfm_lan_sock_fd};
   for (;;) {
-    // Sleep in the kernel until a frame is queued, then take them all.
-    // A read also clears a pending socket error; when nothing was read,
-    // pause briefly so an error that wakes every wait cannot make this spin.
-    cfm_wan_socket_wait(fd, kWaitTimeoutMs);
-    if (drain_wan() == 0) usleep(kEmptyWakeupPauseUs);
+    // Sleep in the kernel until a frame is queued on either side, then take
+    // a bounded batch from each side in turn, so a flood on one side never
+    // starves the other. A read also clears a pending socket error; when
+    // nothing was read, pause briefly so an error that wakes every wait
+    // cannot make this spin.
+    cfm_wan_socket_wait_any(fds, fds[1] < 0 ? 1 : 2, kWaitTimeoutMs);
+    size_t frames = drain_wan(kBatchFrames);
+    if (fds[1] >= 0) frames += drain_lan(kBatchFrames);
+    if (frames == 0) usleep(kEmptyWakeupPauseUs);
   }
   return nullptr;
+}
+
+bool CFM_Open_Lan(const char *wan_name, const char *lan_name) {
+  CFM_Get_Wan_Lan_Ifindex(wan_name, lan_name);
+  const char *failed_step = nullptr;
+  int fd = _ifc_lan_index > 0 ? cfm_wan_socket_open(_ifc_lan_index, &failed_step) : -1;
+  if (fd < 0) {
+    printf("CFM: LAN interface %s cannot be used, nothing is relayed\n", lan_name);
+    _ifc_lan_index = 0;
+    return false;
+  }
+  reserve_receive_queue(fd);
+  _cfm_lan_sock_fd = fd;
+  return true;
 }
 
 uint32_t CFM_Create_Rx_Task() {

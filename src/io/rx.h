@@ -26,6 +26,10 @@ struct CfmPacket {
 constexpr uint32_t CFM_NO_INNER_VID = 0xFFFFFFFFu;
 
 void *cfm_rx_task(void *);
+// Looks both interface indices up and opens the LAN socket on lan_name the
+// way the WAN's is opened; the receive task then reads both sides. False,
+// after one line of report, when the LAN interface cannot be used.
+bool CFM_Open_Lan(const char *wan_name, const char *lan_name);
 uint32_t CFM_Create_Rx_Task();  // CFM_OK, or CFM_ERR_FAILURE if not created
 
 uint32_t rx_wan_packet(CfmPacket *packet);

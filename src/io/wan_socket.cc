@@ -128,11 +128,15 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
   return static_cast<long>(out);
 }
 
-bool cfm_wan_socket_wait(int fd, int timeout_ms) {
-  struct pollfd p = {fd, POLLIN, 0};
+bool cfm_wan_socket_wait(int fd, int timeout_ms) { return cfm_wan_socket_wait_any(&fd, 1, timeout_ms); }
+
+bool cfm_wan_socket_wait_any(const int *fds, int count, int timeout_ms) {
+  struct pollfd p[2];
+  if (count < 1 || count > 2) return false;
+  for (int i = 0; i < count; ++i) p[i] = {fds[i], POLLIN, 0};
   for (;;) {
-    int r = poll(&p, 1, timeout_ms);
-    if (r > 0) return (p.revents & POLLIN) != 0;
+    int r = poll(p, static_cast<nfds_t>(count), timeout_ms);
+    if (r > 0) return true;
     if (r == 0) return false;
     if (errno != EINTR) return false;
   }

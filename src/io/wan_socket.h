@@ -3,7 +3,8 @@
 // delivery), so the socket takes every protocol, asks for PACKET_AUXDATA and
 // puts the outer tag back from tp_vlan_tci/tp_vlan_tpid; frames the daemon
 // sent itself are skipped; the CFM group addresses 01:80:C2:00:00:30-3F are
-// joined so that NICs that filter multicast deliver them.
+// joined so that NICs that filter multicast deliver them. The LAN socket of
+// the relay (option -l) is opened and read the same way.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -20,3 +21,5 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap);
 // Blocks until the socket is readable or timeout_ms passes (-1: no limit).
 // True when readable.
 bool cfm_wan_socket_wait(int fd, int timeout_ms);
+// The same for several sockets (the WAN's and the LAN's): true when any is.
+bool cfm_wan_socket_wait_any(const int *fds, int count, int timeout_ms);

@@ -37,6 +37,10 @@ constexpr int kWaitTimeoutMs = 1000;
 constexpr useconds_t kEmptyWakeupPauseUs = 1000;
 // Frames taken from one side before the other side is looked at.
 constexpr size_t kBatchFrames = 64;
+// Frames read with one call and handled under one hold of MEP_SYC.
+constexpr size_t kLockBatch = 16;
+// A receive buffer: the largest frame and room to put its tag back.
+constexpr size_t kRxBufferSize = kMaxFrame + kTagLen;
 constexpr int kReceiveQueueBytes = 4 * 1024 * 1024;
 constexpr uint8_t kLanForwardLevel = 3;  // LAN frames at this level and above cross
 
@@ -44,6 +48,8 @@ std::atomic<CfmRxSource> g_rx_source{nullptr};
 std::atomic<int> g_rx_fd{-1};  // the WAN receive socket
 
 enum class Verdict { NotCfm, Local, ForwardToLan };
+
+void dispatch_held(CfmPacket *packet);
 
 void debug_text(const char *text) {
   if (!isCfmDebugOn()) return;
@@ -144,6 +150,24 @@ long read_wan(uint8_t *buf, size_t cap) {
   return cfm_wan_socket_read(fd, buf, cap);
 }
 
+// Classifies one frame read from the WAN (`got` bytes, 0 or less for none).
+uint32_t classify_received(const uint8_t *buf, long got, CfmPacket *packet) {
+  // The socket takes every protocol so that tagged frames arrive at all; what
+  // does not begin with an 802.1Q tag is not for this path and is passed over
+  // before any trace, as a socket of the 802.1Q protocol would never see it.
+  if (got > 0 && !is_vlan_tagged(buf, static_cast<size_t>(got))) got = 0;
+  if (got <= 0) {
+    clear_payload(packet);
+    return CFM_ERR_FAILURE;
+  }
+  if (isCfmDebugOn()) {
+    printf("Debug: rx_wan_packet recevice");
+    cfm_dump_bytes(buf, static_cast<size_t>(got), "%2X ");
+    printf("\n\n");
+  }
+  return cfm_classify_wan_frame(buf, static_cast<size_t>(got), packet);
+}
+
 // Reads and classifies one WAN frame. *read_nothing tells an empty queue
 // apart from a frame that was read and dropped or relayed.
 uint32_t receive_wan(CfmPacket *packet, bool *read_nothing) {
@@ -156,22 +180,8 @@ uint32_t receive_wan(CfmPacket *packet, bool *read_nothing) {
   }
   memset(buf, 0, kMaxFrame);
   long got = read_wan(buf, kMaxFrame);
-  // The socket takes every protocol so that tagged frames arrive at all; what
-  // does not begin with an 802.1Q tag is not for this path and is passed over
-  // before any trace, as a socket of the 802.1Q protocol would never see it.
-  if (got > 0 && !is_vlan_tagged(buf, static_cast<size_t>(got))) got = 0;
-  if (got > 0 && isCfmDebugOn()) {
-    printf("Debug: rx_wan_packet recevice");
-    cfm_dump_bytes(buf, static_cast<size_t>(got), "%2X ");
-    printf("\n\n");
-  }
-  uint32_t result = CFM_ERR_FAILURE;
-  if (got <= 0) {
-    clear_payload(packet);
-    *read_nothing = got < 0;
-  } else {
-    result = cfm_classify_wan_frame(buf, static_cast<size_t>(got), packet);
-  }
+  *read_nothing = got < 0;
+  uint32_t result = classify_received(buf, got, packet);
   CFM_OS_Deallocate_Memory(buf);
   return result;
 }
@@ -183,19 +193,52 @@ void debug_dump_packet(const CfmPacket &packet) {
   printf("\n");
 }
 
-// Takes the queued WAN frames one at a time in arrival order, at most
-// `limit` of them. Returns the number of reads that returned a frame.
+// Reads up to `want` WAN frames, each into its own buffer (the test source
+// one call per frame, the socket all in one). Returns how many were read.
+int read_wan_batch(uint8_t *const *bufs, long *lengths, int want) {
+  CfmRxSource source = g_rx_source.load();
+  if (source == nullptr) {
+    int fd = g_rx_fd.load();
+    return fd < 0 ? 0 : cfm_wan_socket_read_batch(fd, bufs, kRxBufferSize, lengths, want);
+  }
+  int got = 0;
+  while (got < want && (lengths[got] = source(bufs[got], kMaxFrame)) >= 0) ++got;
+  return got;
+}
+
+// Takes the queued WAN frames in arrival order, at most `limit` of them, in
+// batches read with one call each. A batch is classified and handed to the
+// engines under one hold of MEP_SYC, so the tick waits for at most one
+// batch. A batch that comes back short means the queue is empty: no further
+// read is made before the next wait. Returns the number of frames read.
 size_t drain_wan(size_t limit) {
   size_t frames = 0;
   while (frames < limit) {
-    CfmPacket packet;
-    memset(&packet, 0, sizeof packet);
-    bool read_nothing = false;
-    uint32_t result = receive_wan(&packet, &read_nothing);
-    if (read_nothing) return frames;
-    ++frames;
-    debug_dump_packet(packet);
-    if (result == CFM_OK) cfm_dispatch_packet(&packet);
+    int want = static_cast<int>(limit - frames < kLockBatch ? limit - frames : kLockBatch);
+    uint8_t *bufs[kLockBatch];
+    long lengths[kLockBatch];
+    int have = 0;
+    while (have < want && (bufs[have] = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kRxBufferSize))) != nullptr) {
+      ++have;
+    }
+    int got = have > 0 ? read_wan_batch(bufs, lengths, have) : 0;
+    if (got > 0) {
+      MepSycLock lock;
+      for (int i = 0; i < got; ++i) {
+        // Every frame in a fresh buffer, cleared beyond what was read.
+        size_t used = lengths[i] > 0 ? static_cast<size_t>(lengths[i]) : 0;
+        memset(bufs[i] + used, 0, kRxBufferSize - used);
+        CfmPacket packet;
+        memset(&packet, 0, sizeof packet);
+        if (classify_received(bufs[i], lengths[i], &packet) == CFM_OK) {
+          debug_dump_packet(packet);
+          dispatch_held(&packet);
+        }
+      }
+    }
+    for (int i = 0; i < have; ++i) CFM_OS_Deallocate_Memory(bufs[i]);
+    frames += static_cast<size_t>(got);
+    if (got < want) break;
   }
   return frames;
 }
@@ -256,8 +299,11 @@ uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *
   return CFM_ERR_FAILURE;
 }
 
-void cfm_dispatch_packet(CfmPacket *packet) {
-  if (packet == nullptr) return;
+namespace {
+
+// Hands a classified packet to the engine of its opcode while CFM is enabled
+// (the caller holds MEP_SYC), then releases its buffer.
+void dispatch_held(CfmPacket *packet) {
   size_t opcode_at = cfm_offsets().opcode;
   if (packet->buffer != nullptr && packet->length > opcode_at) {
     uint8_t opcode = packet->buffer[opcode_at];
@@ -265,7 +311,6 @@ void cfm_dispatch_packet(CfmPacket *packet) {
     CFM_IF_Get_Global_Entry(&global);
     if (isCfmDebugOn()) printf("CFM: Receive a packet from WAN, opcode=%d\n", opcode);
     if (global.status == 1) {
-      MepSycLock lock;
       switch (opcode) {
         case kOpCcm:
           CFM_CCM_Process(packet);
@@ -290,6 +335,14 @@ void cfm_dispatch_packet(CfmPacket *packet) {
   if (packet->release != nullptr && packet->buffer != nullptr) packet->release(packet->buffer);
   packet->buffer = nullptr;
   packet->length = 0;
+}
+
+}  // namespace
+
+void cfm_dispatch_packet(CfmPacket *packet) {
+  if (packet == nullptr) return;
+  MepSycLock lock;
+  dispatch_held(packet);
 }
 
 uint32_t rx_wan_packet(CfmPacket *packet) {

@@ -15,6 +15,34 @@
 
 namespace {
 
+constexpr int kMaxBatch = 16;
+
+union AuxControl {
+  struct cmsghdr align;
+  char bytes[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+};
+
+// The outer tag the kernel took off, from the packet's auxiliary data; false
+// when the frame arrived untagged.
+bool outer_tag(struct msghdr *msg, uint16_t *tpid, uint16_t *tci) {
+  bool tagged = false;
+  *tpid = cfm::kTpid8021Q;
+  for (struct cmsghdr *c = CMSG_FIRSTHDR(msg); c != nullptr; c = CMSG_NXTHDR(msg, c)) {
+    if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA ||
+        c->cmsg_len < CMSG_LEN(sizeof(struct tpacket_auxdata))) {
+      continue;
+    }
+    struct tpacket_auxdata aux;
+    memcpy(&aux, CMSG_DATA(c), sizeof aux);
+    if ((aux.tp_status & TP_STATUS_VLAN_VALID) != 0) {
+      tagged = true;
+      *tci = aux.tp_vlan_tci;
+      if (aux.tp_vlan_tpid != 0) *tpid = aux.tp_vlan_tpid;
+    }
+  }
+  return tagged;
+}
+
 // Largest frame taken from the kernel in one read; longer ones are cut.
 constexpr size_t kReadBuffer = 16384;
 
@@ -62,6 +90,11 @@ int cfm_wan_socket_open(int ifindex, const char **failed_step) {
     return -1;
   }
   join_cfm_groups(fd, ifindex);
+#ifdef PACKET_IGNORE_OUTGOING
+  // Frames this daemon sends are not queued back to it at all where the
+  // kernel can say so; the PACKET_OUTGOING skip stays for older kernels.
+  setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on);
+#endif
   return fd;
 }
 
@@ -91,22 +124,9 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
 
   // The kernel takes the outer tag off before delivery and reports it in
   // the auxiliary data: put it back so the frame is as it was on the wire.
-  bool tagged = false;
   uint16_t tci = 0;
   uint16_t tpid = cfm::kTpid8021Q;
-  for (struct cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-    if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA ||
-        c->cmsg_len < CMSG_LEN(sizeof(struct tpacket_auxdata))) {
-      continue;
-    }
-    struct tpacket_auxdata aux;
-    memcpy(&aux, CMSG_DATA(c), sizeof aux);
-    if ((aux.tp_status & TP_STATUS_VLAN_VALID) != 0) {
-      tagged = true;
-      tci = aux.tp_vlan_tci;
-      if (aux.tp_vlan_tpid != 0) tpid = aux.tp_vlan_tpid;
-    }
-  }
+  bool tagged = outer_tag(&msg, &tpid, &tci);
 
   size_t out = 0;
   auto put = [&](const uint8_t *src, size_t n) {
@@ -126,6 +146,47 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
     put(frame, length);
   }
   return static_cast<long>(out);
+}
+
+int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max) {
+  if (bufs == nullptr || lengths == nullptr || cap <= cfm::kTagLen || max < 1) return 0;
+  int n = max < kMaxBatch ? max : kMaxBatch;
+  struct mmsghdr msgs[kMaxBatch];
+  struct iovec iov[kMaxBatch];
+  struct sockaddr_ll from[kMaxBatch];
+  AuxControl control[kMaxBatch];
+  memset(msgs, 0, sizeof msgs);
+  for (int i = 0; i < n; ++i) {
+    // Room for the tag in front: the frame is read 4 bytes in, and the
+    // addresses move forward over that room when the tag goes back in.
+    iov[i] = {bufs[i] + cfm::kTagLen, cap - cfm::kTagLen};
+    msgs[i].msg_hdr.msg_name = &from[i];
+    msgs[i].msg_hdr.msg_namelen = sizeof from[i];
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+    msgs[i].msg_hdr.msg_control = control[i].bytes;
+    msgs[i].msg_hdr.msg_controllen = sizeof control[i].bytes;
+  }
+  int got = recvmmsg(fd, msgs, static_cast<unsigned>(n), MSG_DONTWAIT, nullptr);
+  if (got <= 0) return 0;
+  for (int i = 0; i < got; ++i) {
+    uint8_t *buf = bufs[i];
+    size_t length = msgs[i].msg_len;
+    uint16_t tpid = 0, tci = 0;
+    if (from[i].sll_pkttype == PACKET_OUTGOING) {
+      lengths[i] = 0;
+    } else if (outer_tag(&msgs[i].msg_hdr, &tpid, &tci) && length >= cfm::wire::kTpid) {
+      memmove(buf, buf + cfm::kTagLen, cfm::wire::kTpid);
+      cfm::put_be16(buf + cfm::wire::kTpid, tpid);
+      cfm::put_be16(buf + cfm::wire::kTpid + 2, tci);
+      size_t total = length + cfm::kTagLen;
+      lengths[i] = static_cast<long>(total < cap - cfm::kTagLen ? total : cap - cfm::kTagLen);
+    } else {
+      memmove(buf, buf + cfm::kTagLen, length);
+      lengths[i] = static_cast<long>(length);
+    }
+  }
+  return got;
 }
 
 bool cfm_wan_socket_wait(int fd, int timeout_ms) { return cfm_wan_socket_wait_any(&fd, 1, timeout_ms); }

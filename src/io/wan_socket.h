@@ -18,6 +18,13 @@ int cfm_wan_socket_open(int ifindex, const char **failed_step);
 // frame), or -1 when nothing is queued or the read failed.
 long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap);
 
+// Reads up to `max` (at most 16) queued frames with one system call, each into
+// its own buffer of bufs[i] (`cap` bytes, cap > 4), with the outer tag put
+// back and cut to cap - 4 bytes. lengths[i] is the frame's length, or 0 for a
+// frame that was skipped (an own outgoing frame). Returns how many frames
+// were read: 0 when none was queued (or the read failed).
+int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max);
+
 // Blocks until the socket is readable or timeout_ms passes (-1: no limit).
 // True when readable.
 bool cfm_wan_socket_wait(int fd, int timeout_ms);

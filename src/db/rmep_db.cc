@@ -100,20 +100,23 @@ uint32_t mep_process_normal_frame(const RemoteMepEntry *entry) {
   return g_table.store_locked(entry, g_table.capacity) ? CFM_DB_FOUND : CFM_DB_FULL;
 }
 
-// One pass: every entry found with time left loses a fixed 1000 ms; an entry
-// found with none left (0 or below) is deleted.
+// One pass: every entry with time left loses a fixed 1000 ms; an entry with
+// none left (0 or below) is deleted. The whole pass runs under one hold of
+// both semaphores, in the order the CCM receiver takes them, so the timer
+// spends no semaphore operations per entry.
 uint32_t CFM_MEP_DB_Check_RemEntries_Age() {
   if (!g_ready.load()) return CFM_DB_NOT_READY;
-  RemoteMepEntry cursor{};
-  while (CFM_MEP_Get_NextRemEntry(&cursor) == CFM_DB_FOUND) {
-    SemLock set_lock(g_sem_set);
-    RemoteMepEntry current = cursor;
-    if (CFM_MEP_DB_Get_RemEntry(&current) != CFM_DB_FOUND) continue;
-    if (current.AgeTime > 0) {
-      current.AgeTime -= kAgeStepMs;
-      CFM_MEP_DB_Store_RemEntry(&current);
+  SemLock set_lock(g_sem_set);
+  SemLock lock(g_table.sem);
+  RemoteMepKey key{};
+  for (avlt_node *node = UTL_AVLT_Next_Greater(g_table.tree, &key); node != nullptr;
+       node = UTL_AVLT_Next_Greater(g_table.tree, &key)) {
+    auto *entry = static_cast<RemoteMepEntry *>(node->data);
+    key = load_key<RemoteMepKey>(entry);
+    if (entry->AgeTime > 0) {
+      entry->AgeTime -= kAgeStepMs;
     } else {
-      CFM_MEP_Del_RemEntry(&current);
+      CFM_OS_Deallocate_Memory(UTL_AVLT_Delete(g_table.tree, &key));
     }
   }
   return CFM_DB_FOUND;

@@ -81,7 +81,9 @@ void fill_from_frame(RemoteMepEntry *remote, const ReceivedCcm &ccm) {
   remote->AgeTime = static_cast<int32_t>(loss_time_of(interval_of(ccm)));
 }
 
-void same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep) {
+// The checks of a CCM at a MEP's own level. Returns false when it stored
+// nothing (the MEP's MA is gone).
+bool same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep) {
   RemoteMepEntry known;
   memset(&known, 0, sizeof known);
   known.md_id = mep->md_id;
@@ -91,24 +93,18 @@ void same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
   uint32_t last_sequence = found ? known.SequenceNum : 0;
 
   MaNetEntry ma;
-  if (!get_ma(mep->ma_id, &ma)) return;
+  if (!get_ma(mep->ma_id, &ma)) return false;
   if (!ma_name_equals(ma, ccm)) {
     mep->XconCcmFlag = 1;
     CFM_Update_MEP_Entry(mep);
-    return;
+    return true;
   }
-  if (found) {
-    MepEntry again = *mep;
-    if (CFM_Get_MEP_Entry(&again) != 1 || ccm.mep_id == mep->mep_id) {
-      mep->ErrorCcmFlag = 1;
-      CFM_Update_MEP_Entry(mep);
-      return;
-    }
-  }
-  if (interval_of(ccm) != ma.CcmInterval) {
+  // The MEP was read under MEP_SYC, which every deletion of a MEP takes as
+  // well, so it still exists: only a CCM carrying its own MEPID is an error.
+  if ((found && ccm.mep_id == mep->mep_id) || interval_of(ccm) != ma.CcmInterval) {
     mep->ErrorCcmFlag = 1;
     CFM_Update_MEP_Entry(mep);
-    return;
+    return true;
   }
   remote->md_id = mep->md_id;
   remote->ma_id = mep->ma_id;
@@ -121,18 +117,24 @@ void same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
   mep->CcmReceivedFlag = 1;
   CFM_Update_MEP_Entry(mep);
   mep_process_normal_frame(remote);
+  return true;
 }
 
-void per_mep_dispatch(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep) {
+// Runs the same-level check or the lower-level action, as the demultiplexer
+// asked. Returns false when it stored nothing.
+bool per_mep_dispatch(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep) {
+  bool stored = false;
   if (g_same_level_pending == 1) {
-    same_level_check(ccm, remote, mep);
+    stored = same_level_check(ccm, remote, mep);
     g_same_level_pending = 0;
   } else if (g_lower_level_pending == 1) {
     mep->XconCcmFlag = 1;
     mep->CcmDefect = kDefectCrossConnect;
     CFM_Update_MEP_Entry(mep);
     g_lower_level_pending = 0;
+    stored = true;
   }
+  return stored;
 }
 
 void record_without_checks(const ReceivedCcm &ccm, RemoteMepEntry *remote, const MepEntry &mep) {
@@ -167,8 +169,9 @@ void offer_ccm(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *mep, ui
     g_lower_level_pending = 1;
   }
   mep->CcmDefect = rdi_of(ccm) ? kDefectRdi : kDefectNone;
-  CFM_Update_MEP_Entry(mep);
-  per_mep_dispatch(ccm, remote, mep);
+  // The defect is stored with whatever the dispatch stores; only when that
+  // stores nothing is it stored on its own.
+  if (!per_mep_dispatch(ccm, remote, mep)) CFM_Update_MEP_Entry(mep);
   if (direct) {
     hits->direct++;
   } else {

@@ -3,7 +3,9 @@
 # router A (MEP 1) and router B (MEP 2) in one MD at level 2 and one MA, CCMs
 # on. Waits until each has learned the other from its CCMs, runs a loopback
 # of 5 messages from A to B and a linktrace from A to B, and prints what both
-# routers report. Every router lives in its own network namespace and its
+# routers report. A third box, host H on router A's LAN (A runs with -l),
+# has MEPs at level 5 and at level 1: B learns the first through A's relay,
+# never the second. Every box lives in its own network namespace and its
 # own mount namespace (a private /var). Needs root, iproute2 and util-linux.
 # Everything it creates is removed on exit; any unexpected result ends it
 # with "DEMO FAILED" and a non-zero status.
@@ -12,6 +14,7 @@ set -euo pipefail
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
 MAC_A=02:00:00:00:0a:01
 MAC_B=02:00:00:00:0b:01
+MAC_H=02:00:00:00:0c:01
 VID=100
 LEVEL=2
 LB_COUNT=5
@@ -21,7 +24,7 @@ if [ -t 1 ]; then BOLD=$'\033[1m' RED=$'\033[1;31m' PLAIN=$'\033[0m'; else BOLD=
 say() { printf '\n%s== %s%s\n' "$BOLD" "$*" "$PLAIN"; }
 fail() {
   printf '\n%sDEMO FAILED: %s%s\n' "$RED" "$*" "$PLAIN" >&2
-  for r in A B; do
+  for r in A B H; do
     if [ -n "${WORK:-}" ] && [ -f "$WORK/$r.log" ]; then
       printf -- '--- last output of router %s ---\n' "$r" >&2
       tail -n 30 "$WORK/$r.log" | tr -d '\r' >&2
@@ -54,13 +57,14 @@ cmake --build "$BUILD" -j 2 --target cfmd cfmctl >/dev/null || fail "the build f
 WORK="$(mktemp -d /tmp/cfmdemo.XXXXXX)"
 NS_A="cfmdemo-a-$$"
 NS_B="cfmdemo-b-$$"
+NS_H="cfmdemo-h-$$"
 PID_A=""
 PID_B=""
+PID_H=""
 cleanup() {
-  for pid in $PID_A $PID_B; do kill "$pid" 2>/dev/null || true; done
-  for pid in $PID_A $PID_B; do wait "$pid" 2>/dev/null || true; done
-  ip netns del "$NS_A" 2>/dev/null || true
-  ip netns del "$NS_B" 2>/dev/null || true
+  for pid in $PID_A $PID_B $PID_H; do kill "$pid" 2>/dev/null || true; done
+  for pid in $PID_A $PID_B $PID_H; do wait "$pid" 2>/dev/null || true; done
+  for ns in "$NS_A" "$NS_B" "$NS_H"; do ip netns del "$ns" 2>/dev/null || true; done
   rm -rf "$WORK"
 }
 trap cleanup EXIT
@@ -72,37 +76,44 @@ mkdir -p "$WORK/bin"
 cp "$BUILD/cfmd" "$BUILD/cfmctl" "$WORK/bin/"
 
 say "network: router A ($MAC_A) wan0 <--veth--> wan0 router B ($MAC_B)"
-ip netns add "$NS_A"
-ip netns add "$NS_B"
+echo "         host H ($MAC_H) eth0 <--veth--> lan0 router A"
+for ns in "$NS_A" "$NS_B" "$NS_H"; do ip netns add "$ns"; done
 ip link add wan0 netns "$NS_A" type veth peer name wan0 netns "$NS_B"
+ip link add lan0 netns "$NS_A" type veth peer name eth0 netns "$NS_H"
 ip -n "$NS_A" link set wan0 address "$MAC_A"
 ip -n "$NS_B" link set wan0 address "$MAC_B"
-for ns in "$NS_A" "$NS_B"; do
+ip -n "$NS_H" link set eth0 address "$MAC_H"
+for ns in "$NS_A" "$NS_B" "$NS_H"; do
   ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 2>/dev/null || true
   ip -n "$ns" link set lo up
-  ip -n "$ns" link set wan0 up
 done
+ip -n "$NS_A" link set wan0 up
+ip -n "$NS_A" link set lan0 up
+ip -n "$NS_B" link set wan0 up
+ip -n "$NS_H" link set eth0 up
 
-# Starts router $1 in namespace $2 and sets PID_$1: its own /var (a directory
-# of the work area bind-mounted over /var), the configuration tree under
-# /var/tree. ip, unshare and sh each exec the next, so the pid is cfmd's.
+# Starts box $1 in namespace $2 with the options $3 and sets PID_$1: its own
+# /var (a directory of the work area bind-mounted over /var), the
+# configuration tree under /var/tree. ip, unshare and sh each exec the next,
+# so the pid is cfmd's.
 start_router() {
-  local r="$1" ns="$2" var="$WORK/$1/var"
+  local r="$1" ns="$2" opts="$3" var="$WORK/$1/var"
   mkdir -p "$var/tmp/cfm" "$var/tree"
   echo "Enable=1" >"$var/tmp/cfm/config"
   ip netns exec "$ns" unshare --mount --propagation private \
-    sh -c "mount --bind '$var' /var && exec '$WORK/bin/cfmd' -i wan0 -e -t /var/tree" \
+    sh -c "mount --bind '$var' /var && exec '$WORK/bin/cfmd' $opts -e -t /var/tree" \
     >"$WORK/$r.log" 2>&1 &
   printf -v "PID_$r" '%s' "$!"
 }
-start_router A "$NS_A"
-start_router B "$NS_B"
+start_router A "$NS_A" "-i wan0 -l lan0"
+start_router B "$NS_B" "-i wan0"
+start_router H "$NS_H" "-i eth0"
 
-for r in A B; do
+for r in A B H; do
   for _ in $(seq 50); do [ -S "$WORK/$r/var/cfm_socket" ] && break; sleep 0.1; done
   [ -S "$WORK/$r/var/cfm_socket" ] || fail "router $r did not open its command socket"
 done
-echo "router A: cfmd pid $PID_A, router B: cfmd pid $PID_B"
+echo "router A: cfmd pid $PID_A, router B: cfmd pid $PID_B, host H: cfmd pid $PID_H"
 
 # ctl R WORD... : sends one request to router R through cfmctl and leaves
 # what the router printed for it in $REPLY_TEXT (carriage returns removed).
@@ -129,8 +140,21 @@ has() {
   [ "$1" = -x ] && { opt=-qxF; shift; }
   grep "$opt" -- "$1" <<<"$REPLY_TEXT"
 }
-mep_key() {  # mep_key MEPID DIRECTION : the eleven key words of a MEP
-  echo "1 md 1 ma $1 port 1 vid $VID dir $2"
+mep_key() {  # mep_key MEPID DIRECTION [MD MA] : the eleven key words of a MEP
+  echo "${3:-1} md ${4:-1} ma $1 port 1 vid $VID dir $2"
+}
+# domain R MD LEVEL MEPID : on box R, MD and MA number MD (named md-MD and
+# ma-MD) at LEVEL with one MEP sending CCMs.
+domain() {
+  ctl "$1" createmd "$2" level "$3" name "md-$2"
+  [ -z "$REPLY_TEXT" ] || fail "createmd $2 on $1: $REPLY_TEXT"
+  ctl "$1" createma "$2" ma "$2" name "ma-$2"
+  [ -z "$REPLY_TEXT" ] || fail "createma $2 on $1: $REPLY_TEXT"
+  # shellcheck disable=SC2046
+  ctl "$1" createmep $(mep_key "$4" 1 "$2" "$2")
+  # shellcheck disable=SC2046
+  ctl "$1" configmep $(mep_key "$4" 100 "$2" "$2") options 2 21
+  [ -z "$REPLY_TEXT" ] || fail "MEP $4 on $1: $REPLY_TEXT"
 }
 
 # --- configuration --------------------------------------------------------
@@ -166,6 +190,22 @@ show A "remote MEPs" showremotemep
 has "SrcMacAddress : $MAC_B" || fail "A's remote MEP 2 is not at $MAC_B"
 show B "remote MEPs" showremotemep
 has "SrcMacAddress : $MAC_A" || fail "B's remote MEP 1 is not at $MAC_A"
+
+# --- relay ----------------------------------------------------------------
+say "relay: host H behind A has MEP 5 at level 5 and MEP 6 at level 1; B has both MDs"
+domain H 5 5 5
+domain H 6 1 6
+domain B 5 5 7
+domain B 6 1 8
+for _ in $(seq 30); do
+  if learned B 5; then break; fi
+  sleep 0.5
+done
+sleep 2  # time for H's level-1 CCMs to cross too, if A let them
+show B "remote MEPs, with H's behind A" showremotemep
+has -x " RemoteMepID : 5" || fail "B has not learned H's level-5 MEP 5 through A"
+has "SrcMacAddress : $MAC_H" || fail "B's remote MEP 5 is not at $MAC_H"
+! has -x " RemoteMepID : 6" || fail "H's level-1 MEP 6 crossed A"
 
 # --- loopback -------------------------------------------------------------
 say "loopback: $LB_COUNT LBMs from A (MEP 1) to B ($MAC_B), one per second"
@@ -218,8 +258,8 @@ printf '\n-- router A: the replies as exported to its configuration tree (cfmctl
   fail "exporting A's linktrace replies"
 grep -qx "$MAC_B" "$WORK/A/var/tree/runtime/cfm/ltr:1/mac" || fail "the exported reply is not from $MAC_B"
 
-for r in A B; do
-  pid=$PID_A; [ "$r" = B ] && pid=$PID_B
-  kill -0 "$pid" 2>/dev/null || fail "router $r's cfmd is gone"
+for r in A B H; do
+  pid_var="PID_$r"
+  kill -0 "${!pid_var}" 2>/dev/null || fail "box $r's cfmd is gone"
 done
-say "DEMO OK: A and B learned each other, B answered all $LB_COUNT LBMs, and B's linktrace reply reached A"
+say "DEMO OK: A and B learned each other, B learned H's level-5 MEP through A and not its level-1 one, B answered all $LB_COUNT LBMs, and B's linktrace reply reached A"

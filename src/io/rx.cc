@@ -476,12 +476,13 @@ void *cfm_rx_task(void *) {
   if (fd < 0) return nullptr;
   const int fds[2] = {fd, _cfm_lan_sock_fd};
   for (;;) {
-    // Sleep in the kernel until a frame is queued on either side, then take
-    // a bounded batch from each side in turn, so a flood on one side never
-    // starves the other. A read also clears a pending socket error; when
-    // nothing was read, pause briefly so an error that wakes every wait
-    // cannot make this spin.
-    cfm_wan_socket_wait_any(fds, fds[1] < 0 ? 1 : 2, kWaitTimeoutMs);
+    // Sleep in the kernel until a frame is queued on either side (a quiet
+    // second ends the wait without a read), then take a bounded batch from
+    // each side in turn, so a flood on one side never starves the other. A
+    // read also clears a pending socket error; when a wake-up found nothing
+    // to read, pause briefly so an error that wakes every wait cannot make
+    // this spin.
+    if (!cfm_wan_socket_wait_any(fds, fds[1] < 0 ? 1 : 2, kWaitTimeoutMs)) continue;
     size_t frames = drain_wan(kBatchFrames);
     if (fds[1] >= 0) frames += drain_lan(kBatchFrames);
     if (frames == 0) usleep(kEmptyWakeupPauseUs);

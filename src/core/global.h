@@ -1,6 +1,6 @@
 // The process-wide settings and flags every task reads: the global record,
 // the debug flag and the platform hook for CFM on/off. Threads share them, so
-// they are atomics; nothing else in the daemon is shared state outside a table.
+// they are atomics.
 #pragma once
 #include <atomic>
 #include <cstdint>

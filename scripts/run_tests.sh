@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds cfmd twice (plain in build/, with AddressSanitizer and UBSan in
 # build-asan/) and runs every test: unit and integration tests in build/, the
-# unit tests again in build-asan/. Integration tests need root; without it
-# they are reported as skipped. Exits non-zero when anything fails.
+# unit tests again in build-asan/, then the router package check (build-pkg/).
+# Integration tests need root; without it they are reported as skipped.
+# Exits non-zero when anything fails.
 set -u
 cd "$(dirname "$0")/.."
 
@@ -36,6 +37,9 @@ ctest --test-dir build --output-on-failure --timeout 300 || status=1
 
 step "unit tests in build-asan/"
 ctest --test-dir build-asan -L unit --output-on-failure --timeout 300 || status=1
+
+step "router package: build, install, run, remove (tests/package_check.sh)"
+bash tests/package_check.sh || status=1
 
 if [ "$status" -ne 0 ]; then
   step "FAILED"

@@ -7,7 +7,7 @@
 # integration tests stay native: qemu-user does not implement the packet
 # socket's auxiliary data, so the receive path cannot run under it.
 set -u
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 1
 case "${1:-}" in
   mips) triple=mips-linux-gnu ;;
   arm) triple=arm-linux-gnueabihf ;;

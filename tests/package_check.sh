@@ -30,7 +30,7 @@ if [ "$(id -u)" = 0 ]; then
   # The installed daemon, started and stopped by the installed init script.
   unshare --net --mount --ipc --propagation private sh -euc '
     root=$1
-    mount -t tmpfs none /var && mkdir -p /var/tmp/cfm
+    mount -t tmpfs none /var
     ip link add wan0 type veth peer name peer0 && ip link set wan0 up && ip link set peer0 up
     export DAEMON=$root/usr/sbin/cfmd CFMD_DEFAULTS=$root/etc/default/cfmd
     sh "$root/etc/init.d/cfmd" start

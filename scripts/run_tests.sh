@@ -2,8 +2,9 @@
 # Builds cfmd three times (plain in build/, with AddressSanitizer and UBSan in
 # build-asan/, with ThreadSanitizer in build-tsan/) and runs every test: unit
 # and integration tests in build/, the unit tests again in build-asan/, the
-# concurrency tests and one lab test in build-tsan/. Integration tests need
-# root; without it they are reported as skipped. Exits non-zero when anything fails.
+# concurrency tests and one lab test in build-tsan/, then the router package
+# check (build-pkg/). Integration tests need root; without it they are
+# reported as skipped. Exits non-zero when anything fails.
 set -u
 cd "$(dirname "$0")/.."
 
@@ -51,6 +52,9 @@ ctest --test-dir build-asan -L unit --output-on-failure --timeout 300 || status=
 step "concurrency tests in build-tsan/"
 TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" \
   ctest --test-dir build-tsan -R "$TSAN_TESTS" --output-on-failure --timeout 300 || status=1
+
+step "router package: build, install, run, remove (tests/package_check.sh)"
+bash tests/package_check.sh || status=1
 
 if [ "$status" -ne 0 ]; then
   step "FAILED"

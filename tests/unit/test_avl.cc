@@ -199,7 +199,6 @@ TEST_F(AvlTest, WalkTraverseCopyAndDestroy) {
 }
 
 TEST(AvlDeathTest, ConsistencyFailuresAbortWithExpression) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(UTL_AVLT_Insert(nullptr, nullptr), "UTL_AVLT_Insert: Assertion `tree != \\(\\(void \\*\\)0\\)' failed");
   EXPECT_DEATH(UTL_AVLT_Create(nullptr, nullptr), "Assertion `cmp != \\(\\(void \\*\\)0\\)' failed");
   OrderedTable *t = UTL_AVLT_Create(cmp_items, nullptr);

@@ -118,11 +118,11 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
   MepEntry mep = Mep();
   // Active, CCI, CCM/LTM priority, lowest alarm, LBM target, count, priority, LTM flags,
   // LTM target, TTL, LBM target MEPID, its IsMEPID (low 8 bits of 257), LTM target MEPID, IsMEPID.
-  EXPECT_EQ((std::vector<long>{mep.Active, mep.CciEnabled, mep.CcmLtmPriority, mep.LowestAlarmPriority,
+  EXPECT_EQ((std::vector<long long>{mep.Active, mep.CciEnabled, mep.CcmLtmPriority, mep.LowestAlarmPriority,
                                mep.LbmTargetMac[5], mep.LbmMessages, mep.LbmPriority, mep.LtmFlags,
                                mep.LtmTargetMac[0], mep.LtmTtl, mep.LbmTargetMepId, mep.LbmTargetIsMepId,
                                mep.LtmTargetMepId, mep.LtmTargetIsMepId}),
-            (std::vector<long>{0, 0, 5, 4, 0x55, 3, 6, 0x80, 0xaa, 9, 77, 1, 88, 1}));
+            (std::vector<long long>{0, 0, 5, 4, 0x55, 3, 6, 0x80, 0xaa, 9, 77, 1, 88, 1}));
   EXPECT_STREQ(mep.LbmDataTlv, "hello");
   EXPECT_EQ(Tree({"lbm/sending", "ltm/sending"}), "1\n1\n");
 

@@ -59,10 +59,10 @@ TEST(FrameType, TextAndStoredValue) {
   EXPECT_EQ(type, 5);
 }
 
-std::vector<long> Fields(const GlobalEntry &e) {
+std::vector<long long> Fields(const GlobalEntry &e) {
   return {e.status, e.default_md_level, e.mhf_creation, e.sender_id_permission};
 }
-std::vector<long> Stored() {
+std::vector<long long> Stored() {
   GlobalEntry now = {};
   CFM_IF_Get_Global_Entry(&now);
   return Fields(now);
@@ -70,7 +70,7 @@ std::vector<long> Stored() {
 
 TEST(GlobalEntry, RangeChecksLeaveTheRecordUnchanged) {
   CFM_Global_Reset();
-  const std::vector<long> start = {0, 2, 1, 1};
+  const std::vector<long long> start = {0, 2, 1, 1};
   EXPECT_EQ(Stored(), start);
   const GlobalEntry bad[] = {{2, 2, 1, 1}, {1, 8, 1, 1}, {1, 2, 0, 1}, {1, 2, 4, 1},
                              {1, 2, 1, 0}, {1, 2, 1, 5}, {0xFFFFFFFF, 0, 1, 1}};
@@ -86,7 +86,7 @@ TEST(GlobalEntry, RangeChecksLeaveTheRecordUnchanged) {
   }
   CFM_Global_Reset();
   cfm_force_enable();
-  EXPECT_EQ(Stored(), (std::vector<long>{1, 2, 1, 1}));
+  EXPECT_EQ(Stored(), (std::vector<long long>{1, 2, 1, 1}));
   CFM_Global_Reset();
 }
 

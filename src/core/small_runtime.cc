@@ -1,0 +1,40 @@
+// Linked into cfmd by the router build (CFMD_SMALL) only.
+//
+// The daemon catches no exception: a failed allocation or a failed mutex
+// call ends it either way. With the C++ runtime linked statically, the
+// library's throwing paths would bring in the unwinder, the exception
+// runtime and the symbol demangler (about 100 KiB). These definitions take
+// their place and end the process at once; the result is the same as an
+// uncaught exception, without the weight.
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+[[noreturn]] void fail(const char *what) {
+  fprintf(stderr, "cfmd: fatal: %s\n", what);
+  abort();
+}
+
+}  // namespace
+
+namespace std {
+void __throw_bad_alloc() { fail("out of memory"); }
+void __throw_bad_array_new_length() { fail("bad array length"); }
+void __throw_bad_function_call() { fail("empty function called"); }
+void __throw_length_error(const char *what) { fail(what); }
+void __throw_logic_error(const char *what) { fail(what); }
+void __throw_system_error(int code) { fail(code == 0 ? "system error" : "thread call failed"); }
+}  // namespace std
+
+void *operator new(std::size_t size) {
+  void *p = malloc(size != 0 ? size : 1);
+  if (p == nullptr) fail("out of memory");
+  return p;
+}
+void *operator new[](std::size_t size) { return operator new(size); }
+void operator delete(void *p) noexcept { free(p); }
+void operator delete(void *p, std::size_t) noexcept { free(p); }
+void operator delete[](void *p) noexcept { free(p); }
+void operator delete[](void *p, std::size_t) noexcept { free(p); }

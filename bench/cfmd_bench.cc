@@ -855,8 +855,9 @@ int main(int argc, char **argv) {
   const int lb_count = q ? 3000 : 20000, rtt_samples = q ? 300 : 3000;
   const int idle_s = q ? 2 : 10, tick_s = q ? 2 : 10;
   const double ingest_s = q ? 0.5 : 2, flood_s = q ? 3 : 10, baseline_s = q ? 1.5 : 3;
-  printf("cfmd_bench: %s, %s run, %u cores online\n", opt.binary.c_str(), q ? "quick" : "full",
-         std::thread::hardware_concurrency());
+  // Figures depend on what else runs: the load average is printed with them.
+  printf("cfmd_bench: %s, %s run, %u cores online, load average %s", opt.binary.c_str(), q ? "quick" : "full",
+         std::thread::hardware_concurrency(), read_file("/proc/loadavg").c_str());
   fflush(stdout);
 
   // 1. LBM -> LBR: the reflector, then the daemon, on wan0.
@@ -996,5 +997,6 @@ int main(int argc, char **argv) {
           std::string("CCMs ") + (f.ccm_after ? "go on" : "STOPPED"));
     }
   }
+  printf("\nload average at the end: %s", read_file("/proc/loadavg").c_str());
   return 0;
 }

@@ -198,14 +198,4 @@ TEST_F(AvlTest, WalkTraverseCopyAndDestroy) {
   UTL_AVLT_Destroy(empty, nullptr);
 }
 
-TEST(AvlDeathTest, ConsistencyFailuresAbortWithExpression) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(UTL_AVLT_Insert(nullptr, nullptr), "UTL_AVLT_Insert: Assertion `tree != \\(\\(void \\*\\)0\\)' failed");
-  EXPECT_DEATH(UTL_AVLT_Create(nullptr, nullptr), "Assertion `cmp != \\(\\(void \\*\\)0\\)' failed");
-  OrderedTable *t = UTL_AVLT_Create(cmp_items, nullptr);
-  EXPECT_DEATH(UTL_AVLT_Walk(t, nullptr, nullptr), "Assertion `tree && walk_func' failed");
-  EXPECT_DEATH(UTL_AVLT_Traverse(t, nullptr), "Assertion `tree && trav' failed");
-  UTL_AVLT_Destroy(t, nullptr);
-}
-
 }  // namespace

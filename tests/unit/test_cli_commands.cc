@@ -102,6 +102,33 @@ TEST_F(CliCommands, MdLifeCycle) {
   EXPECT_STREQ(md.MdName, "renamed");
 }
 
+// MD 3 holds MA 7, but deletemd looks only at the MA of smallest index (4,
+// in MD 1); a MEP is looked for before an MA.
+TEST_F(CliCommands, MdAndMaTextsAndDeleteRules) {
+  const char md_has_ma[] = "\r\n This MD has MA entry, need to delete all this MD's MA!\r\n";
+  ExpectCli({{"createmd 3 0 5 4 core", ""}, {"createmd 3 0 5 4 core", "\r\nError!! MD Index exist"},
+             {"createmd 1 0 2 0 one 1 12 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
+             {"configmd 3 0 8", "\r\nError!! MD config fail"},
+             {"showmd", "\r\nMdIndex : 1\r\nMdFormat : dnslikename\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
+                        "MdName : one\r\n\r\nMdIndex : 3\r\nMdFormat : charstring\r\nMdLevel : 5\r\n"
+                        "MhfCreation : defmhfdefault\r\nMdName : core\r\n"},
+             {"createma 3 0 7 0 seven 3 29", ""}, {"createma 1 0 4 0 four 3 30 1 11", ""},
+             {"createma 1 0 4 0 four", "\r\nError!! MA Index exist"},
+             {"createma 2 0 5 0 x", "\r\nError!! MD Index doesn't exist"},
+             {"createma 1 0 5 0 x 3 99 1 15 2 renamed", ""}, {"configma 1 0 5 3 34", "\r\nMA config Success!!"},
+             {"configma 1 0 6", "\r\nError!! MA Index doesn't exist"},
+             {"showma", "\r\nMdIndex : 1\r\nMaIndex : 4\r\nFormat : primaryvid\r\nName : four\r\n"
+                        "CcmInterval : rfc2865vpnid\r\n\r\nMdIndex : 1\r\nMaIndex : 5\r\nFormat : charstring\r\n"
+                        "Name : renamed\r\nCcmInterval : 10min\r\n\r\nMdIndex : 3\r\nMaIndex : 7\r\n"
+                        "Format : charstring\r\nName : seven\r\nCcmInterval : unsignedint16\r\n"},
+             {"createmep 1 0 5 0 9 0 1 0 0 0 1", ""},
+             {"deletemd 1", "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n"},
+             {"deletema 1 0 5", "\r\n This MA has MEP entry, need to delete all this MA's MEP!\r\n"},
+             {"deletemep 1 0 5 0 9 0 1 0 0 0 1", ""}, {"deletemd 1", md_has_ma}, {"deletemd 3", ""},
+             {"deletemd 3", "\r\n This MD is not exist!\r\n"}, {"deletema 1 0 4", ""},
+             {"deletema 1 0 4", "\r\n This MA is not exist!\r\n"}});
+}
+
 TEST_F(CliCommands, MepCreateConfigDelete) {
   MakeMdMa(false);
   ExpectCli({{"createmep 1 0 3 0 10 0 1 0 0 0 1", "\r\nError!! MA Index doesn't exist"},
@@ -175,6 +202,10 @@ TEST_F(CliCommands, GuardsLeaveTheDatabaseUnchanged) {
              {"default 3 0", kMissing},              {"default x 0 2", kInvalid},
              {"default 3 0 y", kInvalid},            {mep + "7", kMissing},
              {mep + "7 many", kInvalid},             {mep + "-4 1", kInvalid}});
+  for (const char *command : {"default", "showdefault", "createmd", "configmd", "deletemd", "createma", "configma",
+                              "deletema", "createmep", "configmep", "deletemep", "runtime", "update"}) {
+    EXPECT_EQ(Cli(command), kMissing) << command;
+  }
   EXPECT_EQ(snapshot(), before);
   EXPECT_EQ(Cli("createmd 7 x 1 0 name"), "");  // skipped words are never read
 }

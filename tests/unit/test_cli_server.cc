@@ -26,6 +26,8 @@ TEST(CliNumber, DigitsOnly) {
 TEST_F(CliServer, WordsSplitOnSpacesOnly) {
   const std::string defaults = "\r\n Default MD Level  : 4\r\n default_MHF_creation  : CFM MHF CREATION DEFAULT";
   ExpectCli({{"default 4 0 2", ""}, {"   showdefault    0001   ", defaults}, {"showdefault\t1", "unknown command !\n"},
+             {"SHOWDEFAULT 1", "unknown command !\n"}, {"showdefault 1\n", "\r\nError!! Invalid argument"},
+             {"showdefault -4", "\r\nError!! Invalid argument"},
              {"", ""}, {"     ", ""}});
 }
 

@@ -1,24 +1,12 @@
-// Frame layout helpers: tag and EtherType tests, the bounded TLV reader.
+// The bounded TLV reader every engine walks frames with.
 #include "io/frame.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
-#include "core/frame_type.h"
 
 namespace {
-
-TEST(Frame, TagAndEtherTypeBytes) {
-  EXPECT_TRUE(cfm_is_vlan_tpid(0x81, 0x00));
-  EXPECT_FALSE(cfm_is_vlan_tpid(0x88, 0xa8) || cfm_is_vlan_tpid(0x00, 0x81));
-  EXPECT_TRUE(cfm_is_cfm_ethertype(0x89, 0x02));
-  EXPECT_FALSE(cfm_is_cfm_ethertype(0x02, 0x89) || cfm_is_cfm_ethertype(0x89, 0x03));
-  setFrameType(CFM_FRAME_TYPE_8023);
-  EXPECT_EQ(cfm::cfm_offsets().opcode, 23u);
-  setDefaultFrameType();
-  EXPECT_EQ(cfm::cfm_offsets().opcode, 15u);
-}
 
 TEST(Frame, TlvWalkStaysInsideTheFrame) {
   // Data TLV (3 bytes of value), Sender ID TLV (1 byte), End TLV.

@@ -91,18 +91,6 @@ TEST_F(TxHook, SideAndResultComeFromTheHook) {
   EXPECT_EQ(frames_[2].first, CfmTxSide::Wan);
 }
 
-TEST(TxFacts, SystemMacAndFixedAnswers) {
-  const uint8_t mac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-  cfm_set_system_mac(mac);
-  uint8_t out[6] = {0};
-  EXPECT_EQ(CFM_Get_System_Mac(out), CFM_OK);
-  EXPECT_EQ(memcmp(out, mac, 6), 0);
-  EXPECT_EQ(CFM_Get_System_Mac(nullptr), CFM_ERR_FAILURE);
-  EXPECT_EQ(CFM_Get_Port_Status(0), 2);
-  EXPECT_EQ(CFM_Get_Interface_Status(3), 1);
-  EXPECT_FALSE(CFM_Is_Vlan_Port_Member(1, 0) || CFM_Is_Vlan_Port_Member_Ex(1, 2, 3));
-}
-
 // Senders on several threads while the hook is replaced and cleared: every
 // send goes to exactly one hook or the (absent) LAN socket, nothing crashes.
 TEST(TxHookThreads, HookSwappedWhileSending) {

@@ -9,11 +9,12 @@
 #include <vector>
 
 #include "cli/server.h"
-#include "cli_capture.h"
 #include "core/config_tree.h"
 #include "core/status.h"
 #include "db/mgmt_if.h"
-#include "db_test_support.h"
+#include "harness.h"
+
+using harness::DbTest;
 
 namespace fs = std::filesystem;
 
@@ -21,6 +22,9 @@ namespace fs = std::filesystem;
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace {
+
+using harness::Cli;
+using harness::ExpectCli;
 
 const char kMissing[] = "\r\nError!! Missing argument";
 const char kInvalid[] = "\r\nError!! Invalid argument";
@@ -167,7 +171,7 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
                                     "15", std::string(1500, 'd'), "6", "66:77:zz"};
   std::vector<CliWord> list(words.size());
   for (size_t i = 0; i < words.size(); ++i) list[i] = {words[i].data(), i + 1 < words.size() ? &list[i + 1] : nullptr};
-  EXPECT_EQ(CaptureStdout([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
+  EXPECT_EQ(harness::stdout_of([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
   mep = Mep();
   EXPECT_EQ(strlen(mep.LbmDataTlv), 1201u);
   EXPECT_EQ((std::vector<int>{mep.LbmTargetMac[0], mep.LbmTargetMac[1], mep.LbmTargetMac[3]}),

@@ -7,10 +7,13 @@
 #include <string>
 
 #include "cli/server.h"
-#include "cli_capture.h"
+#include "harness.h"
 #include "core/global.h"
 
 namespace {
+
+using harness::Cli;
+using harness::ExpectCli;
 
 class CliServer : public ::testing::Test {
  protected:

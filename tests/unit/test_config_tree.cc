@@ -41,18 +41,6 @@ class ConfigTreeDir : public ::testing::Test {
   fs::path root_;
 };
 
-TEST(ConfigTreeInert, DetachedTreeDoesNothing) {
-  ConfigTree::detach();
-  EXPECT_FALSE(ConfigTree::attached());
-  ConfigTree::setInt(5, "/runtime/cfm/clear");
-  EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/clear"), 0);
-  char text[CFM_CONFIG_VALUE_SIZE] = "keep";
-  ConfigTree::ConfigGet("/cfm/ccm_interval", text);
-  EXPECT_STREQ(text, "keep");
-  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 0);
-  ConfigTree::getRow("/runtime/cfm/lbr", nullptr);
-}
-
 TEST_F(ConfigTreeDir, ValuesAreFilesWithANewline) {
   ConfigTree::setStr("00:11:22:33:44:55", "/runtime/cfm/rmep:%d/src_mac", 1);
   ConfigTree::setInt(-12, "/runtime/cfm/rmep:%d/rmep_id", 1);

@@ -3,7 +3,9 @@
 #include <thread>
 
 #include "core/status.h"
-#include "db_test_support.h"
+#include "harness.h"
+
+using harness::DbTest;
 
 namespace {
 

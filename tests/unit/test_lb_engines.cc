@@ -1,14 +1,12 @@
 // Loopback responder and initiator driven in-process: frames in through the
 // engine entry points, frames out through the transmit hook, ticks by call.
 #include "core/status.h"
-#include "engine_harness.h"
+#include "harness.h"
 #include "engines/lb_responder.h"
 
 using namespace harness;
 
 namespace {
-
-const auto *kEnv = ::testing::AddGlobalTestEnvironment(new SemaphoreCleanup);
 
 const uint8_t kGroup1[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x31};
 const uint8_t kGroup2[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x32};

@@ -2,14 +2,12 @@
 #include <cstddef>
 
 #include "core/status.h"
-#include "engine_harness.h"
+#include "harness.h"
 #include "engines/lt_receiver.h"
 
 using namespace harness;
 
 namespace {
-
-const auto *kEnv = ::testing::AddGlobalTestEnvironment(new SemaphoreCleanup);
 
 const uint8_t kLtmGroup2[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x3A};
 const uint8_t kStranger[6] = {0x02, 0x99, 0x99, 0x99, 0x99, 0x99};

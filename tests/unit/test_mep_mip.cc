@@ -1,7 +1,9 @@
 // MEP and MIP tables: numeric key order, whole-record copies, capacity.
 #include <vector>
 
-#include "db_test_support.h"
+#include "harness.h"
+
+using harness::DbTest;
 
 namespace {
 
@@ -13,18 +15,6 @@ MepEntry mep(uint32_t md, uint32_t ma, uint16_t id, uint8_t port = 0, uint16_t v
 
 using Keys = std::vector<std::vector<uint32_t>>;
 using MepMipTest = DbTest;
-
-TEST_F(MepMipTest, NothingWorksBeforeInit) {
-  CFM_MEP_MIP_Reset();
-  MepEntry e = mep(1, 1, 1);
-  MipEntry m{};
-  EXPECT_EQ(CFM_Update_MEP_Entry(&e) + CFM_Get_MEP_Entry(&e) + CFM_GetNext_MEP_Entry(&e) +
-                CFM_Delete_MEP_Entry(&e) + CFM_Update_MIP_Entry(&m),
-            0);
-  CFM_MEP_MIP_Init();
-  EXPECT_EQ(CFM_Update_MEP_Entry(nullptr) + CFM_GetNext_MEP_Entry(nullptr), 0);
-  EXPECT_EQ(CFM_Update_MEP_Entry(&e), 1);
-}
 
 // Values above 255 would be misordered by a byte-wise little-endian compare.
 TEST_F(MepMipTest, WalksFollowNumericKeyOrderAfterMixedChanges) {

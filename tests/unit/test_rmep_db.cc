@@ -4,7 +4,9 @@
 
 #include "core/status.h"
 #include "db/mgmt_if.h"
-#include "db_test_support.h"
+#include "harness.h"
+
+using harness::DbTest;
 
 namespace {
 
@@ -32,23 +34,6 @@ Rows rmep_walk() {
 }
 
 using RemoteMepDbTest = DbTest;
-
-TEST_F(RemoteMepDbTest, NotReadyAndNullArgumentCodes) {
-  cfm_mep_db_Reset();
-  RemoteMepEntry e = rmep(1, 1);
-  LtrEntry l = ltr(1, 1, 1, 0);
-  for (uint32_t status : {CFM_MEP_DB_Get_RemEntry(&e), CFM_MEP_Get_NextRemEntry(&e), CFM_MEP_Del_RemEntry(&e),
-                          mep_process_normal_frame(&e), CFM_MEP_DB_Check_RemEntries_Age(),
-                          CFM_DB_GetNext_LtrEntry(&l), CFM_DB_Update_LtrEntry(&l), CFM_DB_Del_LtrEntry(&l)}) {
-    EXPECT_EQ(status, CFM_DB_NOT_READY);
-  }
-  cfm_mep_db_Init();
-  for (uint32_t status : {CFM_MEP_DB_Get_RemEntry(nullptr), CFM_MEP_Del_RemEntry(nullptr),
-                          mep_process_normal_frame(nullptr), CFM_DB_Get_LtrEntry(nullptr),
-                          CFM_DB_Update_LtrEntry(nullptr)}) {
-    EXPECT_EQ(status, CFM_DB_NULL_ARG);
-  }
-}
 
 TEST_F(RemoteMepDbTest, OrderCapacityRefreshAndClear) {
   for (uint16_t id = CFM_MAX_REMOTE_MEP; id >= 1; --id) {

@@ -115,14 +115,6 @@ TEST_F(Linktrace, FullTableMakesRoomAndFailedSendKeepsThePlaceholder) {
   EXPECT_EQ(all[1].md_id, 2u);
 }
 
-TEST_F(Linktrace, ReplyCountersShareOneSlotPerIdModuloTen) {
-  cfm_lt_reset_reply_counter(3);
-  EXPECT_EQ(cfm_lt_next_reply_number(3), 1);
-  EXPECT_EQ(cfm_lt_next_reply_number(13), 2);
-  cfm_lt_reset_reply_counter(23);
-  EXPECT_EQ(cfm_lt_next_reply_number(3), 1);
-}
-
 TEST_F(Linktrace, LtmAimedAtTheRouterGetsOneLtr) {
   down_mep();
   for (const uint8_t *dst : {kLtmGroup2, kSelf}) {

@@ -28,6 +28,8 @@ int Connect() {
 
 TEST_F(Lab, HostileClientsDoNotStopTheServer) {
   ASSERT_TRUE(StartDaemonReady());
+  // The defaults the daemon starts with.
+  EXPECT_EQ(Command({"showdefault", "1"}), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE");
   // A silent client is dropped after two seconds; the next one is served.
   int silent = Connect();
   auto start = Clock::now();

@@ -109,6 +109,7 @@ TEST_F(Responder, SendsOnlyWhenAllowed) {
   GlobalEntry off = {0, 2, 1, 1};
   CFM_IF_Set_Global_Entry(&off);
   add_md(1, 2);
+  add_mep(1, 1, 4, 1, 301, 1);  // the receiving port, another VID: not allowed
   EXPECT_EQ(process(lbm(kSelf, 2), 300), CFM_OK);
   EXPECT_TRUE(sent.empty());  // disabled, no MEP of the VID
   EXPECT_EQ(process(lbm(kSelf, 2), 101), CFM_OK);

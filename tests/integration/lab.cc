@@ -126,16 +126,6 @@ bool IsCfmFrame(const Frame &frame) {
   return frame.size() >= pos + 2 && frame[pos] == 0x89 && frame[pos + 1] == 0x02;
 }
 
-std::string Hex(const Frame &frame) {
-  std::string text;
-  char byte[4];
-  for (size_t i = 0; i < frame.size(); ++i) {
-    snprintf(byte, sizeof byte, i % 16 == 15 ? "%02X\n" : "%02X ", frame[i]);
-    text += byte;
-  }
-  return text;
-}
-
 bool Peer::Open(const std::string &ifname) {
   Close();
   int index = static_cast<int>(if_nametoindex(ifname.c_str()));

@@ -24,7 +24,6 @@ constexpr std::array<uint8_t, 6> kWanMac = {0x02, 0x00, 0x00, 0x00, 0x0a, 0x01};
 constexpr std::array<uint8_t, 6> kPeerMac = {0x02, 0x00, 0x00, 0x00, 0x0b, 0x02};
 
 bool IsCfmFrame(const Frame &frame);  // EtherType 0x8902 behind up to two tags
-std::string Hex(const Frame &frame);  // for failure messages
 
 // Raw-socket peer: frames it receives carry their outer tag re-inserted;
 // its own sends are never received.

@@ -62,27 +62,13 @@ class CcmLab : public cfmlab::Lab {
   }
 };
 
-TEST_F(CcmLab, BurstIsReadInFullAndMangledFramesDoNoHarm) {
+// A burst is read in full: every frame repeats one sequence number, so each
+// one read after the first counts one sequence error.
+TEST_F(CcmLab, BurstIsReadInFull) {
   Start("");  // one-second tick: little tick work during the burst
   PeerCcm ccm;
-  Frame good = ccm.wire();
-  uint32_t state = 12345;
-  auto next = [&state] { return state = state * 1103515245u + 12345u; };
-  for (int i = 0; i < 3000; ++i) {
-    Frame f(good.begin(), good.begin() + 14 + next() % (good.size() - 13));  // cut after the tag
-    for (int k = 0; k < 6; ++k) {
-      size_t at = 18 + next() % 96;  // never the addresses, tag or EtherType
-      if (at < f.size()) f[at] = uint8_t(next() >> 16);
-    }
-    if (f.size() > 19) f[19] = uint8_t(1 + next() % 5);  // every engine
-    ASSERT_TRUE(peer().Send(f));
-  }
   SendAndTick(ccm);
-  EXPECT_TRUE(Running());
-  EXPECT_TRUE(PeerKnown());
-
-  // Every frame of the burst repeats one number, so each one read after the
-  // first counts one sequence error.
+  ASSERT_TRUE(PeerKnown());
   Command({"clearcnt"});
   constexpr int kFrames = 5000;
   ccm.sequence = 0xABCDEF;

@@ -131,6 +131,8 @@ TEST_F(StartupInput, PvcMacFile) {
   EXPECT_EQ(ReadPvc("3\n00:11:22:33:44\nAA:b:0C:d:E:f\nzz-yy\n"),
             (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0xaa, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(checkPvcMac(zero), 1);  // a zero slot matches the zero address
+  // A seventh piece is not read.
+  EXPECT_EQ(ReadPvc("1\n00:11:22:33:44:55:66\n"), (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 0x55}));
   // Fewer lines than announced: the rest stay zero.
   EXPECT_EQ(ReadPvc("4\n00:11:22:33:44:55\n"), (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 0x55,
                                                                   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,

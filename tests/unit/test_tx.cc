@@ -16,10 +16,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-Bytes cat(Bytes a, const Bytes &b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 // A tagged CFM frame of `length` bytes with a counting payload.
 Bytes tagged(uint16_t vid, size_t length) {
@@ -61,13 +57,18 @@ TEST_F(TxHook, VidZeroAndShortFrameEdges) {
   f[12] = 0x88, f[13] = 0xA8;
   EXPECT_EQ(send(f), f);
   f = tagged(0, 100);  // the tag is taken out, the frame keeps its length
-  Bytes untagged = cat(Bytes(f.begin(), f.begin() + 12), Bytes(f.begin() + 16, f.end()));
+  Bytes untagged = f;
+  untagged.erase(untagged.begin() + 12, untagged.begin() + 16);
   untagged.resize(100, 0);
   EXPECT_EQ(send(f), untagged);
   Bytes tiny = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0x81, 0x00};
   Bytes padded = tiny;
   padded.resize(64, 0);
   EXPECT_EQ(send(tiny), padded);
+  Bytes longest(65535, 0x5A);  // the longest frame is handed on whole; one byte more is refused
+  EXPECT_EQ(send(longest).size(), 65535u);
+  longest.push_back(0);
+  EXPECT_EQ(CFM_Send_Packet_To_WAN(longest.data(), 65536, 0), CFM_ERR_FAILURE);
   EXPECT_EQ(CFM_Send_Packet_To_WAN(nullptr, 64, 0), CFM_ERR_FAILURE);
   EXPECT_EQ(CFM_Send_Packet_To_WAN(tiny.data(), 0xFFFFFFFFu, 0), CFM_ERR_FAILURE);
 }

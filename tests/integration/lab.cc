@@ -15,7 +15,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -29,8 +28,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-Clock::time_point deadline_after(int timeout_ms) { return Clock::now() + std::chrono::milliseconds(timeout_ms); }
-
 int ms_left(Clock::time_point deadline) {
   auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return left > 0 ? static_cast<int>(left) : 0;
@@ -38,17 +35,11 @@ int ms_left(Clock::time_point deadline) {
 
 // Polls `done` every 5 ms until it holds (true) or the time is up (false).
 bool wait_until(int timeout_ms, const std::function<bool()> &done) {
-  auto deadline = deadline_after(timeout_ms);
-  for (;;) {
-    if (done()) return true;
+  for (auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms); !done();) {
     if (ms_left(deadline) == 0) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-}
-
-bool write_text(const std::string &path, const std::string &text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  return out && (out << text);
+  return true;
 }
 
 void make_dirs(const std::string &path) {
@@ -58,40 +49,24 @@ void make_dirs(const std::string &path) {
   }
 }
 
+// Entered once, before any test (and any thread a test might start).
 std::string enter_namespaces() {
   if (geteuid() != 0) return "the integration lab needs root (it builds private network namespaces)";
-  if (unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWIPC) != 0) {
-    return std::string("cannot enter private namespaces (unshare: ") + strerror(errno) + ")";
-  }
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    return std::string("cannot make mounts private: ") + strerror(errno);
-  }
-  // sysfs as seen from the new network namespace (for tools that read it).
-  if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) {
-    fprintf(stderr, "lab: mounting sysfs failed: %s (going on)\n", strerror(errno));
-  }
+  if (unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWIPC) != 0) return std::string("unshare: ") + strerror(errno);
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "cannot make mounts private";
+  mount("sysfs", "/sys", "sysfs", 0, nullptr);  // the new namespace's interfaces
   if (system("ip link set lo up") != 0) return "cannot run 'ip link' (is iproute2 installed?)";
   return "";
 }
-
 const std::string &lab_unavailable() {
   static const std::string reason = enter_namespaces();
   return reason;
 }
-
 class LabEnvironment : public ::testing::Environment {
  public:
   void SetUp() override { lab_unavailable(); }
 };
-
-// Registered before main runs, so the namespaces are entered before any test
-// (and any thread a test might start).
-[[maybe_unused]] const bool g_environment_registered = [] {
-  ::testing::AddGlobalTestEnvironment(new LabEnvironment);
-  return true;
-}();
-
-bool var_mounted = false;
+[[maybe_unused]] const bool g_environment = (::testing::AddGlobalTestEnvironment(new LabEnvironment), true);
 
 bool command_socket_listening() {
   std::ifstream unix_sockets("/proc/net/unix");
@@ -106,39 +81,40 @@ bool command_socket_listening() {
   return false;
 }
 
-// Forks and runs `binary` with the arguments, stdin from /dev/null, stdout
-// to `out` and stderr to `err` (kept when negative). Closes out and err.
-pid_t spawn(const char *binary, const std::vector<std::string> &args, int out, int err) {
-  std::vector<std::string> argv_text = {binary};
-  argv_text.insert(argv_text.end(), args.begin(), args.end());
+// Forks and runs `binary` with stdin from /dev/null, stdout to `out_path`
+// and stderr to `err_path`.
+pid_t spawn(const char *binary, const std::vector<std::string> &args, const std::string &out_path,
+            const std::string &err_path) {
+  std::vector<std::string> words = {binary};
+  words.insert(words.end(), args.begin(), args.end());
   std::vector<char *> argv;
-  for (auto &a : argv_text) argv.push_back(a.data());
+  for (auto &w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
   fflush(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(out, 1);
-    if (err >= 0) dup2(err, 2);
+    dup2(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+    dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
     for (int fd = 3; fd < 1024; ++fd) close(fd);
     signal(SIGPIPE, SIG_DFL);
     execv(argv[0], argv.data());
     _exit(127);
   }
-  close(out);
-  if (err >= 0) close(err);
   return pid;
 }
 
-int open_out(const std::string &path) { return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644); }
-
-ExitInfo decode(int status) {
+// Waits up to timeout_ms for `pid` to end.
+ExitInfo reap(pid_t pid, int timeout_ms) {
   ExitInfo info;
-  info.exited = WIFEXITED(status);
-  info.code = info.exited ? WEXITSTATUS(status) : -1;
-  info.signaled = WIFSIGNALED(status);
-  info.signal = info.signaled ? WTERMSIG(status) : 0;
+  int status = 0;
+  info.timed_out = !wait_until(timeout_ms, [&] { return waitpid(pid, &status, WNOHANG) != 0; });
+  if (!info.timed_out) {
+    info.exited = WIFEXITED(status);
+    info.code = info.exited ? WEXITSTATUS(status) : -1;
+    info.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  }
   return info;
 }
 
@@ -146,29 +122,9 @@ ExitInfo decode(int status) {
 
 bool IsCfmFrame(const Frame &frame) {
   size_t pos = 12;
-  for (int tags = 0; tags < 2 && frame.size() >= pos + 2 && frame[pos] == 0x81 && frame[pos + 1] == 0x00; ++tags) {
-    pos += 4;
-  }
+  while (pos < 20 && frame.size() >= pos + 2 && frame[pos] == 0x81 && frame[pos + 1] == 0x00) pos += 4;
   return frame.size() >= pos + 2 && frame[pos] == 0x89 && frame[pos + 1] == 0x02;
 }
-
-std::string MacText(const Mac &mac) {
-  char text[18];
-  snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-  return text;
-}
-
-std::string Hex(const Frame &frame) {
-  std::string text;
-  char byte[4];
-  for (size_t i = 0; i < frame.size(); ++i) {
-    snprintf(byte, sizeof byte, i % 16 == 15 ? "%02X\n" : "%02X ", frame[i]);
-    text += byte;
-  }
-  return text;
-}
-
-// ---------------------------------------------------------------- Peer
 
 bool Peer::Open(const std::string &ifname) {
   Close();
@@ -188,60 +144,45 @@ bool Peer::Send(const Frame &frame) {
 }
 
 std::optional<Frame> Peer::Receive(int timeout_ms, const Filter &filter) {
-  if (fd_ < 0) return std::nullopt;
-  auto deadline = deadline_after(timeout_ms);
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   uint8_t buf[16384];
-  for (;;) {
+  while (fd_ >= 0) {
     long got = cfm_wan_socket_read(fd_, buf, sizeof buf);
     if (got > 0 && (!filter || filter(Frame(buf, buf + got)))) return Frame(buf, buf + got);
     if (got >= 0) continue;  // refused by the filter, or our own frame
-    if (ms_left(deadline) == 0) return std::nullopt;
+    if (ms_left(deadline) == 0) break;
     cfm_wan_socket_wait(fd_, ms_left(deadline));
   }
+  return std::nullopt;
 }
 
 std::vector<Frame> Peer::ReceiveAll(int timeout_ms, const Filter &filter) {
   std::vector<Frame> frames;
-  auto deadline = deadline_after(timeout_ms);
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   while (auto frame = Receive(ms_left(deadline), filter)) frames.push_back(std::move(*frame));
   return frames;
 }
 
-void Peer::Drain() {
-  uint8_t buf[16384];
-  while (fd_ >= 0 && cfm_wan_socket_read(fd_, buf, sizeof buf) >= 0) {
-  }
-}
-
-// ---------------------------------------------------------------- Lab
-
 void Lab::SetUp() {
-  const std::string &reason = lab_unavailable();
-  if (!reason.empty()) GTEST_SKIP() << reason;
-  if (var_mounted) umount2("/var", MNT_DETACH);
+  if (!lab_unavailable().empty()) GTEST_SKIP() << lab_unavailable();
+  umount2("/var", MNT_DETACH);  // the previous test's, if any
   ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, "mode=0755"), 0) << "tmpfs over /var: " << strerror(errno);
-  var_mounted = true;
   make_dirs("/var/lab");
   WriteFile(kConfig, "Enable=1\n");
-
   Shell("ip link del wan0 >/dev/null 2>&1");
-  std::string add = "ip link add wan0 address " + MacText(kWanMac) + " type veth peer name peer0 address " +
-                    MacText(kPeerMac);
-  ASSERT_EQ(Shell(add), 0) << add;
-  // No IPv6 on the pair: fewer stray frames on the wire.
-  write_text("/proc/sys/net/ipv6/conf/wan0/disable_ipv6", "1\n");
-  write_text("/proc/sys/net/ipv6/conf/peer0/disable_ipv6", "1\n");
-  ASSERT_EQ(Shell("ip link set wan0 up && ip link set peer0 up"), 0);
+  ASSERT_EQ(Shell("ip link add wan0 address 02:00:00:00:0a:01 type veth peer name peer0 address 02:00:00:00:0b:02 && "
+                  "sysctl -qw net.ipv6.conf.wan0.disable_ipv6=1 net.ipv6.conf.peer0.disable_ipv6=1 && "
+                  "ip link set wan0 up && ip link set peer0 up"),
+            0);
   // Until the kernel has activated the links, what is sent is dropped.
   wait_until(3000, [] {
     return ReadFile("/sys/class/net/wan0/operstate") == "up\n" && ReadFile("/sys/class/net/peer0/operstate") == "up\n";
   });
-  ASSERT_TRUE(peer_.Open(kPeerIf)) << "cannot open a packet socket on " << kPeerIf;
+  ASSERT_TRUE(peer_.Open("peer0"));
 }
 
 void Lab::TearDown() {
-  // Stopped first: a sanitizer build reports leaks at exit on stderr.
-  if (pid_ > 0) Stop();
+  if (pid_ > 0) Stop();  // first: a sanitizer build reports leaks at exit
   peer_.Close();
   std::string errors = Errors();
   EXPECT_EQ(errors.find("Sanitizer"), std::string::npos) << errors;
@@ -250,13 +191,13 @@ void Lab::TearDown() {
 
 void Lab::WriteFile(const std::string &path, const std::string &text) {
   make_dirs(path.substr(0, path.rfind('/')));
-  ASSERT_TRUE(write_text(path, text)) << "cannot write " << path;
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  ASSERT_TRUE(out << text) << "cannot write " << path;
 }
 
 std::string Lab::ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -275,57 +216,45 @@ int Lab::SemaphoreSetCount() {
   return count < 0 ? 0 : count;
 }
 
-bool Lab::StartDaemon(const std::vector<std::string> &args, int timeout_ms) {
+bool Lab::StartDaemon(const std::vector<std::string> &args) {
   if (pid_ > 0) Stop();
-  ++run_;
-  out_path_ = "/var/lab/cfmd." + std::to_string(run_) + ".out";
+  out_path_ = "/var/lab/cfmd." + std::to_string(++run_) + ".out";
   err_path_ = "/var/lab/cfmd." + std::to_string(run_) + ".err";
-  int out = open_out(out_path_), err = open_out(err_path_);
-  if (out < 0 || err < 0) return false;
-  pid_ = spawn(CFMD_BINARY, args, out, err);
-  if (pid_ < 0) return false;
+  pid_ = spawn(CFMD_BINARY, args, out_path_, err_path_);
   exit_ = ExitInfo{};
-  // Ended by itself counts as started: the test looks at how it ended.
-  return wait_until(timeout_ms, [&] { return Output().find("CFM debug message") != std::string::npos || !Running(); });
+  return pid_ > 0 &&
+         wait_until(5000, [&] { return Output().find("CFM debug message") != std::string::npos || !Running(); });
 }
 
 bool Lab::StartDaemonReady(const std::vector<std::string> &args) {
-  bool ready = StartDaemon(args) && WaitCommandSocket();
+  // The receive task reports its start on its own thread, possibly after the
+  // server listens; waiting for both keeps start-up output out of commands.
+  bool ready = StartDaemon(args) && wait_until(5000, [&] {
+                 return !Running() || (command_socket_listening() && Output().find("CFM:CFMInterval = ") != std::string::npos);
+               }) && Running();
   if (!ready) ADD_FAILURE() << "cfmd did not get ready; stdout:\n" << Output() << "\nstderr:\n" << Errors();
   return ready;
 }
 
-ExitInfo Lab::Reap(int timeout_ms) {
-  ExitInfo info;
-  bool ended = wait_until(timeout_ms, [&] {
-    int status = 0;
-    pid_t r = waitpid(pid_, &status, WNOHANG);
-    if (r == 0) return false;
-    if (r == pid_) info = decode(status);
-    return true;
-  });
-  if (!ended) {
-    info.timed_out = true;
-    return info;
-  }
-  pid_ = -1;
-  return exit_ = info;
+ExitInfo Lab::WaitExit(int timeout_ms) {
+  if (pid_ <= 0) return exit_;
+  ExitInfo info = reap(pid_, timeout_ms);
+  if (!info.timed_out) pid_ = -1, exit_ = info;
+  return info;
 }
 
-ExitInfo Lab::Stop(int timeout_ms) {
+ExitInfo Lab::Stop() {
   if (pid_ <= 0) return exit_;
   kill(pid_, SIGTERM);
-  ExitInfo info = Reap(timeout_ms);
+  ExitInfo info = WaitExit(5000);
   if (!info.timed_out) return info;
   kill(pid_, SIGKILL);
-  exit_ = Reap(5000);
+  WaitExit(5000);
   exit_.timed_out = true;
   return exit_;
 }
 
-ExitInfo Lab::WaitExit(int timeout_ms) { return pid_ > 0 ? Reap(timeout_ms) : exit_; }
-
-bool Lab::Running() { return pid_ > 0 && Reap(0).timed_out; }
+bool Lab::Running() { return pid_ > 0 && WaitExit(0).timed_out; }
 
 std::string Lab::Output() const { return out_path_.empty() ? "" : ReadFile(out_path_); }
 
@@ -335,34 +264,21 @@ bool Lab::WaitForOutput(const std::string &text, int timeout_ms) {
   return wait_until(timeout_ms, [&] { return Output().find(text) != std::string::npos; });
 }
 
-bool Lab::WaitCommandSocket(int timeout_ms) {
-  // The receive task reports its start (its socket open) on its own thread,
-  // possibly after the server listens.
-  return wait_until(timeout_ms, [&] {
-    return !Running() || (command_socket_listening() && Output().find("CFM:CFMInterval = ") != std::string::npos);
-  }) && Running();
-}
-
 std::string Lab::Command(const std::vector<std::string> &words, int timeout_ms) {
   std::string request;
-  for (size_t i = 0; i < words.size(); ++i) request += (i != 0 ? " " : "") + words[i];
+  for (const std::string &word : words) request += (request.empty() ? "" : " ") + word;
   return CommandText(request, timeout_ms);
 }
 
 std::string Lab::CommandText(const std::string &request, int timeout_ms) {
-  auto deadline = deadline_after(timeout_ms);
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   struct sockaddr_un addr = {};
   addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", kCommandSocket);
-  int fd = -1;
-  bool connected = wait_until(timeout_ms, [&] {
-    if (fd >= 0) close(fd);
-    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    return fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0;
-  });
-  if (!connected) {
-    if (fd >= 0) close(fd);
-    ADD_FAILURE() << "cannot connect to " << kCommandSocket << " for '" << request << "'";
+  snprintf(addr.sun_path, sizeof addr.sun_path, "/var/cfm_socket");
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
+    close(fd);
+    ADD_FAILURE() << "cannot connect to the command socket for '" << request << "'";
     return "";
   }
   size_t from = Output().size();
@@ -374,7 +290,7 @@ std::string Lab::CommandText(const std::string &request, int timeout_ms) {
   shutdown(fd, SHUT_WR);
   bool closed = false;
   char sink[256];
-  for (struct pollfd p = {fd, POLLIN, 0}; !closed && ms_left(deadline) > 0 && poll(&p, 1, ms_left(deadline)) > 0;) {
+  for (struct pollfd p = {fd, POLLIN, 0}; !closed && poll(&p, 1, ms_left(deadline)) > 0;) {
     closed = recv(fd, sink, sizeof sink, 0) <= 0;
   }
   close(fd);
@@ -383,18 +299,16 @@ std::string Lab::CommandText(const std::string &request, int timeout_ms) {
   return out.size() > from ? out.substr(from) : "";
 }
 
-std::string Lab::RunCfmctl(const std::vector<std::string> &args, int *status, int timeout_ms) {
+std::string Lab::RunCfmctl(const std::vector<std::string> &args, int *status) {
   std::string out_path = "/var/lab/cfmctl." + std::to_string(++run_) + ".out";
-  int out = open_out(out_path);
-  if (out < 0) return "";
-  pid_t pid = spawn(CFMCTL_BINARY, args, out, -1);
-  int wstatus = 0;
-  if (!wait_until(timeout_ms, [&] { return pid <= 0 || waitpid(pid, &wstatus, WNOHANG) != 0; })) {
+  pid_t pid = spawn(CFMCTL_BINARY, args, out_path, "/dev/null");
+  ExitInfo info = reap(pid, 10000);
+  if (info.timed_out) {
     kill(pid, SIGKILL);
-    waitpid(pid, &wstatus, 0);
+    waitpid(pid, nullptr, 0);
     ADD_FAILURE() << "cfmctl did not finish";
   }
-  if (status != nullptr) *status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  if (status != nullptr) *status = info.exited ? info.code : -1;
   return ReadFile(out_path);
 }
 

@@ -1,16 +1,16 @@
 // CCM reception: which local MEPs a CCM reaches, what is learnt or refused,
 // and the per-tick checks that turn the reception flags into defects.
-#include "ccm_world.h"
+#include "harness.h"
 
-using namespace ccmtest;
+using namespace harness;
 
 namespace {
 
-class CcmRx : public CcmWorld {
+class CcmRx : public EngineTest {
  protected:
   MepEntry mep_;
   void SetUp() override {
-    CcmWorld::SetUp();
+    EngineTest::SetUp();
     reset();
   }
   // MD "md" at level 5, MA "ma" (interval 4), MEP 1 on VID 10.
@@ -18,10 +18,10 @@ class CcmRx : public CcmWorld {
     clear_tables();
     add_md(1, 5, "md", mhf);
     add_ma(1, 2, "ma", 4);
-    mep_ = add_mep(1, 2, 1, 10);
+    mep_ = ccm_mep(1, 2, 1, 10);
   }
   uint32_t flags() {
-    MepEntry m = reread(mep_);
+    MepEntry m = read_mep(mep_);
     return m.CcmReceivedFlag * 100 + m.XconCcmFlag * 10 + m.ErrorCcmFlag;
   }
 };
@@ -32,15 +32,15 @@ TEST_F(CcmRx, ValidCcmsAreLearntAndRepeatedNumbersCounted) {
   ccm.port_status = 9;  // kept whatever its value
   for (uint32_t seq : {1u, 3u, 3u, 4u, 0u, 0u}) {
     ccm.sequence = seq;
-    deliver(ccm.untagged(), 10);
+    deliver_ccm(ccm.untagged(), 10);
   }
   RemoteMepEntry r;
   ASSERT_TRUE(remote(1, 2, 2, &r));
   EXPECT_EQ(r.mep_id, 1u);
-  EXPECT_EQ(memcmp(r.src_mac, kPeerMac, 6), 0);
+  EXPECT_EQ(memcmp(r.src_mac, kPeer, 6), 0);
   EXPECT_EQ(r.AgeTime, 3500);
   EXPECT_EQ(r.RdiReceived + r.PortStatus + r.InterfaceStatus + r.port + r.vlan_id, 1u + 9 + 1 + 1 + 10);
-  MepEntry m = reread(mep_);
+  MepEntry m = read_mep(mep_);
   EXPECT_EQ(flags(), 100u);
   EXPECT_EQ(m.CcmDefect, 1);  // the received RDI
   EXPECT_EQ(m.CcmSequenceErrors, 1u);  // 3 repeated; the gap and zeros count nothing
@@ -49,27 +49,27 @@ TEST_F(CcmRx, ValidCcmsAreLearntAndRepeatedNumbersCounted) {
 TEST_F(CcmRx, WhichMepsACcmReaches) {
   PeerCcm ccm;
   ccm.interval = 3;
-  deliver(ccm.untagged(), 10);
+  deliver_ccm(ccm.untagged(), 10);
   EXPECT_EQ(flags(), 1u);  // interval mismatch: error CCM
   ccm.interval = 4;
   ccm.ma_name = "other";
-  deliver(ccm.untagged(), 10);
+  deliver_ccm(ccm.untagged(), 10);
   EXPECT_EQ(flags(), 11u);  // no MA of that name: cross-connect
   EXPECT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
 
   reset();
-  MepEntry up = add_mep(1, 2, 3, 10, CFM_DIRECTION_UP, 4);
-  MepEntry down = add_mep(1, 2, 4, 10, CFM_DIRECTION_DOWN, 4);
+  MepEntry up = ccm_mep(1, 2, 3, 10, CFM_DIRECTION_UP, 4);
+  MepEntry down = ccm_mep(1, 2, 4, 10, CFM_DIRECTION_DOWN, 4);
   ccm.ma_name = "ma";
   ccm.mep_id = 1;  // a local MEPID is never applied to that MEP
-  deliver(ccm.untagged(), 10);
+  deliver_ccm(ccm.untagged(), 10);
   EXPECT_EQ(flags(), 0u);
-  EXPECT_EQ(reread(up).CcmReceivedFlag, 1u);
-  EXPECT_EQ(reread(down).CcmReceivedFlag, 0u);
+  EXPECT_EQ(read_mep(up).CcmReceivedFlag, 1u);
+  EXPECT_EQ(read_mep(down).CcmReceivedFlag, 0u);
 
   // No MEP on the VID: the remote MEP is recorded without checks.
   ccm.mep_id = 7;
-  deliver(ccm.untagged(), 99);
+  deliver_ccm(ccm.untagged(), 99);
   RemoteMepEntry r;
   ASSERT_TRUE(remote(1, 2, 7, &r));
   EXPECT_EQ(r.mep_id, 0u);
@@ -79,11 +79,11 @@ TEST_F(CcmRx, OtherLevelsAndMhfNoneReachNoMep) {
   PeerCcm ccm;
   for (uint8_t level : {3, 6}) {
     ccm.level = level;
-    deliver(ccm.untagged(), 10);
+    deliver_ccm(ccm.untagged(), 10);
   }
   reset(CFM_MHF_CREATION_NONE);
   ccm.level = 5;
-  deliver(ccm.untagged(), 10);
+  deliver_ccm(ccm.untagged(), 10);
   EXPECT_EQ(flags(), 0u);
   EXPECT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
 }
@@ -98,9 +98,9 @@ TEST_F(CcmRx, MalformedFramesChangeNothing) {
     bad.back()[at] = value;
   }
   for (size_t cut = 0; cut < good.size(); ++cut) bad.emplace_back(good.begin(), good.begin() + cut);
-  for (const Bytes &b : bad) deliver(b, 10);
+  for (const Bytes &b : bad) deliver_ccm(b, 10);
   EXPECT_EQ(flags(), 0u);
-  EXPECT_EQ(reread(mep_).CcmDefect, 0);
+  EXPECT_EQ(read_mep(mep_).CcmDefect, 0);
   EXPECT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
   CcmTlvRecord rec{};
   const uint8_t tlvs[] = {9, 0, 2, 0xAA, 0xBB, 2, 0, 1, 7, 4, 0, 1, 5, 0};
@@ -127,13 +127,13 @@ TEST_F(CcmRx, DefectTimeChecks) {
   };
   for (const Check &c : checks) {
     for (const auto &row : c.rows) {
-      MepEntry m = reread(mep_);
+      MepEntry m = read_mep(mep_);
       m.*c.flag = static_cast<uint32_t>(row[0]);
       m.*c.timer = row[1];
       m.CcmDefect = 2;
       CFM_Update_MEP_Entry(&m);
       c.run();
-      m = reread(mep_);
+      m = read_mep(mep_);
       EXPECT_EQ(m.*c.flag, 0u);
       EXPECT_EQ(m.*c.timer, row[2]) << row[0] << " " << row[1];
       EXPECT_EQ(m.CcmDefect, row[3]) << row[0] << " " << row[1];
@@ -142,17 +142,17 @@ TEST_F(CcmRx, DefectTimeChecks) {
   // Fault alarm: defect, timer -> timer, state (the defect always ends at 0).
   const int32_t alarm[][4] = {{0, 0, 2500, 1}, {0, 700, 700, 0}, {3, 2500, 1500, 0}, {3, -500, -1500, 0}, {5, 0, 10000, 0}};
   for (const auto &row : alarm) {
-    MepEntry m = reread(mep_);
+    MepEntry m = read_mep(mep_);
     m.CcmDefect = static_cast<uint8_t>(row[0]), m.FngTimer = row[1], m.FngState = 0;
     CFM_Update_MEP_Entry(&m);
     cfm_ccm_fault_alarm_check();
-    m = reread(mep_);
+    m = read_mep(mep_);
     EXPECT_EQ(Bytes({m.FngTimer == row[2], m.FngState == row[3], m.CcmDefect == 0}), Bytes({1, 1, 1})) << row[0];
   }
 }
 
 TEST_F(CcmRx, TickAgesASilentPeerOutOnTheFifthTick) {
-  deliver(PeerCcm().untagged(), 10);
+  deliver_ccm(PeerCcm().untagged(), 10);
   for (int tick = 1; tick <= 5; ++tick) {
     ASSERT_TRUE(remote(1, 2, 2)) << tick;
     CFM_CCM_TIME_CHECK();

@@ -1,24 +1,24 @@
 // CCM transmission: the frame as sent, the MAID bounds, sequence numbers,
 // RDI, and the countdown per interval code and direction.
-#include "ccm_world.h"
+#include "harness.h"
 
-using namespace ccmtest;
+using namespace harness;
 
 namespace {
 
-class CcmTx : public CcmWorld {};
+class CcmTx : public EngineTest {};
 
 TEST_F(CcmTx, FrameBytesSequenceAndRdi) {
   add_md(1, 7, "md7");
   add_ma(1, 3, "ma1", 4);
-  MepEntry mep = add_mep(1, 3, 0x1234, 0x123);
+  MepEntry mep = ccm_mep(1, 3, 0x1234, 0x123);
   mep.CcmLtmPriority = 5;
   mep.CcmSequenceNum = 0x01020304;
   mep.CcmDefect = 3;
   Bytes frame(CFM_CCM_FRAME_LEN + 1, 0xEE);
   ASSERT_EQ(cfm_ccm_build(&mep, frame.data()), CFM_CCM_FRAME_LEN);
   EXPECT_EQ(mep.CcmSequenceNum, 0x01020305u);
-  Bytes expected = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x37, 0x02, 0x11, 0x22, 0x33, 0x44, 0x55, 0x81, 0x00, 0xA1, 0x23,
+  Bytes expected = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x37, 0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x81, 0x00, 0xA1, 0x23,
                     0x89, 0x02, 0xE0, 0x01, 0x84, 70,   0x01, 0x02, 0x03, 0x05, 0x12, 0x34, 4,    3,    'm',  'd',
                     '7',  2,    3,    'm',  'a',  '1'};
   expected.resize(92, 0);
@@ -52,27 +52,27 @@ TEST_F(CcmTx, MaidKeepsTheMdNameRuleAndNeverExceeds48Bytes) {
 TEST_F(CcmTx, IntervalCodesDecideHowOftenAMepSends) {
   add_md(1, 2, "md");
   for (uint8_t code : {1, 5, 0, 8}) add_ma(1, code + 1u, std::to_string(code).c_str(), code);  // key: code + 1
-  MepEntry every = add_mep(1, 2, 1), ten = add_mep(1, 6, 2), zero = add_mep(1, 1, 3), off = add_mep(1, 6, 4);
-  MepEntry eight = add_mep(1, 9, 5);
+  MepEntry every = ccm_mep(1, 2, 1), ten = ccm_mep(1, 6, 2), zero = ccm_mep(1, 1, 3), off = ccm_mep(1, 6, 4);
+  MepEntry eight = ccm_mep(1, 9, 5);
   off.CciEnabled = 0;
   off.CcmTxTimer = 1234;
   CFM_Update_MEP_Entry(&off);
   for (int tick = 0; tick < 21; ++tick) cfm_ccm_transmit_check();
-  EXPECT_EQ(reread(every).CcmSequenceNum, 21u);
-  EXPECT_EQ(reread(zero).CcmSequenceNum, 21u);  // codes 0 and 8 act as one second
-  EXPECT_EQ(reread(eight).CcmSequenceNum, 21u);
-  EXPECT_EQ(reread(ten).CcmSequenceNum, 3u);  // ticks 0, 10 and 20
-  EXPECT_EQ(reread(off).CcmTxTimer, 1234);
-  EXPECT_EQ(reread(off).CcmSequenceNum, 0u);
+  EXPECT_EQ(read_mep(every).CcmSequenceNum, 21u);
+  EXPECT_EQ(read_mep(zero).CcmSequenceNum, 21u);  // codes 0 and 8 act as one second
+  EXPECT_EQ(read_mep(eight).CcmSequenceNum, 21u);
+  EXPECT_EQ(read_mep(ten).CcmSequenceNum, 3u);  // ticks 0, 10 and 20
+  EXPECT_EQ(read_mep(off).CcmTxTimer, 1234);
+  EXPECT_EQ(read_mep(off).CcmSequenceNum, 0u);
 }
 
 TEST_F(CcmTx, DirectionAndMissingMa) {
   add_md(1, 4, "md");
   add_ma(1, 1, "ma", 4);
-  add_mep(1, 1, 1, 10, CFM_DIRECTION_UP);
-  MepEntry orphan_down = add_mep(2, 9, 2, 10, CFM_DIRECTION_DOWN);
-  MepEntry orphan_up = add_mep(2, 9, 3, 10, CFM_DIRECTION_UP);
-  add_mep(1, 1, 4, 10, 3);  // unknown direction: nothing
+  ccm_mep(1, 1, 1, 10, CFM_DIRECTION_UP);
+  MepEntry orphan_down = ccm_mep(2, 9, 2, 10, CFM_DIRECTION_DOWN);
+  MepEntry orphan_up = ccm_mep(2, 9, 3, 10, CFM_DIRECTION_UP);
+  ccm_mep(1, 1, 4, 10, 3);  // unknown direction: nothing
   cfm_ccm_transmit_check();
   ASSERT_EQ(wan_.size(), 2u);
   EXPECT_EQ(lan_.size(), 2u);  // both sides for both directions
@@ -81,8 +81,8 @@ TEST_F(CcmTx, DirectionAndMissingMa) {
   // countdown is not reloaded, so the MEP tries again every tick.
   EXPECT_EQ(wan_[1][5], 0x30);
   EXPECT_EQ(std::count(wan_[1].begin() + 18, wan_[1].begin() + 92, 0), 74 - 4);  // opcode 1, 70, seq 1, MEPID 2
-  EXPECT_EQ(reread(orphan_down).CcmTxTimer, -1000);
-  EXPECT_EQ(reread(orphan_up).CcmSequenceNum, 1u);  // built, not sent
+  EXPECT_EQ(read_mep(orphan_down).CcmTxTimer, -1000);
+  EXPECT_EQ(read_mep(orphan_up).CcmSequenceNum, 1u);  // built, not sent
 }
 
 }  // namespace

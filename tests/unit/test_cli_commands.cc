@@ -1,6 +1,9 @@
 // Command handlers driven in-process through the request parser, against the
-// real database, with standard output captured.
+// real database, with standard output captured; the number test and the
+// request reader of the command server.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -9,11 +12,12 @@
 #include <vector>
 
 #include "cli/server.h"
-#include "cli_capture.h"
 #include "core/config_tree.h"
 #include "core/status.h"
 #include "db/mgmt_if.h"
-#include "db_test_support.h"
+#include "harness.h"
+
+using harness::DbTest;
 
 namespace fs = std::filesystem;
 
@@ -21,6 +25,9 @@ namespace fs = std::filesystem;
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace {
+
+using harness::Cli;
+using harness::ExpectCli;
 
 const char kMissing[] = "\r\nError!! Missing argument";
 const char kInvalid[] = "\r\nError!! Invalid argument";
@@ -102,6 +109,33 @@ TEST_F(CliCommands, MdLifeCycle) {
   EXPECT_STREQ(md.MdName, "renamed");
 }
 
+// MD 3 holds MA 7, but deletemd looks only at the MA of smallest index (4,
+// in MD 1); a MEP is looked for before an MA.
+TEST_F(CliCommands, MdAndMaTextsAndDeleteRules) {
+  const char md_has_ma[] = "\r\n This MD has MA entry, need to delete all this MD's MA!\r\n";
+  ExpectCli({{"createmd 3 0 5 4 core", ""}, {"createmd 3 0 5 4 core", "\r\nError!! MD Index exist"},
+             {"createmd 1 0 2 0 one 1 12 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
+             {"configmd 3 0 8", "\r\nError!! MD config fail"},
+             {"showmd", "\r\nMdIndex : 1\r\nMdFormat : dnslikename\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
+                        "MdName : one\r\n\r\nMdIndex : 3\r\nMdFormat : charstring\r\nMdLevel : 5\r\n"
+                        "MhfCreation : defmhfdefault\r\nMdName : core\r\n"},
+             {"createma 3 0 7 0 seven 3 29", ""}, {"createma 1 0 4 0 four 3 30 1 11", ""},
+             {"createma 1 0 4 0 four", "\r\nError!! MA Index exist"},
+             {"createma 2 0 5 0 x", "\r\nError!! MD Index doesn't exist"},
+             {"createma 1 0 5 0 x 3 99 1 15 2 renamed", ""}, {"configma 1 0 5 3 34", "\r\nMA config Success!!"},
+             {"configma 1 0 6", "\r\nError!! MA Index doesn't exist"},
+             {"showma", "\r\nMdIndex : 1\r\nMaIndex : 4\r\nFormat : primaryvid\r\nName : four\r\n"
+                        "CcmInterval : rfc2865vpnid\r\n\r\nMdIndex : 1\r\nMaIndex : 5\r\nFormat : charstring\r\n"
+                        "Name : renamed\r\nCcmInterval : 10min\r\n\r\nMdIndex : 3\r\nMaIndex : 7\r\n"
+                        "Format : charstring\r\nName : seven\r\nCcmInterval : unsignedint16\r\n"},
+             {"createmep 1 0 5 0 9 0 1 0 0 0 1", ""},
+             {"deletemd 1", "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n"},
+             {"deletema 1 0 5", "\r\n This MA has MEP entry, need to delete all this MA's MEP!\r\n"},
+             {"deletemep 1 0 5 0 9 0 1 0 0 0 1", ""}, {"deletemd 1", md_has_ma}, {"deletemd 3", ""},
+             {"deletemd 3", "\r\n This MD is not exist!\r\n"}, {"deletema 1 0 4", ""},
+             {"deletema 1 0 4", "\r\n This MA is not exist!\r\n"}});
+}
+
 TEST_F(CliCommands, MepCreateConfigDelete) {
   MakeMdMa(false);
   ExpectCli({{"createmep 1 0 3 0 10 0 1 0 0 0 1", "\r\nError!! MA Index doesn't exist"},
@@ -140,7 +174,7 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
                                     "15", std::string(1500, 'd'), "6", "66:77:zz"};
   std::vector<CliWord> list(words.size());
   for (size_t i = 0; i < words.size(); ++i) list[i] = {words[i].data(), i + 1 < words.size() ? &list[i + 1] : nullptr};
-  EXPECT_EQ(CaptureStdout([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
+  EXPECT_EQ(harness::stdout_of([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
   mep = Mep();
   EXPECT_EQ(strlen(mep.LbmDataTlv), 1201u);
   EXPECT_EQ((std::vector<int>{mep.LbmTargetMac[0], mep.LbmTargetMac[1], mep.LbmTargetMac[3]}),
@@ -175,6 +209,10 @@ TEST_F(CliCommands, GuardsLeaveTheDatabaseUnchanged) {
              {"default 3 0", kMissing},              {"default x 0 2", kInvalid},
              {"default 3 0 y", kInvalid},            {mep + "7", kMissing},
              {mep + "7 many", kInvalid},             {mep + "-4 1", kInvalid}});
+  for (const char *command : {"default", "showdefault", "createmd", "configmd", "deletemd", "createma", "configma",
+                              "deletema", "createmep", "configmep", "deletemep", "runtime", "update"}) {
+    EXPECT_EQ(Cli(command), kMissing) << command;
+  }
   EXPECT_EQ(snapshot(), before);
   EXPECT_EQ(Cli("createmd 7 x 1 0 name"), "");  // skipped words are never read
 }
@@ -273,6 +311,67 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   last = Mep(20);
   EXPECT_EQ(last.LbrIn + last.CcmSequenceErrors, 0u);
   EXPECT_EQ(Tree({"lbm/sending"}), "0\n");
+}
+
+class CliServer : public ::testing::Test {
+ protected:
+  void SetUp() override { CFM_Global_Reset(); }
+};
+
+TEST(CliNumber, DigitsOnly) {
+  for (const char *yes : {"0", "0042"}) EXPECT_EQ(cfm_cli_is_number(yes), 1) << yes;
+  for (const char *no : {"", "-4", "12abc", "0x10", "5\n"}) EXPECT_EQ(cfm_cli_is_number(no), 0) << no;
+  EXPECT_EQ(cfm_cli_is_number(nullptr), 0);
+}
+
+TEST_F(CliServer, WordsSplitOnSpacesOnly) {
+  const std::string defaults = "\r\n Default MD Level  : 4\r\n default_MHF_creation  : CFM MHF CREATION DEFAULT";
+  ExpectCli({{"default 4 0 2", ""}, {"   showdefault    0001   ", defaults}, {"showdefault\t1", "unknown command !\n"},
+             {"SHOWDEFAULT 1", "unknown command !\n"}, {"showdefault 1\n", "\r\nError!! Invalid argument"},
+             {"showdefault -4", "\r\nError!! Invalid argument"},
+             {"", ""}, {"     ", ""}});
+}
+
+TEST_F(CliServer, GlobalCommands) {
+  const char off[] = "\r\n CFM Status  : disabled", on[] = "\r\n CFM Status  : enabled";
+  // default: level 5 with MHF code 3 stores the level only; level 9 is refused as a whole.
+  ExpectCli({{"showdefault 2", off}, {"enable", ""}, {"showdefault 2", on}, {"disable extra words", ""},
+             {"showdefault 2", off}, {"showdefault 3", ""}, {"default 4 0 1", ""}, {"default 5 0 3", ""},
+             {"default 9 0 2", ""},
+             {"showdefault 1", "\r\n Default MD Level  : 5\r\n default_MHF_creation  : CFM MHF CREATION NONE"},
+             {"debugon", "Open CFM debug message\n"}});
+  EXPECT_EQ(cfm_debug_msg, 1);
+  EXPECT_EQ(Cli("debugoff 7"), "Close CFM debug message\n");
+  EXPECT_EQ(cfm_debug_msg, 0);
+}
+
+// The request reader: a line ends at '\n' (kept), at 1023 bytes or at end of
+// stream. (The timeout and serving are exercised through the real socket.)
+class RequestReader : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0); }
+  void TearDown() override {
+    close(fds_[0]);
+    if (fds_[1] >= 0) close(fds_[1]);
+  }
+  void Send(const std::string &text) { ASSERT_EQ(write(fds_[1], text.data(), text.size()), (ssize_t)text.size()); }
+  void CloseClient() {
+    close(fds_[1]);
+    fds_[1] = -1;
+  }
+  int fds_[2] = {-1, -1};
+  char line_[CFM_CLI_LINE_MAX + 1];
+};
+
+TEST_F(RequestReader, LineEndsAtNewline1023BytesOrEndOfStream) {
+  Send("showmd\n" + std::string(2000, 'a'));
+  ASSERT_TRUE(cfm_cli_read_request(fds_[0], line_, 500));
+  EXPECT_STREQ(line_, "showmd\n");
+  ASSERT_TRUE(cfm_cli_read_request(fds_[0], line_, 500));
+  EXPECT_EQ(std::string(line_), std::string(1023, 'a'));
+  CloseClient();
+  ASSERT_TRUE(cfm_cli_read_request(fds_[0], line_, 500));
+  EXPECT_EQ(std::string(line_), std::string(977, 'a'));
 }
 
 }  // namespace

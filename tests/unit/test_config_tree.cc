@@ -41,40 +41,6 @@ class ConfigTreeDir : public ::testing::Test {
   fs::path root_;
 };
 
-TEST(ConfigTreeInert, DetachedTreeDoesNothing) {
-  ConfigTree::detach();
-  EXPECT_FALSE(ConfigTree::attached());
-  ConfigTree::setInt(5, "/runtime/cfm/clear");
-  EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/clear"), 0);
-  char text[CFM_CONFIG_VALUE_SIZE] = "keep";
-  ConfigTree::ConfigGet("/cfm/ccm_interval", text);
-  EXPECT_STREQ(text, "keep");
-  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 0);
-  ConfigTree::getRow("/runtime/cfm/lbr", nullptr);
-}
-
-TEST_F(ConfigTreeDir, ValuesAreFilesWithANewline) {
-  ConfigTree::setStr("00:11:22:33:44:55", "/runtime/cfm/rmep:%d/src_mac", 1);
-  ConfigTree::setInt(-12, "/runtime/cfm/rmep:%d/rmep_id", 1);
-  EXPECT_EQ(File("runtime/cfm/rmep:1/src_mac"), "00:11:22:33:44:55\n");
-  EXPECT_EQ(File("runtime/cfm/rmep:1/rmep_id"), "-12\n");
-  char raw[CFM_CONFIG_VALUE_SIZE] = {0};
-  EXPECT_EQ(ConfigTree::getInt(raw, "/runtime/cfm/rmep:1/rmep_id"), -12);
-  EXPECT_STREQ(raw, "-12");
-  EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/absent"), 0);
-  char text[CFM_CONFIG_VALUE_SIZE] = "old";
-  ConfigTree::ConfigGet("/runtime/cfm/none", text);
-  EXPECT_STREQ(text, "old");
-  ConfigTree::ConfigGet("/runtime/cfm/rmep:1/src_mac", text);
-  EXPECT_STREQ(text, "00:11:22:33:44:55");
-  ConfigTree::setStr("new", "/runtime/cfm/rmep:%d/src_mac", 1);  // overwrite
-  ConfigTree::ConfigGet("/runtime/cfm/rmep:1/src_mac", text);
-  EXPECT_STREQ(text, "new");
-  // No temporary file is left behind.
-  auto entries = fs::directory_iterator(root_ / "runtime/cfm/rmep:1");
-  EXPECT_EQ(std::distance(fs::begin(entries), fs::end(entries)), 2);
-}
-
 TEST_F(ConfigTreeDir, RowsAreCountedAndDeletedWithEverythingUnder) {
   for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/lbr:%d/transID", n);
   ConfigTree::setInt(1, "/runtime/cfm/lbr:x/transID");   // not a row number

@@ -15,7 +15,7 @@
 
 #include "cli/server.h"
 #include "core/status.h"
-#include "engine_harness.h"
+#include "harness.h"
 #include "engines/ccm_rx.h"
 #include "engines/ccm_tx.h"
 #include "io/frame.h"
@@ -24,70 +24,39 @@ namespace {
 
 using harness::Bytes;
 
-const auto *kEnv = ::testing::AddGlobalTestEnvironment(new harness::SemaphoreCleanup);
-
 unsigned long env_number(const char *name, unsigned long fallback) {
   const char *text = getenv(name);
   return text != nullptr ? strtoul(text, nullptr, 10) : fallback;
 }
 
-void append(Bytes &frame, std::initializer_list<uint8_t> bytes) { frame.insert(frame.end(), bytes); }
-void append_mac(Bytes &frame, const uint8_t *mac) { frame.insert(frame.end(), mac, mac + 6); }
+using harness::cat;
+using harness::kPeer;
+using harness::kSelf;
+using harness::mac;
 
-// A single-tagged frame with the common header; the body follows.
-Bytes header(const uint8_t *dst, uint8_t level, uint8_t opcode, uint8_t first_tlv) {
-  Bytes frame;
-  append_mac(frame, dst);
-  append_mac(frame, harness::kPeer);
-  append(frame, {0x81, 0x00, 0xA0, 100, 0x89, 0x02, static_cast<uint8_t>(level << 5), opcode, 0, first_tlv});
-  return frame;
+// A single-tagged frame (VID 100) at level 2 with the common header; the body follows.
+Bytes seed(const Bytes &dst, uint8_t opcode, uint8_t first_tlv, const Bytes &body) {
+  return cat({dst, mac(kPeer), {0x81, 0x00, 0xA0, 100, 0x89, 0x02, 0x40, opcode, 0, first_tlv}, body});
 }
 
-Bytes ccm_seed() {
-  const uint8_t dst[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x32};
-  Bytes frame = header(dst, 2, cfm::kOpCcm, 70);
-  append(frame, {0, 0, 0, 7, 0, 9, 4, 3, 'm', 'd', '1', 2, 3, 'm', 'a', '1'});
-  frame.resize(18 + 70, 0);
-  append(frame, {2, 0, 1, 2, 4, 0, 1, 1, 0});
-  return frame;
-}
-
-Bytes lb_seed(uint8_t opcode, const uint8_t *dst) {
-  Bytes frame = header(dst, 2, opcode, 4);
-  append(frame, {0, 0, 0, 1, 1, 0, 4, 0, 0, 0, 0, 3, 0, 4, 'd', 'a', 't', 'a', 31, 0, 3, 0x0A, 0, 0, 0});
-  return frame;
-}
-
-Bytes ltm_seed() {
-  const uint8_t dst[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x3A};
-  Bytes frame = header(dst, 2, cfm::kOpLtm, 17);
-  append(frame, {0, 0, 0, 1, 64});
-  append_mac(frame, harness::kPeer);
-  append_mac(frame, harness::kSelf);
-  append(frame, {7, 0, 8, 0, 100});
-  append_mac(frame, harness::kPeer);
-  append(frame, {0});
-  return frame;
-}
-
-Bytes ltr_seed() {
-  Bytes frame = header(harness::kSelf, 2, cfm::kOpLtr, 6);
-  append(frame, {0, 0, 0, 1, 63, 1, 8, 0, 16});
-  frame.insert(frame.end(), 16, 0x22);
-  append(frame, {5, 0, 10, 1});
-  append_mac(frame, harness::kPeer);
-  append(frame, {3, 5, 'a', 'b', 'c', 6, 0, 7, 1});
-  append_mac(frame, harness::kPeer);
-  append(frame, {0});
-  return frame;
-}
-
-// The same frame behind a second tag.
-Bytes double_tagged(const Bytes &single) {
-  Bytes frame(single.begin(), single.begin() + 16);
-  append(frame, {0x81, 0x00, 0x20, 7});
-  frame.insert(frame.end(), single.begin() + 16, single.end());
-  return frame;
+std::vector<Bytes> seeds() {
+  Bytes ccm = seed({0x01, 0x80, 0xC2, 0x00, 0x00, 0x32}, cfm::kOpCcm, 70,
+                   {0, 0, 0, 7, 0, 9, 4, 3, 'm', 'd', '1', 2, 3, 'm', 'a', '1'});
+  ccm.resize(18 + 70, 0);
+  ccm = cat({ccm, {2, 0, 1, 2, 4, 0, 1, 1, 0}});
+  const Bytes lb = {0, 0, 0, 1, 1, 0, 4, 0, 0, 0, 0, 3, 0, 4, 'd', 'a', 't', 'a', 31, 0, 3, 0x0A, 0, 0, 0};
+  std::vector<Bytes> all = {
+      ccm, seed(mac(kSelf), cfm::kOpLbm, 4, lb), seed(mac(kSelf), cfm::kOpLbr, 4, lb),
+      seed({0x01, 0x80, 0xC2, 0x00, 0x00, 0x3A}, cfm::kOpLtm, 17,
+           cat({{0, 0, 0, 1, 64}, mac(kPeer), mac(kSelf), {7, 0, 8, 0, 100}, mac(kPeer), {0}})),
+      seed(mac(kSelf), cfm::kOpLtr, 6,
+           cat({{0, 0, 0, 1, 63, 1, 8, 0, 16}, Bytes(16, 0x22), {5, 0, 10, 1}, mac(kPeer),
+                {3, 5, 'a', 'b', 'c', 6, 0, 7, 1}, mac(kPeer), {0}}))};
+  for (size_t i = 0, single = all.size(); i < single; ++i) {  // the same behind a second tag
+    all.push_back(cat({Bytes(all[i].begin(), all[i].begin() + 16), {0x81, 0x00, 0x20, 7},
+                       Bytes(all[i].begin() + 16, all[i].end())}));
+  }
+  return all;
 }
 
 class HostileInput : public harness::EngineTest {
@@ -97,56 +66,32 @@ class HostileInput : public harness::EngineTest {
     CFM_Create_MEP_SYC_Sem();
     cfm_ccm_Init();
     for (uint8_t level = 1; level <= 3; ++level) add_md(level, level);
-    MaNetEntry ma = {};
-    ma.MdIndex = 2;
-    ma.MaIndex = 1;
-    ma.MaFormat = 2;
-    snprintf(ma.MaName, sizeof ma.MaName, "ma1");
-    ma.CcmInterval = 4;
+    MaNetEntry ma = {2, 1, 2, "ma1", 4, 0};
     ASSERT_EQ(CFM_Set_MA_Net_Entry(&ma), 1);
     for (uint32_t md = 1; md <= 3; ++md) {
       MepEntry mep = add_mep(md, 1, static_cast<uint16_t>(md), 1, 100, md == 3 ? 2 : 1);
-      mep.CciEnabled = 1;
-      mep.LbmRunning = 1;
-      mep.LbmRemaining = 3;
-      mep.LbmWaitTicks = 5;
+      mep.CciEnabled = 1, mep.LbmRunning = 1, mep.LbmRemaining = 3, mep.LbmWaitTicks = 5;
       ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
       LtrEntry placeholder = {};
-      placeholder.md_id = md;
-      placeholder.ma_id = 1;
-      placeholder.mep_id = static_cast<uint16_t>(md);
+      placeholder.md_id = md, placeholder.ma_id = 1, placeholder.mep_id = static_cast<uint16_t>(md);
       placeholder.sequence = 1;
       ASSERT_EQ(CFM_DB_Update_LtrEntry(&placeholder), CFM_DB_FOUND);
     }
-    seeds = {ccm_seed(), lb_seed(cfm::kOpLbm, harness::kSelf), lb_seed(cfm::kOpLbr, harness::kSelf), ltm_seed(),
-             ltr_seed()};
-    size_t single = seeds.size();
-    for (size_t i = 0; i < single; ++i) seeds.push_back(double_tagged(seeds[i]));
-    quiet_stdout();
+    seeds_ = seeds();
+    // The engines print traces; keep the test log readable.
+    fflush(stdout);
+    saved_stdout_ = dup(1);
+    dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), 1);
   }
   void TearDown() override {
-    restore_stdout();
+    fflush(stdout);
+    dup2(saved_stdout_, 1);
+    close(saved_stdout_);
     EngineTest::TearDown();
   }
 
-  // The engines print traces; keep the test log readable.
-  void quiet_stdout() {
-    fflush(stdout);
-    saved_stdout = dup(1);
-    int null_fd = open("/dev/null", O_WRONLY);
-    dup2(null_fd, 1);
-    close(null_fd);
-  }
-  void restore_stdout() {
-    if (saved_stdout < 0) return;
-    fflush(stdout);
-    dup2(saved_stdout, 1);
-    close(saved_stdout);
-    saved_stdout = -1;
-  }
-
   Bytes mutate(std::mt19937 &rng) {
-    Bytes frame = seeds[rng() % seeds.size()];
+    Bytes frame = seeds_[rng() % seeds_.size()];
     unsigned flips = rng() % 9;
     for (unsigned i = 0; i < flips; ++i) {
       size_t at = rng() % frame.size();
@@ -167,22 +112,16 @@ class HostileInput : public harness::EngineTest {
   }
 
   static void expect_mep_table_ordered() {
-    MepEntry mep = {};
-    MepEntry previous = {};
     uint32_t walked = 0;
-    while (CFM_GetNext_MEP_Entry(&mep) == 1) {
-      if (walked > 0) {
-        EXPECT_GT(cfm_mep_key_compare(&mep, &previous, nullptr), 0);
-      }
-      previous = mep;
-      ++walked;
+    for (MepEntry mep{}, previous{}; CFM_GetNext_MEP_Entry(&mep) == 1; previous = mep, ++walked) {
+      EXPECT_TRUE(walked == 0 || cfm_mep_key_compare(&mep, &previous, nullptr) > 0);
     }
     EXPECT_EQ(walked, CFM_Get_TotalMepEntries());
     EXPECT_LE(walked, static_cast<uint32_t>(CFM_MAX_MEP));
   }
 
-  std::vector<Bytes> seeds;
-  int saved_stdout = -1;
+  std::vector<Bytes> seeds_;
+  int saved_stdout_ = -1;
 };
 
 TEST_F(HostileInput, MutatedFramesOfEveryOpcodeNeverReadPastTheirEnd) {
@@ -240,12 +179,9 @@ TEST_F(HostileInput, RandomRequestLinesLeaveTheTablesConsistent) {
   }
   cfm_debug_msg = 0;
   expect_mep_table_ordered();
-  MdEntry md = {};
-  uint32_t previous = 0;
-  while (CFM_GetNext_MD_Entry(&md) == 1) {
-    EXPECT_GT(md.MdIndex, previous);
+  for (MdEntry md{}, previous{}; CFM_GetNext_MD_Entry(&md) == 1; previous = md) {
+    EXPECT_GT(md.MdIndex, previous.MdIndex);
     EXPECT_LT(md.MdLevel, 8);
-    previous = md.MdIndex;
   }
 }
 

@@ -1,14 +1,12 @@
 // Loopback responder and initiator driven in-process: frames in through the
 // engine entry points, frames out through the transmit hook, ticks by call.
 #include "core/status.h"
-#include "engine_harness.h"
+#include "harness.h"
 #include "engines/lb_responder.h"
 
 using namespace harness;
 
 namespace {
-
-const auto *kEnv = ::testing::AddGlobalTestEnvironment(new SemaphoreCleanup);
 
 const uint8_t kGroup1[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x31};
 const uint8_t kGroup2[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x32};
@@ -111,6 +109,7 @@ TEST_F(Responder, SendsOnlyWhenAllowed) {
   GlobalEntry off = {0, 2, 1, 1};
   CFM_IF_Set_Global_Entry(&off);
   add_md(1, 2);
+  add_mep(1, 1, 4, 1, 301, 1);  // the receiving port, another VID: not allowed
   EXPECT_EQ(process(lbm(kSelf, 2), 300), CFM_OK);
   EXPECT_TRUE(sent.empty());  // disabled, no MEP of the VID
   EXPECT_EQ(process(lbm(kSelf, 2), 101), CFM_OK);

@@ -2,10 +2,10 @@
 // dispatch only while CFM is enabled, draining in order, the LAN rule.
 #include <deque>
 
-#include "ccm_world.h"
+#include "harness.h"
 #include "core/frame_type.h"
 
-using namespace ccmtest;
+using namespace harness;
 
 namespace {
 
@@ -27,18 +27,18 @@ Bytes double_tagged(uint8_t opcode, uint16_t outer, uint8_t level = 5) {
   return f;
 }
 
-class Rx : public CcmWorld {
+class Rx : public EngineTest {
  protected:
   void SetUp() override {
-    CcmWorld::SetUp();
+    EngineTest::SetUp();
     add_md(1, 5, "md");
     add_ma(1, 2, "ma", 4);
-    add_mep(1, 2, 1, 10);
+    ccm_mep(1, 2, 1, 10);
   }
   void TearDown() override {
     cfm_set_rx_source(nullptr);
     setFrameType(CFM_FRAME_TYPE_ETH);
-    CcmWorld::TearDown();
+    EngineTest::TearDown();
   }
   // Classifies; a frame handed on is released at once. Returns the length
   // handed on, or -1.

@@ -80,53 +80,33 @@ TEST_F(StartupInput, ConfigEnableFile) {
   EXPECT_EQ(cfm_check_config_enable_at(long_line.path(), &status), 0);
 }
 
+// Unknown options and stray words are ignored; the last -i and the last -f
+// count; the name is bounded to the system limit; no -i is a failure.
 TEST_F(StartupInput, OptionsAndTheirResults) {
-  ParseResult r = parse({"-i", "wan0"});
-  EXPECT_EQ(r.result, 1);
-  EXPECT_STREQ(r.ifname, "wan0");
-  EXPECT_EQ(r.out, "CFM interface is wan0\nClose CFM debug message\n");
-  EXPECT_EQ(isCfmEnable() + cfm_debug_msg, 0u);
-
-  r = parse({"-w", "-d", "-e", "-i", "ppp0"});
-  EXPECT_EQ(r.result, 2);
-  EXPECT_EQ(r.out, "CFM interface is ppp0\nOpen CFM debug message\n");
-  EXPECT_EQ(isCfmEnable(), 1u);
-  EXPECT_EQ(cfm_debug_msg, 1);
-
-  // Unknown options and a stray word are ignored; the last -i wins.
-  r = parse({"-x", "-i", "a0", "-q", "-i", "b0"});
-  EXPECT_EQ(r.result, 1);
-  EXPECT_STREQ(r.ifname, "b0");
-
-  // The interface name is bounded to the system limit.
-  const std::string cut(IFNAMSIZ - 1, 'x');
-  r = parse({"-i", std::string(40, 'x')});
-  EXPECT_EQ(r.result, 1);
-  EXPECT_EQ(std::string(r.ifname), cut);
-  EXPECT_EQ(r.ifname[IFNAMSIZ], 'Z');  // nothing written past the buffer
-
-  for (std::vector<std::string> words : {std::vector<std::string>{}, {"-e", "-w"}, {"-i"}, {"-f", "eth"}}) {
-    r = parse(words);
-    EXPECT_EQ(r.result, 0);
-    EXPECT_NE(r.out.find("CFM need interface\n"), std::string::npos) << r.out;
+  struct Case {
+    std::vector<std::string> words;
+    int result;
+    const char *ifname, *out;
+    int frame_type;
+  } cases[] = {
+      {{"-i", "wan0"}, 1, "wan0", "CFM interface is wan0\nClose CFM debug message\n", CFM_FRAME_TYPE_UNKNOWN},
+      {{"-w", "-d", "-e", "-i", "ppp0", "-f", "8023"}, 2, "ppp0", "CFM interface is ppp0\nOpen CFM debug message\n",
+       CFM_FRAME_TYPE_8023},
+      {{"-x", "-i", "a0", "-q", "-i", "b0", "-f", "ethernet"}, 1, "b0", nullptr, CFM_FRAME_TYPE_ETH},
+      {{"-i", std::string(40, 'x'), "-f", "8023", "-f", "802"}, 1, "xxxxxxxxxxxxxxx", nullptr, CFM_FRAME_TYPE_UNKNOWN},
+      {{}, 0, nullptr, "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
+      {{"-e", "-w", "-f", "eth"}, 0, nullptr, "CFM need interface\n", CFM_FRAME_TYPE_ETH},
+      {{"-i"}, 0, nullptr, "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
+  };
+  for (const Case &c : cases) {
+    ParseResult r = parse(c.words);
+    EXPECT_EQ(r.result, c.result) << r.out;
+    if (c.ifname != nullptr) { EXPECT_STREQ(r.ifname, c.ifname); }
+    EXPECT_EQ(r.ifname[IFNAMSIZ], 'Z');  // nothing written past the buffer
+    if (c.out != nullptr) { EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out; }
+    EXPECT_EQ(r.frame_type, c.frame_type) << r.out;
   }
-
-  char name[IFNAMSIZ];
-  int type = 0;
-  char *argv[] = {const_cast<char *>("cfmd"), const_cast<char *>("-i"), const_cast<char *>("x"), nullptr};
-  EXPECT_EQ(cfm_parse_args(0, argv, name, &type), 0);
-  EXPECT_EQ(cfm_parse_args(3, argv, nullptr, &type), 0);
-  EXPECT_EQ(cfm_parse_args(3, argv, name, nullptr), 0);
-
-  // -f: the last one counts; an unknown word leaves the type unknown.
-  const std::pair<std::vector<std::string>, int> frames[] = {
-      {{"-f", "eth"}, CFM_FRAME_TYPE_ETH},       {{"-f", "8023"}, CFM_FRAME_TYPE_8023},
-      {{"-f", "ethernet"}, CFM_FRAME_TYPE_ETH},  {{"-f", "foo"}, CFM_FRAME_TYPE_UNKNOWN},
-      {{"-f", "8023", "-f", "802"}, CFM_FRAME_TYPE_UNKNOWN}};
-  for (auto [words, type] : frames) {
-    words.insert(words.end(), {"-i", "w"});
-    EXPECT_EQ(parse(words).frame_type, type) << words[1];
-  }
+  EXPECT_EQ(isCfmEnable(), 1u);  // -e of the second case stays
 }
 
 // Reads `text` as the PVC MAC file; returns the table's addresses.
@@ -151,6 +131,8 @@ TEST_F(StartupInput, PvcMacFile) {
   EXPECT_EQ(ReadPvc("3\n00:11:22:33:44\nAA:b:0C:d:E:f\nzz-yy\n"),
             (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0xaa, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(checkPvcMac(zero), 1);  // a zero slot matches the zero address
+  // A seventh piece is not read.
+  EXPECT_EQ(ReadPvc("1\n00:11:22:33:44:55:66\n"), (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 0x55}));
   // Fewer lines than announced: the rest stay zero.
   EXPECT_EQ(ReadPvc("4\n00:11:22:33:44:55\n"), (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 0x55,
                                                                   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,

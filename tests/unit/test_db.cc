@@ -1,0 +1,305 @@
+// The tables: MD and MA rows, MEPs and MIPs in numeric key order, remote
+// MEPs and linktrace replies with their capacity rules, and two threads
+// hammering the MEP and remote-MEP tables at once.
+#include <thread>
+#include <vector>
+
+#include "harness.h"
+
+namespace {
+
+using harness::DbTest;
+
+using Walk = std::vector<uint32_t>;
+
+int set_md(uint32_t index, uint32_t row_status) {
+  MdEntry e{index, 0, 0, 0, 0, {}, row_status};
+  return CFM_Set_MD_Entry(&e);
+}
+int set_ma(uint32_t md_index, uint32_t index, uint32_t row_status) {
+  MaNetEntry e{md_index, index, 0, {}, 0, row_status};
+  return CFM_Set_MA_Net_Entry(&e);
+}
+
+Walk md_walk(uint32_t from = 0) {
+  Walk out;
+  MdEntry e{};
+  for (e.MdIndex = from; CFM_GetNext_MD_Entry(&e) == 1;) out.push_back(e.MdIndex);
+  return out;
+}
+
+Walk ma_walk() {
+  Walk out;
+  for (MaNetEntry e{}; CFM_GetNext_MA_Net_Entry(&e) == 1;) out.push_back(e.MaIndex);
+  return out;
+}
+
+using MdMaTest = DbTest;
+
+TEST_F(MdMaTest, MdWalkRowStatusRulesAndCapacity) {
+  EXPECT_TRUE(md_walk().empty());
+  EXPECT_EQ(CFM_Set_MD_Entry(nullptr), 0);
+  for (uint32_t index : {7u, 3u, 50u, 1u, 12u}) ASSERT_EQ(set_md(index, CFM_ROW_CREATE), 1);
+  ASSERT_EQ(set_md(3, CFM_ROW_DELETE), 1);
+  ASSERT_EQ(set_md(20, CFM_ROW_CREATE), 1);
+  ASSERT_EQ(set_md(50, CFM_ROW_MODIFY), 1);
+  EXPECT_EQ(set_md(4, CFM_ROW_DELETE) + set_md(4, CFM_ROW_MODIFY), 0);  // absent
+  // A create on an existing index copies status 0 over the row: it is freed.
+  ASSERT_EQ(set_md(1, CFM_ROW_CREATE), 1);
+  EXPECT_EQ(md_walk(), (Walk{7, 12, 20, 50}));
+  EXPECT_EQ(md_walk(8), (Walk{12, 20, 50}));
+  EXPECT_TRUE(md_walk(50).empty());
+  MdEntry got{};
+  got.MdIndex = 50;
+  ASSERT_EQ(CFM_Get_MD_Entry(&got), 1);
+  EXPECT_EQ(got.RowStatus, CFM_ROW_IN_USE);
+
+  // The 65th MD fails and leaves the table unchanged.
+  CFM_MD_MA_Clear();
+  for (uint32_t i = 0; i < CFM_MAX_MD; ++i) ASSERT_EQ(set_md(200 - 3 * i, CFM_ROW_CREATE), 1);
+  Walk before = md_walk();
+  EXPECT_EQ(set_md(1, CFM_ROW_CREATE), 0);
+  EXPECT_EQ(md_walk(), before);
+  ASSERT_EQ(set_md(200, CFM_ROW_DELETE), 1);
+  EXPECT_EQ(set_md(1, CFM_ROW_CREATE), 1);
+  EXPECT_EQ(md_walk().front(), 1u);
+}
+
+TEST_F(MdMaTest, MaIndexIsUniqueAcrossMdsAndCapacityIsEight) {
+  ASSERT_EQ(set_ma(1, 5, CFM_ROW_CREATE), 1);
+  EXPECT_EQ(set_ma(2, 5, CFM_ROW_CREATE) + set_ma(2, 5, CFM_ROW_DELETE), 0);
+  MaNetEntry e{};
+  e.MdIndex = 9;
+  e.MaIndex = 5;
+  ASSERT_EQ(CFM_Get_MA_Net_Entry(&e), 1);
+  EXPECT_EQ(e.MdIndex, 1u);
+
+  for (uint32_t index : {8u, 2u, 6u, 1u, 3u, 7u, 4u}) ASSERT_EQ(set_ma(1, index, CFM_ROW_CREATE), 1);
+  EXPECT_EQ(set_ma(1, 9, CFM_ROW_CREATE), 0);
+  EXPECT_EQ(ma_walk(), (Walk{1, 2, 3, 4, 5, 6, 7, 8}));
+  ASSERT_EQ(set_ma(1, 2, CFM_ROW_DELETE) + set_ma(1, 6, CFM_ROW_DELETE), 2);
+  ASSERT_EQ(set_ma(3, 9, CFM_ROW_CREATE), 1);
+  EXPECT_EQ(ma_walk(), (Walk{1, 3, 4, 5, 7, 8, 9}));
+}
+
+
+MepEntry mep(uint32_t md, uint32_t ma, uint16_t id, uint8_t port = 0, uint16_t vid = 0, uint8_t dir = 1) {
+  MepEntry e{};
+  e.md_id = md, e.ma_id = ma, e.mep_id = id, e.port = port, e.vid = vid, e.direction = dir;
+  return e;
+}
+
+using Keys = std::vector<std::vector<uint32_t>>;
+using MepMipTest = DbTest;
+
+// Values above 255 would be misordered by a byte-wise little-endian compare.
+TEST_F(MepMipTest, WalksFollowNumericKeyOrderAfterMixedChanges) {
+  for (MepEntry e : {mep(1, 513, 1), mep(2, 1, 1), mep(1, 1, 2, 0, 3, 2), mep(1, 1, 2, 0, 3), mep(1, 1, 2, 0, 512),
+                     mep(1, 1, 2, 1), mep(1, 1, 2), mep(1, 1, 300), mep(1, 2, 1), mep(256, 1, 1)}) {
+    ASSERT_EQ(CFM_Update_MEP_Entry(&e), 1);
+  }
+  MepEntry gone = mep(2, 1, 1);
+  ASSERT_EQ(CFM_Delete_MEP_Entry(&gone), 1);
+  EXPECT_EQ(CFM_Delete_MEP_Entry(&gone), 0);
+  Keys walk;
+  for (MepEntry e{}; CFM_GetNext_MEP_Entry(&e) == 1;) {
+    walk.push_back({e.md_id, e.ma_id, e.mep_id, e.port, e.vid, e.direction});
+  }
+  EXPECT_EQ(walk, (Keys{{1, 1, 2, 0, 0, 1}, {1, 1, 2, 0, 3, 1}, {1, 1, 2, 0, 3, 2}, {1, 1, 2, 0, 512, 1},
+                        {1, 1, 2, 1, 0, 1}, {1, 1, 300, 0, 0, 1}, {1, 2, 1, 0, 0, 1}, {1, 513, 1, 0, 0, 1},
+                        {256, 1, 1, 0, 0, 1}}));
+  EXPECT_EQ(CFM_Get_TotalMepEntries(), walk.size());
+  MepEntry between = mep(1, 1, 2, 0, 4);
+  ASSERT_EQ(CFM_GetNext_MEP_Entry(&between), 1);
+  EXPECT_EQ(between.vid, 512);
+
+  for (MipEntry m : std::vector<MipEntry>{{2, 1, 1, 0, 1}, {1, 1, 9, 0, 1}, {1, 1, 1, 8, 1}, {1, 300, 1, 0, 1}}) {
+    ASSERT_EQ(CFM_Update_MIP_Entry(&m), 1);
+  }
+  walk.clear();
+  for (MipEntry m{}; CFM_GetNext_MIP_Entry(&m) == 1;) walk.push_back({m.md_id, m.ma_id, m.MipId, m.port});
+  EXPECT_EQ(walk, (Keys{{1, 1, 1, 8}, {1, 1, 9, 0}, {1, 300, 1, 0}, {2, 1, 1, 0}}));
+}
+
+TEST_F(MepMipTest, FullTablesAndWholeRecordUpdates) {
+  for (uint16_t i = 1; i <= CFM_MAX_MEP; ++i) {
+    MepEntry e = mep(1, 1, i);
+    MipEntry m{1, 1, i, 0, 1};
+    ASSERT_EQ(CFM_Update_MEP_Entry(&e) + CFM_Update_MIP_Entry(&m), 2);
+  }
+  MepEntry extra = mep(1, 1, 65);
+  MipEntry extra_mip{1, 1, 65, 0, 1};
+  EXPECT_EQ(CFM_Update_MEP_Entry(&extra) + CFM_Update_MIP_Entry(&extra_mip) + CFM_Get_MEP_Entry(&extra), 0);
+
+  MepEntry existing = mep(1, 1, 64);
+  existing.LbrExpectedTransId = 0xdeadbeef;  // a field at the record's end
+  existing.LbmDataTlv[CFM_LBM_DATA_TLV_SIZE - 1] = 'x';
+  EXPECT_EQ(CFM_Update_MEP_Entry(&existing), 1);
+  MepEntry got = mep(1, 1, 64);
+  ASSERT_EQ(CFM_Get_MEP_Entry(&got), 1);
+  EXPECT_EQ(got.LbrExpectedTransId, 0xdeadbeefu);
+  EXPECT_EQ(got.LbmDataTlv[CFM_LBM_DATA_TLV_SIZE - 1], 'x');
+  EXPECT_EQ(CFM_Get_TotalMepEntries(), 64u);
+  EXPECT_EQ(CFM_Get_TotalMipEntries(), 64u);
+}
+
+
+using Row = std::vector<int64_t>;
+using Rows = std::vector<Row>;
+
+RemoteMepEntry rmep(uint32_t md, uint16_t id, int32_t age = 3500, uint8_t mac_last = 1) {
+  RemoteMepEntry e{};
+  e.md_id = md, e.ma_id = 1, e.rmep_id = id, e.AgeTime = age, e.src_mac[5] = mac_last;
+  return e;
+}
+
+LtrEntry ltr(uint32_t md, uint16_t mep, uint32_t seq, uint32_t reply) {
+  LtrEntry e{};
+  e.md_id = md, e.ma_id = 1, e.mep_id = mep, e.sequence = seq, e.ReplyNumber = reply;
+  return e;
+}
+
+Rows rmep_walk() {
+  Rows out;
+  for (RemoteMepEntry e{}; CFM_MEP_Get_NextRemEntry(&e) == CFM_DB_FOUND;) {
+    out.push_back({e.md_id, e.rmep_id, e.AgeTime, e.src_mac[5]});
+  }
+  return out;
+}
+
+using RemoteMepDbTest = DbTest;
+
+TEST_F(RemoteMepDbTest, OrderCapacityRefreshAndClear) {
+  for (uint16_t id = CFM_MAX_REMOTE_MEP; id >= 1; --id) {
+    RemoteMepEntry e = rmep(id == 2 ? 256 : 1, id == 3 ? 300 : id);
+    ASSERT_EQ(mep_process_normal_frame(&e), CFM_DB_FOUND);
+  }
+  RemoteMepEntry extra = rmep(1, 65), other_mac = rmep(1, 4, 2500, 9);
+  EXPECT_EQ(mep_process_normal_frame(&extra), CFM_DB_FULL);
+  EXPECT_EQ(mep_process_normal_frame(&other_mac), CFM_DB_FOUND);  // a known peer still refreshes
+  Rows walk = rmep_walk();
+  ASSERT_EQ(walk.size(), 64u);
+  EXPECT_EQ(Rows(walk.begin(), walk.begin() + 2), (Rows{{1, 1, 3500, 1}, {1, 4, 2500, 9}}));
+  EXPECT_EQ(Rows(walk.end() - 2, walk.end()), (Rows{{1, 300, 3500, 1}, {256, 2, 3500, 1}}));
+  EXPECT_EQ(CFM_MEP_DB_Get_RemEntry(&extra), CFM_DB_NOT_FOUND);
+  EXPECT_EQ(CFM_IF_Clean_RemoteMep_Entry(), 1);
+  EXPECT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
+  EXPECT_EQ(mep_process_normal_frame(&extra), CFM_DB_FOUND);
+}
+
+using LtrDbTest = DbTest;
+
+TEST_F(LtrDbTest, KeyOrderAndSameKeyOverwrites) {
+  LtrEntry hit = ltr(1, 1, 7, 0);
+  hit.ttl = 42;
+  for (LtrEntry e : {ltr(1, 1, 7, 2), ltr(1, 1, 7, 0), ltr(1, 1, 300, 0), ltr(1, 2, 1, 0), ltr(2, 1, 1, 0),
+                     ltr(1, 1, 7, 1), hit}) {
+    ASSERT_EQ(CFM_DB_Update_LtrEntry(&e), CFM_DB_FOUND);
+  }
+  Rows walk;
+  for (LtrEntry e{}; CFM_DB_GetNext_LtrEntry(&e) == CFM_DB_FOUND;) {
+    walk.push_back({e.md_id, e.mep_id, e.sequence, e.ReplyNumber, e.ttl});
+  }
+  EXPECT_EQ(walk, (Rows{{1, 1, 7, 0, 42}, {1, 1, 7, 1, 0}, {1, 1, 7, 2, 0}, {1, 1, 300, 0, 0}, {1, 2, 1, 0, 0},
+                        {2, 1, 1, 0, 0}}));
+  EXPECT_EQ(CFM_IF_Clean_LtrDB_Entry(), 1);
+  EXPECT_EQ(CFM_DB_Get_TotalLtrEntries(), 0u);
+}
+
+TEST_F(LtrDbTest, FullTableRefusesNewKeysAndMakeRoomDropsLowestKey) {
+  for (uint32_t i = 0; i < CFM_MAX_LTR; ++i) {
+    LtrEntry e = ltr(2, 1, 100 + i, 0);
+    ASSERT_EQ(CFM_DB_Update_LtrEntry(&e), CFM_DB_FOUND);
+  }
+  LtrEntry lowest = ltr(2, 1, 100, 0), newest = ltr(1, 1, 5, 0), second = ltr(1, 1, 6, 0);
+  EXPECT_EQ(CFM_DB_Update_LtrEntry(&newest), CFM_DB_FULL);  // orders before everything stored
+  EXPECT_EQ(CFM_DB_Update_LtrEntry(&lowest), CFM_DB_FOUND);
+  EXPECT_EQ(CFM_DB_Update_LtrEntry_Make_Room(&newest), CFM_DB_FOUND);
+  EXPECT_EQ(CFM_DB_Get_TotalLtrEntries(), 512u);
+  EXPECT_EQ(CFM_DB_Get_LtrEntry(&lowest), CFM_DB_NOT_FOUND);
+  EXPECT_EQ(CFM_DB_Update_LtrEntry_Make_Room(&second), CFM_DB_FOUND);
+  EXPECT_EQ(CFM_DB_Get_LtrEntry(&newest), CFM_DB_NOT_FOUND);  // now it was the lowest
+}
+
+
+void hammer(uint32_t state) {
+  for (int i = 0; i < 20000; ++i) {
+    state = state * 1103515245u + 12345u;
+    const uint32_t n = (state >> 8) % 80;  // more keys than capacity
+    // Payload tied to the key: a torn copy would show.
+    MepEntry e{};
+    e.md_id = 1 + n % 3, e.mep_id = static_cast<uint16_t>(n), e.LbmMessages = n * 3, e.LbrExpectedTransId = n * 5;
+    RemoteMepEntry r{};
+    r.md_id = 1 + n % 2, r.rmep_id = static_cast<uint16_t>(n), r.SequenceNum = n * 7, r.AgeTime = int32_t(n * 1000);
+    switch ((state >> 20) % 4) {
+      case 0:
+        CFM_Update_MEP_Entry(&e);
+        mep_process_normal_frame(&r);
+        break;
+      case 1:
+        CFM_Delete_MEP_Entry(&e);
+        CFM_MEP_Del_RemEntry(&r);
+        break;
+      case 2:
+        for (int step = 0; step < 8 && CFM_GetNext_MEP_Entry(&e) == 1; ++step) continue;
+        for (int step = 0; step < 8 && CFM_MEP_Get_NextRemEntry(&r) == CFM_DB_FOUND; ++step) continue;
+        break;
+      default:
+        if (n % 16 == 0) CFM_MEP_DB_Check_RemEntries_Age();
+    }
+  }
+}
+
+using DbConcurrencyTest = DbTest;
+
+TEST_F(DbConcurrencyTest, TablesStayConsistentUnderTwoWriters) {
+  std::thread a(hammer, 1u), b(hammer, 2u);
+  a.join();
+  b.join();
+  uint32_t meps = 0, peers = 0;
+  MepEntry prev{};
+  for (MepEntry e{}; CFM_GetNext_MEP_Entry(&e) == 1; prev = e, ++meps) {
+    EXPECT_TRUE(meps == 0 || cfm_mep_key_compare(&prev, &e, nullptr) < 0);
+    EXPECT_EQ(e.LbmMessages, e.mep_id * 3u);
+    EXPECT_EQ(e.LbrExpectedTransId, e.mep_id * 5u);
+  }
+  RemoteMepEntry prev_r{};
+  for (RemoteMepEntry r{}; CFM_MEP_Get_NextRemEntry(&r) == CFM_DB_FOUND; prev_r = r, ++peers) {
+    EXPECT_TRUE(peers == 0 || prev_r.md_id < r.md_id || (prev_r.md_id == r.md_id && prev_r.rmep_id < r.rmep_id));
+    EXPECT_EQ(r.SequenceNum, r.rmep_id * 7u);
+    EXPECT_EQ(r.AgeTime % 1000, 0);  // whole ageing steps only
+  }
+  EXPECT_EQ(meps, CFM_Get_TotalMepEntries());
+  EXPECT_EQ(peers, CFM_MEP_DB_RemEntry_Count());
+  EXPECT_LE(meps, static_cast<uint32_t>(CFM_MAX_MEP));
+  EXPECT_LE(peers, static_cast<uint32_t>(CFM_MAX_REMOTE_MEP));
+  EXPECT_GT(meps + peers, 0u);
+}
+
+// The tick and the engines read MD rows under MEP_SYC while commands add
+// rows (each sorting in front of the others) and delete them.
+TEST_F(DbConcurrencyTest, TickSeesWholeMdRowsWhileCommandsChangeThem) {
+  CFM_Create_MEP_SYC_Sem();
+  std::atomic<bool> done{false};
+  std::thread commands([&] {
+    for (int round = 0; round < 1000; ++round) {
+      for (int md = 60; md >= 1; --md) {
+        cfm_cli_run_line(("createmd " + std::to_string(md) + " 0 " + std::to_string(md % 8) + " 0 md" +
+                          std::to_string(md)).c_str());
+      }
+      for (int md = 1; md <= 60; ++md) cfm_cli_run_line(("deletemd " + std::to_string(md)).c_str());
+    }
+    done = true;
+  });
+  int torn = 0;
+  while (!done) {
+    MepSycLock tick;
+    for (MdEntry md{}; CFM_GetNext_MD_Entry(&md) == 1;) {
+      torn += md.MdName != "md" + std::to_string(md.MdIndex) || md.MdLevel != md.MdIndex % 8;
+    }
+  }
+  commands.join();
+  EXPECT_EQ(torn, 0);
+}
+
+}  // namespace

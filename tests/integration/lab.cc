@@ -216,14 +216,14 @@ int Lab::SemaphoreSetCount() {
   return count < 0 ? 0 : count;
 }
 
-bool Lab::StartDaemon(const std::vector<std::string> &args) {
+bool Lab::StartDaemon(const std::vector<std::string> &args, int timeout_ms) {
   if (pid_ > 0) Stop();
   out_path_ = "/var/lab/cfmd." + std::to_string(++run_) + ".out";
   err_path_ = "/var/lab/cfmd." + std::to_string(run_) + ".err";
   pid_ = spawn(CFMD_BINARY, args, out_path_, err_path_);
   exit_ = ExitInfo{};
   return pid_ > 0 &&
-         wait_until(5000, [&] { return Output().find("CFM debug message") != std::string::npos || !Running(); });
+         wait_until(timeout_ms, [&] { return Output().find("CFM debug message") != std::string::npos || !Running(); });
 }
 
 bool Lab::StartDaemonReady(const std::vector<std::string> &args) {

@@ -63,8 +63,8 @@ class Lab : public ::testing::Test {
   static std::string ReadFile(const std::string &path);              // "" when missing
 
   // Starts build/cfmd; true once it has parsed its options (the "CFM debug
-  // message" line) or has ended by itself.
-  bool StartDaemon(const std::vector<std::string> &args = DefaultArgs());
+  // message" line) or has ended by itself, within timeout_ms.
+  bool StartDaemon(const std::vector<std::string> &args = DefaultArgs(), int timeout_ms = 5000);
   // StartDaemon, then waits until the command socket listens and the receive
   // task has reported its start; adds a failure when that does not happen.
   bool StartDaemonReady(const std::vector<std::string> &args = DefaultArgs());

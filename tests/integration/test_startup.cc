@@ -111,10 +111,10 @@ TEST_F(Startup, NoSemaphoreSetOutlivesEarlySignalsOrKills) {
   // returns how many sets it added.
   auto run = [&](int sig, int delay_us) {
     int before = SemaphoreSetCount();
-    StartDaemon(DefaultArgs(), 0);
     if (delay_us < 0) {
-      EXPECT_TRUE(WaitCommandSocket()) << Output();
+      EXPECT_TRUE(StartDaemonReady());
     } else {
+      StartDaemon(DefaultArgs(), 0);
       usleep(delay_us);
     }
     kill(pid(), sig);

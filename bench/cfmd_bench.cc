@@ -49,6 +49,8 @@
 #include <thread>
 #include <vector>
 
+#include "io/wan_socket.h"
+
 #ifndef CFMD_DEFAULT_BINARY
 #define CFMD_DEFAULT_BINARY "build/cfmd"
 #endif
@@ -296,51 +298,20 @@ class RawSocket {
 
 // ------------------------------------------------------------ the reflector
 
-// The physical limit for LBM -> LBR on this link: a process with the same
-// kind of socket as the daemon's (every protocol, auxiliary data, the outer
-// tag put back) that reads one frame at a time and sends every LBM back
-// with the addresses swapped and the opcode made 2. Never returns.
+// The physical limit for LBM -> LBR on this link: a process with the
+// daemon's own kind of socket (io/wan_socket: every protocol, auxiliary
+// data, the outer tag put back) that reads one frame at a time and sends
+// every LBM back with the addresses swapped and the opcode made 2. Never
+// returns.
 [[noreturn]] void reflect(const char *ifname) {
-  int fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
-  int on = 1;
-  setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on);
-  struct sockaddr_ll addr = {};
-  addr.sll_family = AF_PACKET;
-  addr.sll_protocol = htons(ETH_P_ALL);
-  addr.sll_ifindex = int(if_nametoindex(ifname));
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) _exit(1);
-  uint8_t in[2048], out[2052];
+  int fd = cfm_wan_socket_open(int(if_nametoindex(ifname)), nullptr);
+  if (fd < 0) _exit(1);
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);  // one blocking read per frame
+  uint8_t out[2052];
   for (;;) {
-    struct sockaddr_ll from = {};
-    struct iovec iov = {in, sizeof in};
-    union {
-      cmsghdr align;
-      char bytes[CMSG_SPACE(sizeof(tpacket_auxdata))];
-    } control;
-    struct msghdr msg = {};
-    msg.msg_name = &from;
-    msg.msg_namelen = sizeof from;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control.bytes;
-    msg.msg_controllen = sizeof control.bytes;
-    ssize_t got = recvmsg(fd, &msg, 0);
-    if (got < 14 || from.sll_pkttype == PACKET_OUTGOING) continue;
-    size_t n = size_t(got), len = 0;
-    memcpy(out, in, 12);
-    len = 12;
-    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-      tpacket_auxdata aux;
-      if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
-      memcpy(&aux, CMSG_DATA(c), sizeof aux);
-      if ((aux.tp_status & TP_STATUS_VLAN_VALID) == 0) continue;
-      uint16_t tpid = aux.tp_vlan_tpid != 0 ? aux.tp_vlan_tpid : 0x8100;
-      out[12] = uint8_t(tpid >> 8), out[13] = uint8_t(tpid), out[14] = uint8_t(aux.tp_vlan_tci >> 8),
-      out[15] = uint8_t(aux.tp_vlan_tci);
-      len = 16;
-    }
-    memcpy(out + len, in + 12, n - 12);
-    len += n - 12;
+    long got = cfm_wan_socket_read(fd, out, sizeof out);
+    if (got < 14) continue;
+    size_t len = size_t(got);
     size_t p = cfm_offset(out, len);
     if (p == 0 || out[p + 1] != 3) continue;
     uint8_t mac[6];

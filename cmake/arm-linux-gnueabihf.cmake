@@ -1,14 +1,6 @@
-# Cross build for arm-linux-gnueabihf with Debian's cross compiler (g++-arm-linux-gnueabihf):
+# Cross build for ARM hard-float with Debian's g++-arm-linux-gnueabihf:
 #   cmake -S . -B build-arm-linux-gnueabihf -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake
-# GoogleTest is then built from /usr/src/googletest (libgtest-dev).
-set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
-set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# Unit tests run under qemu-user with the cross sysroot.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
+set(CFMD_CROSS_TRIPLE arm-linux-gnueabihf)
+set(CFMD_CROSS_QEMU arm)
+include(${CMAKE_CURRENT_LIST_DIR}/cross-linux.cmake)

@@ -42,13 +42,6 @@ bool wait_until(int timeout_ms, const std::function<bool()> &done) {
   return true;
 }
 
-void make_dirs(const std::string &path) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = path.find('/', pos + 1);
-    mkdir(path.substr(0, pos).c_str(), 0755);
-  }
-}
-
 // Entered once, before any test (and any thread a test might start).
 std::string enter_namespaces() {
   if (geteuid() != 0) return "the integration lab needs root (it builds private network namespaces)";
@@ -68,21 +61,18 @@ class LabEnvironment : public ::testing::Environment {
 };
 [[maybe_unused]] const bool g_environment = (::testing::AddGlobalTestEnvironment(new LabEnvironment), true);
 
-bool command_socket_listening() {
-  std::ifstream unix_sockets("/proc/net/unix");
-  std::string line, num, refcnt, protocol, flags, type, state, inode, path;
-  while (std::getline(unix_sockets, line)) {
-    std::istringstream fields(line);
-    if (fields >> num >> refcnt >> protocol >> flags >> type >> state >> inode >> path && path == "/var/cfm_socket" &&
-        flags == "00010000") {
-      return true;
-    }
-  }
-  return false;
+int connect_command_socket() {
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "/var/cfm_socket");
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0) return fd;
+  close(fd);
+  return -1;
 }
 
-// Forks and runs `binary` with stdin from /dev/null, stdout to `out_path`
-// and stderr to `err_path`.
+// Forks and runs `binary` with stdin from /dev/null and stdout and stderr
+// to the files named.
 pid_t spawn(const char *binary, const std::vector<std::string> &args, const std::string &out_path,
             const std::string &err_path) {
   std::vector<std::string> words = {binary};
@@ -111,8 +101,7 @@ ExitInfo reap(pid_t pid, int timeout_ms) {
   int status = 0;
   info.timed_out = !wait_until(timeout_ms, [&] { return waitpid(pid, &status, WNOHANG) != 0; });
   if (!info.timed_out) {
-    info.exited = WIFEXITED(status);
-    info.code = info.exited ? WEXITSTATUS(status) : -1;
+    info.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     info.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   }
   return info;
@@ -167,17 +156,10 @@ void Lab::SetUp() {
   if (!lab_unavailable().empty()) GTEST_SKIP() << lab_unavailable();
   umount2("/var", MNT_DETACH);  // the previous test's, if any
   ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, "mode=0755"), 0) << "tmpfs over /var: " << strerror(errno);
-  make_dirs("/var/lab");
   WriteFile(kConfig, "Enable=1\n");
+  WriteFile("/var/lab/.keep", "");
   Shell("ip link del wan0 >/dev/null 2>&1");
-  ASSERT_EQ(Shell("ip link add wan0 address 02:00:00:00:0a:01 type veth peer name peer0 address 02:00:00:00:0b:02 && "
-                  "sysctl -qw net.ipv6.conf.wan0.disable_ipv6=1 net.ipv6.conf.peer0.disable_ipv6=1 && "
-                  "ip link set wan0 up && ip link set peer0 up"),
-            0);
-  // Until the kernel has activated the links, what is sent is dropped.
-  wait_until(3000, [] {
-    return ReadFile("/sys/class/net/wan0/operstate") == "up\n" && ReadFile("/sys/class/net/peer0/operstate") == "up\n";
-  });
+  ASSERT_TRUE(AddLink("wan0 address 02:00:00:00:0a:01", "peer0 address 02:00:00:00:0b:02"));
   ASSERT_TRUE(peer_.Open("peer0"));
 }
 
@@ -190,7 +172,9 @@ void Lab::TearDown() {
 }
 
 void Lab::WriteFile(const std::string &path, const std::string &text) {
-  make_dirs(path.substr(0, path.rfind('/')));
+  for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
+    mkdir(path.substr(0, pos).c_str(), 0755);
+  }
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   ASSERT_TRUE(out << text) << "cannot write " << path;
 }
@@ -206,7 +190,17 @@ int Lab::Shell(const std::string &command) {
   return (status != -1 && WIFEXITED(status)) ? WEXITSTATUS(status) : -1;
 }
 
-int Lab::IfIndex(const std::string &ifname) { return static_cast<int>(if_nametoindex(ifname.c_str())); }
+// Until the kernel has activated both ends, what is sent is dropped.
+bool Lab::AddLink(const std::string &name, const std::string &peer) {
+  std::string a = name.substr(0, name.find(' ')), b = peer.substr(0, peer.find(' '));
+  return Shell("ip link add " + name + " type veth peer name " + peer + " && sysctl -qw net.ipv6.conf." + a +
+               ".disable_ipv6=1 net.ipv6.conf." + b + ".disable_ipv6=1 && ip link set " + a + " up && ip link set " +
+               b + " up") == 0 &&
+         wait_until(3000, [&] {
+           return ReadFile("/sys/class/net/" + a + "/operstate") == "up\n" &&
+                  ReadFile("/sys/class/net/" + b + "/operstate") == "up\n";
+         });
+}
 
 int Lab::SemaphoreSetCount() {
   std::ifstream sems("/proc/sysvipc/sem");
@@ -229,8 +223,11 @@ bool Lab::StartDaemon(const std::vector<std::string> &args, int timeout_ms) {
 bool Lab::StartDaemonReady(const std::vector<std::string> &args) {
   // The receive task reports its start on its own thread, possibly after the
   // server listens; waiting for both keeps start-up output out of commands.
+  // The probe connection is an empty request, which prints nothing.
   bool ready = StartDaemon(args) && wait_until(5000, [&] {
-                 return !Running() || (command_socket_listening() && Output().find("CFM:CFMInterval = ") != std::string::npos);
+                 if (!Running() || Output().find("CFM:CFMInterval = ") == std::string::npos) return !Running();
+                 int fd = connect_command_socket();
+                 return fd >= 0 && close(fd) == 0;
                }) && Running();
   if (!ready) ADD_FAILURE() << "cfmd did not get ready; stdout:\n" << Output() << "\nstderr:\n" << Errors();
   return ready;
@@ -246,38 +243,21 @@ ExitInfo Lab::WaitExit(int timeout_ms) {
 ExitInfo Lab::Stop() {
   if (pid_ <= 0) return exit_;
   kill(pid_, SIGTERM);
-  ExitInfo info = WaitExit(5000);
-  if (!info.timed_out) return info;
+  if (ExitInfo info = WaitExit(5000); !info.timed_out) return info;
   kill(pid_, SIGKILL);
   WaitExit(5000);
   exit_.timed_out = true;
   return exit_;
 }
 
-bool Lab::Running() { return pid_ > 0 && WaitExit(0).timed_out; }
-
-std::string Lab::Output() const { return out_path_.empty() ? "" : ReadFile(out_path_); }
-
-std::string Lab::Errors() const { return err_path_.empty() ? "" : ReadFile(err_path_); }
-
 bool Lab::WaitForOutput(const std::string &text, int timeout_ms) {
   return wait_until(timeout_ms, [&] { return Output().find(text) != std::string::npos; });
 }
 
-std::string Lab::Command(const std::vector<std::string> &words, int timeout_ms) {
-  std::string request;
-  for (const std::string &word : words) request += (request.empty() ? "" : " ") + word;
-  return CommandText(request, timeout_ms);
-}
-
-std::string Lab::CommandText(const std::string &request, int timeout_ms) {
+std::string Lab::Command(const std::string &request, int timeout_ms) {
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "/var/cfm_socket");
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
+  int fd = connect_command_socket();
+  if (fd < 0) {
     ADD_FAILURE() << "cannot connect to the command socket for '" << request << "'";
     return "";
   }
@@ -308,7 +288,7 @@ std::string Lab::RunCfmctl(const std::vector<std::string> &args, int *status) {
     waitpid(pid, nullptr, 0);
     ADD_FAILURE() << "cfmctl did not finish";
   }
-  if (status != nullptr) *status = info.exited ? info.code : -1;
+  *status = info.code;
   return ReadFile(out_path);
 }
 

@@ -43,10 +43,9 @@ class Peer {
 };
 
 struct ExitInfo {
-  bool exited = false;  // by exit() with `code`, or else by `signal`
-  int code = -1;
-  int signal = 0;
   bool timed_out = false;  // still running when the wait gave up
+  int code = -1;           // exit() code, or -1
+  int signal = 0;          // the terminating signal, or 0
 };
 
 class Lab : public ::testing::Test {
@@ -58,9 +57,11 @@ class Lab : public ::testing::Test {
   void TearDown() override;  // stops the daemon; a sanitizer report fails the test
 
   static constexpr const char *kConfig = "/var/tmp/cfm/config";
-  static constexpr const char *kPvcMac = "/var/tmp/pvc_mac";
-  void WriteFile(const std::string &path, const std::string &text);  // makes its directories
-  static std::string ReadFile(const std::string &path);              // "" when missing
+  static void WriteFile(const std::string &path, const std::string &text);  // makes its directories
+  static std::string ReadFile(const std::string &path);                     // "" when missing
+  static int Shell(const std::string &command);
+  static bool AddLink(const std::string &name, const std::string &peer);  // a veth pair, up
+  static int SemaphoreSetCount();                                         // System V sets in the lab
 
   // Starts build/cfmd; true once it has parsed its options (the "CFM debug
   // message" line) or has ended by itself, within timeout_ms.
@@ -70,25 +71,21 @@ class Lab : public ::testing::Test {
   bool StartDaemonReady(const std::vector<std::string> &args = DefaultArgs());
   ExitInfo Stop();  // SIGTERM, SIGKILL after 5 s
   ExitInfo WaitExit(int timeout_ms = 5000);
-  bool Running();
+  bool Running() { return pid_ > 0 && WaitExit(0).timed_out; }
   pid_t pid() const { return pid_; }
 
-  std::string Output() const;  // what the current run wrote so far
-  std::string Errors() const;
+  std::string Output() const { return ReadFile(out_path_); }  // what the current run wrote so far
+  std::string Errors() const { return ReadFile(err_path_); }
   bool WaitForOutput(const std::string &text, int timeout_ms = 3000);
 
-  // Sends the request (words joined by blanks), shuts the write side, waits
-  // until the daemon closes the connection; returns the stdout produced
-  // meanwhile. Adds a failure when that does not happen.
-  std::string Command(const std::vector<std::string> &words, int timeout_ms = 5000);
-  std::string CommandText(const std::string &request, int timeout_ms = 5000);
+  // Sends the request, shuts the write side, waits until the daemon closes
+  // the connection; returns the stdout produced meanwhile. Adds a failure
+  // when that does not happen.
+  std::string Command(const std::string &request, int timeout_ms = 5000);
   // Runs build/cfmctl; its stdout, and its exit status through *status.
-  std::string RunCfmctl(const std::vector<std::string> &args, int *status = nullptr);
+  std::string RunCfmctl(const std::vector<std::string> &args, int *status);
 
   Peer &peer() { return peer_; }
-  static int SemaphoreSetCount();  // System V semaphore sets in the lab
-  static int Shell(const std::string &command);
-  static int IfIndex(const std::string &ifname);
 
  private:
   pid_t pid_ = -1;

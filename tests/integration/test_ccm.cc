@@ -15,20 +15,17 @@ namespace {
 using cfmlab::Frame;
 using namespace std::chrono_literals;
 
-// A peer CCM at level 7 of MD "md7", behind a VID 0 tag.
-struct PeerCcm {
-  uint32_t sequence = 1;
-  Frame wire() const {
-    Frame f = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x37};
-    f.insert(f.end(), cfmlab::kPeerMac.begin(), cfmlab::kPeerMac.end());
-    f.insert(f.end(), {0x81, 0x00, 0xE0, 0x00, 0x89, 0x02, 0xE0, 0x01, 4, 70, uint8_t(sequence >> 24),
-                       uint8_t(sequence >> 16), uint8_t(sequence >> 8), uint8_t(sequence), 0, 9, 4, 3, 'm', 'd', '7',
-                       2, 3, 'm', 'a', '1'});
-    f.resize(92, 0);
-    f.insert(f.end(), {1, 0, 4, 0, 0, 0, 0, 2, 0, 1, 2, 4, 0, 1, 1, 0});
-    return f;
-  }
-};
+// A CCM of peer MEP 9 at level 7 of MD "md7", behind a VID 0 tag.
+Frame PeerCcm(uint32_t sequence) {
+  Frame f = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x37};
+  f.insert(f.end(), cfmlab::kPeerMac.begin(), cfmlab::kPeerMac.end());
+  f.insert(f.end(), {0x81, 0x00, 0xE0, 0x00, 0x89, 0x02, 0xE0, 0x01, 4, 70, uint8_t(sequence >> 24),
+                     uint8_t(sequence >> 16), uint8_t(sequence >> 8), uint8_t(sequence), 0, 9, 4, 3, 'm', 'd', '7', 2,
+                     3, 'm', 'a', '1'});
+  f.resize(92, 0);
+  f.insert(f.end(), {1, 0, 4, 0, 0, 0, 0, 2, 0, 1, 2, 4, 0, 1, 1, 0});
+  return f;
+}
 
 // The daemon's own CCMs as the peer sees them (VID 0: untagged).
 bool is_daemon_ccm(const Frame &f) {
@@ -47,35 +44,28 @@ class CcmLab : public cfmlab::Lab {
       args.insert(args.end(), {"-t", "/var/tree"});
     }
     ASSERT_TRUE(StartDaemonReady(args));
-    Command({"createmd", "1", "0", "7", "0", "md7"});
-    Command({"createma", "1", "0", "1", "0", "ma1"});
-    Command({"createmep", "1", "0", "1", "0", "5", "0", "1", "0", "0", "0", "1"});
+    for (const char *request : {"createmd 1 0 7 0 md7", "createma 1 0 1 0 ma1", "createmep 1 0 1 0 5 0 1 0 0 0 1"}) {
+      Command(request);
+    }
   }
   Frame NextCcm() { return peer().Receive(3000, is_daemon_ccm).value_or(Frame(22, 0)); }
-  bool PeerKnown() { return Command({"showremotemep"}).find("RemoteMepID : 9") != std::string::npos; }
-  // Sends a CCM and waits for the daemon's next two CCMs: the second one
-  // comes from a tick that surely followed its processing.
-  void SendAndTick(const PeerCcm &ccm) {
-    peer().Drain();
-    EXPECT_TRUE(peer().Send(ccm.wire()));
-    NextCcm(), NextCcm();
-  }
 };
 
 // A burst is read in full: every frame repeats one sequence number, so each
 // one read after the first counts one sequence error.
 TEST_F(CcmLab, BurstIsReadInFull) {
   Start("");  // one-second tick: little tick work during the burst
-  PeerCcm ccm;
-  SendAndTick(ccm);
-  ASSERT_TRUE(PeerKnown());
-  Command({"clearcnt"});
+  // Learn the peer first: the daemon's second CCM after it comes from a tick
+  // that surely followed its processing.
+  ASSERT_TRUE(peer().Send(PeerCcm(1)));
+  NextCcm(), NextCcm();
+  ASSERT_NE(Command("showremotemep").find("RemoteMepID : 9"), std::string::npos);
+  Command("clearcnt");
   constexpr int kFrames = 5000;
-  ccm.sequence = 0xABCDEF;
-  for (int i = 0; i < kFrames; ++i) ASSERT_TRUE(peer().Send(ccm.wire()));
+  for (int i = 0; i < kFrames; ++i) ASSERT_TRUE(peer().Send(PeerCcm(0xABCDEF)));
   const std::string want = std::to_string(kFrames - 1) + "\n";
   std::string errors;
-  for (int i = 0; i < 50 && errors != want; ++i, std::this_thread::sleep_for(100ms)) errors = Command({"runtime", "2"});
+  for (int i = 0; i < 50 && errors != want; ++i, std::this_thread::sleep_for(100ms)) errors = Command("runtime 2");
   EXPECT_EQ(errors, want);
 }
 
@@ -95,9 +85,9 @@ TEST_F(CcmLab, CommandsAndTheFastTickNeverUndoEachOther) {
   int undone = 0;
   for (int i = 0; i < 200; ++i) {
     bool enable = i % 2 == 1;
-    Command({"configmep", "1", "0", "1", "0", "5", "0", "1", "0", "0", "0", "100", "0", "2", enable ? "21" : "22"});
+    Command(std::string("configmep 1 0 1 0 5 0 1 0 0 0 100 0 2 ") + (enable ? "21" : "22"));
     std::this_thread::sleep_for(25ms);
-    undone += Command({"runtime", "1"}) != (enable ? "Enable\n" : "Disable\n");
+    undone += Command("runtime 1") != (enable ? "Enable\n" : "Disable\n");
   }
   done = true;
   watcher.join();

@@ -19,9 +19,7 @@ const char kTree[] = "/var/tree";
 
 int Connect() {
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "/var/cfm_socket");
+  struct sockaddr_un addr = {AF_UNIX, "/var/cfm_socket"};
   EXPECT_EQ(connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr), 0);
   return fd;
 }
@@ -29,25 +27,25 @@ int Connect() {
 TEST_F(Lab, HostileClientsDoNotStopTheServer) {
   ASSERT_TRUE(StartDaemonReady());
   // The defaults the daemon starts with.
-  EXPECT_EQ(Command({"showdefault", "1"}), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE");
+  EXPECT_EQ(Command("showdefault 1"), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE");
   // A silent client is dropped after two seconds; the next one is served.
   int silent = Connect();
   auto start = Clock::now();
-  EXPECT_EQ(Command({"showdefault", "2"}), "\r\n CFM Status  : enabled");
+  EXPECT_EQ(Command("showdefault 2"), "\r\n CFM Status  : enabled");
   EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(3500));
   struct pollfd pfd = {silent, POLLIN, 0};
   EXPECT_EQ(poll(&pfd, 1, 1000), 1);
   char byte;
   EXPECT_EQ(read(silent, &byte, 1), 0);
   close(silent);
-  EXPECT_EQ(CommandText(std::string(5000, 'x')), "unknown command !\n");
-  CommandText(std::string("showmd\0\xff\x01 showma", 14));
+  EXPECT_EQ(Command(std::string(5000, 'x')), "unknown command !\n");
+  Command(std::string("showmd\0\xff\x01 showma", 14));
   for (int i = 0; i < 300; ++i) {  // clients that go away without waiting
     int fd = Connect();
     if (i % 3 == 0) (void)!write(fd, "showdefault 9", 13);
     close(fd);
   }
-  EXPECT_EQ(Command({"showdefault", "2"}, 10000), "\r\n CFM Status  : enabled");
+  EXPECT_EQ(Command("showdefault 2", 10000), "\r\n CFM Status  : enabled");
   EXPECT_TRUE(Running());
 }
 
@@ -56,8 +54,8 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   int status = -1;
   EXPECT_EQ(RunCfmctl({"createmd", "1", "0", "5", "0", "dom"}, &status), "");
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(Command({"createma", "1", "0", "2", "0", "assoc"}), "");
-  EXPECT_EQ(Command({"createmep", "1", "0", "2", "0", "10", "0", "1", "0", "0", "0", "1"}), "");
+  EXPECT_EQ(Command("createma 1 0 2 0 assoc"), "");
+  EXPECT_EQ(Command("createmep 1 0 2 0 10 0 1 0 0 0 1"), "");
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ltm", "--json"}, &status),
             "[{\"sequence_num\":1,\"unexpect_ltr\":0,\"flag\":\"None\",\"target\":\"00:00:00:00:00:00\","
             "\"target_mepid\":0,\"target_ismep\":\"disabled\",\"ttl\":64,\"result\":\"Fail\",\"ltm_sequence\":0}]\n");

@@ -32,24 +32,17 @@ class Lan : public Lab {
     Lab::SetUp();
     if (IsSkipped()) return;
     Shell("ip link del lan0 >/dev/null 2>&1");
-    ASSERT_EQ(Shell("ip link add lan0 type veth peer name lpeer0 && ip link set lan0 up && ip link set lpeer0 up"), 0);
-    for (int i = 0; i < 300 && ReadFile("/sys/class/net/lpeer0/operstate") != "up\n"; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    ASSERT_TRUE(AddLink("lan0", "lpeer0"));
     ASSERT_TRUE(lan_.Open("lpeer0"));
   }
-  void Start(bool debug = false) {
-    std::vector<std::string> args = {"-i", "wan0", "-e", "-l", "lan0"};
-    if (debug) args.push_back("-d");
-    ASSERT_TRUE(StartDaemonReady(args));
-  }
+  void Start(const char *debug = "-e") { ASSERT_TRUE(StartDaemonReady({"-i", "wan0", "-e", "-l", "lan0", debug})); }
   cfmlab::Peer lan_;
 };
 
 // Levels 3 to 7 cross from the LAN to the WAN unchanged, single and double
 // tagged; 0 to 2 stay; nothing the daemon sends comes back to it as received.
 TEST_F(Lan, LanFramesCrossByLevel) {
-  ASSERT_NO_FATAL_FAILURE(Start(true));
+  ASSERT_NO_FATAL_FAILURE(Start("-d"));
   std::vector<Frame> expected;
   for (uint8_t level = 0; level < 8; ++level) {
     for (bool dbl : {false, true}) {
@@ -75,9 +68,9 @@ TEST_F(Lan, WanFramesAndOwnCcmsReachTheLan) {
     ASSERT_TRUE(peer().Send(f));
     EXPECT_EQ(lan_.Receive(1000).value_or(Frame()), f);
   }
-  Command({"createmd", "1", "0", "6", "0", "md"});
-  Command({"createma", "1", "0", "1", "0", "ma"});
-  Command({"createmep", "1", "0", "1", "0", "1", "0", "1", "0", "7", "0", "1"});
+  for (const char *request : {"createmd 1 0 6 0 md", "createma 1 0 1 0 ma", "createmep 1 0 1 0 1 0 1 0 7 0 1"}) {
+    Command(request);
+  }
   auto ccm = [](const Frame &f) { return f.size() > 19 && f[5] == 0x36 && f[19] == 1; };
   auto on_wan = peer().Receive(2500, ccm);
   auto on_lan = lan_.Receive(2500, ccm);

@@ -35,10 +35,10 @@ class LbLoad : public cfmlab::Lab {
   // MD 1 at level 2, MA 1, Down MEP 1 on port 1, VID 100, CCMs off.
   void Start(std::vector<std::string> args = DefaultArgs()) {
     ASSERT_TRUE(StartDaemonReady(args));
-    ASSERT_EQ(Command({"createmd", "1", "0", "2", "0", "dom"}), "");
-    ASSERT_EQ(Command({"createma", "1", "0", "1", "0", "assoc"}), "");
-    ASSERT_EQ(Command({"createmep", "1", "0", "1", "0", "1", "0", "1", "0", "100", "0", "1"}), "");
-    Command({"configmep", "1", "0", "1", "0", "1", "0", "1", "0", "100", "0", "100", "0", "2", "22"});
+    for (const char *request : {"createmd 1 0 2 0 dom", "createma 1 0 1 0 assoc", "createmep 1 0 1 0 1 0 1 0 100 0 1",
+                                "configmep 1 0 1 0 1 0 1 0 100 0 100 0 2 22"}) {
+      ASSERT_EQ(Command(request), "");
+    }
     peer().Drain();
   }
 };
@@ -56,7 +56,7 @@ TEST_F(LbLoad, FloodOfLbmsIsAnsweredOneForOne) {
     }
   }
   EXPECT_EQ(lbrs, kCount);
-  EXPECT_EQ(Command({"runtime", "13"}), std::to_string(kCount) + "\n");  // LbrOut of the MEP
+  EXPECT_EQ(Command("runtime 13"), std::to_string(kCount) + "\n");  // LbrOut of the MEP
 }
 
 // The "lbr" rows are counted in memory and bounded: with 4,096 rows present
@@ -83,7 +83,7 @@ TEST_F(LbLoad, LbrRowsAreBoundedAndStallNothing) {
   std::sort(rtt_ms.begin(), rtt_ms.end());
   EXPECT_LE(rtt_ms[10], 10.0) << "median LBM round trip, ms";
   EXPECT_EQ(ReadFile(std::string(kTree) + "/runtime/cfm/lbr:4097/transID"), "");
-  EXPECT_EQ(Command({"clearlbr"}), "");
+  EXPECT_EQ(Command("clearlbr"), "");
   EXPECT_EQ(access((std::string(kTree) + "/runtime/cfm/lbr:1").c_str(), F_OK), -1);
 }
 

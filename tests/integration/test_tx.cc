@@ -1,4 +1,6 @@
 // The transmission module and the WAN socket layer on a real veth pair.
+#include <net/if.h>
+
 #include <cstring>
 #include <fstream>
 
@@ -24,43 +26,34 @@ Frame make_frame(std::vector<uint16_t> vids, size_t length, uint8_t priority = 3
   return f;
 }
 
+// Frames leave with their tags, padded to 64; a VID 0 tag is taken out.
 TEST_F(Lab, FramesLeaveInWireFormAndInterfaceFactsAreRead) {
-  ASSERT_EQ(CFM_Get_Ifindex("wan0"), IfIndex("wan0"));
+  ASSERT_EQ(CFM_Get_Ifindex("wan0"), static_cast<int>(if_nametoindex("wan0")));
   uint8_t mac[6];
   ASSERT_EQ(CFM_Get_System_Mac(mac), CFM_OK);
   EXPECT_EQ(memcmp(mac, cfmlab::kWanMac.data(), 6), 0);
-  // Frames leave with their tags, padded to 64; a VID 0 tag is taken out.
-  struct Case {
-    std::vector<uint16_t> vids;
-    size_t length;
-  } cases[] = {{{100}, 90}, {{4095}, 64}, {{10, 20}, 120}, {{5}, 40}, {{0}, 80}, {{0}, 40}};
-  for (const Case &c : cases) {
-    Frame sent = make_frame(c.vids, c.length);
+  const std::pair<std::vector<uint16_t>, size_t> cases[] = {{{100}, 90}, {{4095}, 64}, {{10, 20}, 120},
+                                                            {{5}, 40},    {{0}, 80},     {{0}, 40}};
+  for (const auto &[vids, length] : cases) {
+    Frame sent = make_frame(vids, length);
     ASSERT_EQ(CFM_Send_Packet_To_WAN(sent.data(), static_cast<uint32_t>(sent.size()), 3), CFM_OK);
-    Frame expected = sent;
-    if (c.vids == std::vector<uint16_t>{0}) expected.erase(expected.begin() + 12, expected.begin() + 16);
-    expected.resize(std::max<size_t>(64, c.length), 0);
-    auto got = peer().Receive(2000);
-    ASSERT_TRUE(got.has_value());
-    EXPECT_EQ(*got, expected);
+    if (vids == std::vector<uint16_t>{0}) sent.erase(sent.begin() + 12, sent.begin() + 16);
+    sent.resize(std::max<size_t>(64, length), 0);
+    EXPECT_EQ(peer().Receive(2000).value_or(Frame()), sent);
   }
   // Without the LAN socket nothing is sent and the failure is reported.
-  Frame lan = make_frame({7}, 64);
   cfm_debug_msg = 1;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(CFM_Send_Packet_To_LAN(lan.data(), 64, 0), CFM_ERR_FAILURE);
+  EXPECT_EQ(CFM_Send_Packet_To_LAN(make_frame({7}, 64).data(), 64, 0), CFM_ERR_FAILURE);
   EXPECT_NE(testing::internal::GetCapturedStdout().find("CFM: Send the packet Fail\n"), std::string::npos);
   cfm_debug_msg = 0;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(CFM_Get_Ifindex("nosuch0"), 0);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("Can't get nosuch0 mac\n"), std::string::npos);
 }
 
 // Outer tags come back, the CFM groups are joined, and reads never exceed
 // the buffer.
 TEST_F(Lab, WanSocketRestoresTagsAndJoinsGroups) {
   const char *step = nullptr;
-  int fd = cfm_wan_socket_open(IfIndex("wan0"), &step);
+  int fd = cfm_wan_socket_open(static_cast<int>(if_nametoindex("wan0")), &step);
   ASSERT_GE(fd, 0) << step;
   std::ifstream mcast("/proc/net/dev_mcast");
   std::string line, groups;
@@ -81,17 +74,15 @@ TEST_F(Lab, WanSocketRestoresTagsAndJoinsGroups) {
   for (const Frame &sent : {make_frame({100}, 64, 5), make_frame({0}, 70), make_frame({300, 7}, 100), make_frame({}, 64)}) {
     ASSERT_TRUE(peer().Send(sent));
     long got = read_cfm(buf, sizeof buf);
-    ASSERT_EQ(got, static_cast<long>(sent.size()));
-    EXPECT_EQ(Frame(buf, buf + got), sent);
+    EXPECT_EQ(Frame(buf, buf + std::max(got, 0L)), sent);
   }
   // Cut to the caller's buffer, with the tag still in place.
   Frame sent = make_frame({42}, 80);
   ASSERT_TRUE(peer().Send(sent));
-  uint8_t small[20 + 8];
-  memset(small, 0xEE, sizeof small);
-  ASSERT_EQ(read_cfm(small, 20), 20);
-  EXPECT_EQ(Frame(small, small + 20), Frame(sent.begin(), sent.begin() + 20));
-  EXPECT_EQ(small[20], 0xEE);
+  memset(buf, 0xEE, sizeof buf);
+  ASSERT_EQ(read_cfm(buf, 20), 20);
+  EXPECT_EQ(Frame(buf, buf + 20), Frame(sent.begin(), sent.begin() + 20));
+  EXPECT_EQ(buf[20], 0xEE);
   close(fd);
 }
 

@@ -3,10 +3,7 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,10 +30,6 @@ class ConfigTreeDir : public ::testing::Test {
   void TearDown() override {
     ConfigTree::detach();
     fs::remove_all(root_);
-  }
-  std::string File(const std::string &key) {
-    std::ifstream in(root_ / key);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   }
   fs::path root_;
 };

@@ -78,17 +78,16 @@ TEST_F(CliCommands, MdLifeCycle) {
              {"createmd 5 0 9 0 x", full}, {"createmd 5 0 1 0 " + std::string(44, 'n'), full},
              {"createmd 5 0 1 0 12345", ""},  // a numeric name is the text as sent
              {"createmd 6 x 2 x six 0 4 renamed", ""}});  // code 0 is configmd's alone
-  MdEntry md = {.MdIndex = 3};
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
-  EXPECT_EQ((std::vector<int>{md.MdFormat, md.MhfCreation, md.MdLevel}), (std::vector<int>{1, 1, 6}));
-  EXPECT_STREQ(md.MdName, "0123456789012345678901234567890123456789012");
-  md.MdIndex = 5;
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
-  EXPECT_STREQ(md.MdName, "12345");
-  md.MdIndex = 6;
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
-  EXPECT_EQ(md.MdLevel, 2);
-  EXPECT_STREQ(md.MdName, "renamed");
+  auto md = [](uint32_t index) {
+    MdEntry entry = {.MdIndex = index};
+    EXPECT_EQ(CFM_IF_Get_MD_Entry(&entry), 1) << index;
+    return entry;
+  };
+  EXPECT_EQ((std::vector<int>{md(3).MdFormat, md(3).MhfCreation, md(3).MdLevel, md(6).MdLevel}),
+            (std::vector<int>{1, 1, 6, 2}));
+  EXPECT_STREQ(md(3).MdName, "0123456789012345678901234567890123456789012");
+  EXPECT_STREQ(md(5).MdName, "12345");
+  EXPECT_STREQ(md(6).MdName, "renamed");
 }
 
 // MD 3 holds MA 7, but deletemd looks only at the MA of smallest index (4,

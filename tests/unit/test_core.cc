@@ -1,5 +1,5 @@
-// MAC text parsing, the frame-type words, the global settings record and the
-// system clock units. Printing MACs is checked through the command texts.
+// MAC text parsing, the frame-type words and the global settings record.
+// Printing MACs is checked through the command texts.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -7,7 +7,6 @@
 #include "core/frame_type.h"
 #include "core/global.h"
 #include "core/hwaddr.h"
-#include "core/os.h"
 
 namespace {
 
@@ -52,19 +51,6 @@ TEST(GlobalEntry, RangeChecksLeaveTheRecordUnchanged) {
     EXPECT_EQ(Stored(), (std::vector<long>{e.status, e.default_md_level, e.mhf_creation, e.sender_id_permission}));
   }
   CFM_Global_Reset();
-}
-
-uint32_t g_fake_seconds = 1234;
-uint32_t fake_clock() { return g_fake_seconds; }
-
-TEST(SystemTime, UnitsAndWrap) {
-  CFM_OS_Set_Clock_Source(fake_clock);
-  const std::pair<int, uint32_t> units[] = {{CFM_TIME_MSEC, 1234000u}, {CFM_TIME_HUNDREDTHS, 123400u},
-                                            {CFM_TIME_TENTHS, 12340u}, {CFM_TIME_SEC, 1234u}, {-1, 1234000u}};
-  for (const auto &[unit, value] : units) EXPECT_EQ(CFM_OS_Get_SystemTime(unit), value) << unit;
-  g_fake_seconds = 0x80000001u;  // products wrap modulo 2^32
-  EXPECT_EQ(CFM_OS_Get_SystemTime(CFM_TIME_MSEC), static_cast<uint32_t>(0x80000001ull * 1000));
-  CFM_OS_Set_Clock_Source(nullptr);
 }
 
 }  // namespace

@@ -45,8 +45,7 @@ class HostileInput : public harness::EngineTest {
   void SetUp() override {
     EngineTest::SetUp();
     for (uint8_t level = 1; level <= 3; ++level) add_md(level, level);
-    MaNetEntry ma = {2, 1, 2, "ma1", 4, 0};
-    ASSERT_EQ(CFM_Set_MA_Net_Entry(&ma), 1);
+    add_ma(2, 1, "ma1");
     for (uint32_t md = 1; md <= 3; ++md) {
       MepEntry mep = add_mep(md, 1, static_cast<uint16_t>(md), 1, 100, md == 3 ? 2 : 1);
       mep.CciEnabled = 1, mep.LbmRunning = 1, mep.LbmRemaining = 3, mep.LbmWaitTicks = 5;

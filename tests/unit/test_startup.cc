@@ -25,26 +25,6 @@ const char *Scratch(const std::string &text) {
   return kScratch.c_str();
 }
 
-// Runs cfm_parse_args on the words (argv[0] added); stdout is swallowed.
-struct ParseResult {
-  int result;
-  char ifname[IFNAMSIZ];
-  int frame_type;
-  std::string out;
-};
-ParseResult parse(std::vector<std::string> words) {
-  words.insert(words.begin(), "cfmd");
-  std::vector<char *> argv;
-  for (auto &w : words) argv.push_back(w.data());
-  argv.push_back(nullptr);
-  ParseResult r;
-  r.frame_type = CFM_FRAME_TYPE_UNKNOWN;
-  r.out = harness::stdout_of([&] {
-    r.result = cfm_parse_args(static_cast<int>(words.size()), argv.data(), r.ifname, &r.frame_type);
-  });
-  return r;
-}
-
 class StartupInput : public testing::Test {
  protected:
   void SetUp() override { TearDown(); }
@@ -78,7 +58,7 @@ TEST_F(StartupInput, ConfigEnableFile) {
 // count; the name is bounded to the system limit; no -i is a failure.
 TEST_F(StartupInput, OptionsAndTheirResults) {
   struct Case {
-    std::vector<std::string> words;
+    std::vector<std::string> words;  // after argv[0]
     int result;
     const char *ifname, *out;
     int frame_type;
@@ -86,18 +66,26 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
       {{"-i", "wan0"}, 1, "wan0", "CFM interface is wan0\nClose CFM debug message\n", CFM_FRAME_TYPE_UNKNOWN},
       {{"-w", "-d", "-e", "-i", "ppp0", "-f", "8023"}, 2, "ppp0", "CFM interface is ppp0\nOpen CFM debug message\n",
        CFM_FRAME_TYPE_8023},
-      {{"-x", "-i", "a0", "-q", "-i", "b0", "-f", "ethernet"}, 1, "b0", nullptr, CFM_FRAME_TYPE_ETH},
-      {{"-i", std::string(40, 'x'), "-f", "8023", "-f", "802"}, 1, "xxxxxxxxxxxxxxx", nullptr, CFM_FRAME_TYPE_UNKNOWN},
-      {{}, 0, nullptr, "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
-      {{"-e", "-w", "-f", "eth"}, 0, nullptr, "CFM need interface\n", CFM_FRAME_TYPE_ETH},
-      {{"-i"}, 0, nullptr, "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
+      {{"-x", "-i", "a0", "-q", "-i", "b0", "-f", "ethernet"}, 1, "b0", "", CFM_FRAME_TYPE_ETH},
+      {{"-i", std::string(40, 'x'), "-f", "8023", "-f", "802"}, 1, "xxxxxxxxxxxxxxx", "", CFM_FRAME_TYPE_UNKNOWN},
+      {{}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
+      {{"-e", "-w", "-f", "eth"}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_ETH},
+      {{"-i"}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
   };
-  for (const Case &c : cases) {
-    ParseResult r = parse(c.words);
-    EXPECT_EQ(r.result, c.result) << r.out;
-    if (c.ifname != nullptr) { EXPECT_STREQ(r.ifname, c.ifname); }
-    if (c.out != nullptr) { EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out; }
-    EXPECT_EQ(r.frame_type, c.frame_type) << r.out;
+  for (Case &c : cases) {
+    c.words.insert(c.words.begin(), "cfmd");
+    std::vector<char *> argv;
+    for (auto &w : c.words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    char ifname[IFNAMSIZ] = "";
+    int result = -1, frame_type = CFM_FRAME_TYPE_UNKNOWN;
+    std::string out = harness::stdout_of([&] {
+      result = cfm_parse_args(static_cast<int>(c.words.size()), argv.data(), ifname, &frame_type);
+    });
+    EXPECT_EQ(result, c.result) << out;
+    EXPECT_STREQ(ifname, c.ifname);
+    EXPECT_NE(out.find(c.out), std::string::npos) << out;
+    EXPECT_EQ(frame_type, c.frame_type) << out;
   }
   EXPECT_EQ(isCfmEnable(), 1u);  // -e of the second case stays
 }

@@ -1,4 +1,4 @@
-// The tables: MD and MA rows, MEPs and MIPs in numeric key order, remote
+// The tables: MD and MA rows, MEPs in numeric key order, remote
 // MEPs and linktrace replies with their capacity rules, and two threads
 // hammering the MEP and remote-MEP tables at once.
 #include <thread>
@@ -65,16 +65,15 @@ TEST_F(MdMaTest, RowStatusRulesOrderAndCapacity) {
 }
 
 MepEntry mep(uint32_t md, uint32_t ma, uint16_t id, uint8_t port = 0, uint16_t vid = 0, uint8_t dir = 1) {
-  MepEntry e{};
-  e.md_id = md, e.ma_id = ma, e.mep_id = id, e.port = port, e.vid = vid, e.direction = dir;
-  return e;
+  return MepEntry{md, ma, id, port, vid, dir};
 }
 
 using Keys = std::vector<std::vector<uint32_t>>;
-using MepMipTest = DbTest;
+using MepTableTest = DbTest;
 
 // Values above 255 would be misordered by a byte-wise little-endian compare.
-TEST_F(MepMipTest, WalksFollowNumericKeyOrderAfterMixedChanges) {
+// (MIPs share the table code; only the management request creates them.)
+TEST_F(MepTableTest, WalkFollowsNumericKeyOrderAfterMixedChanges) {
   for (MepEntry e : {mep(1, 513, 1), mep(2, 1, 1), mep(1, 1, 2, 0, 3, 2), mep(1, 1, 2, 0, 3), mep(1, 1, 2, 0, 512),
                      mep(1, 1, 2, 1), mep(1, 1, 2), mep(1, 1, 300), mep(1, 2, 1), mep(256, 1, 1)}) {
     ASSERT_EQ(CFM_Update_MEP_Entry(&e), 1);
@@ -89,20 +88,12 @@ TEST_F(MepMipTest, WalksFollowNumericKeyOrderAfterMixedChanges) {
   EXPECT_EQ(walk, (Keys{{1, 1, 2, 0, 3, 1}, {1, 1, 2, 0, 3, 2}, {1, 1, 2, 0, 512, 1}, {1, 1, 2, 1, 0, 1},
                         {1, 1, 300, 0, 0, 1}, {1, 2, 1, 0, 0, 1}, {1, 513, 1, 0, 0, 1}, {256, 1, 1, 0, 0, 1}}));
   EXPECT_EQ(CFM_Get_TotalMepEntries(), walk.size() + 1);
-
-  for (MipEntry m : std::vector<MipEntry>{{2, 1, 1, 0, 1}, {1, 1, 9, 0, 1}, {1, 1, 1, 8, 1}, {1, 300, 1, 0, 1}}) {
-    ASSERT_EQ(CFM_Update_MIP_Entry(&m), 1);
-  }
-  walk.clear();
-  for (MipEntry m{}; CFM_GetNext_MIP_Entry(&m) == 1;) walk.push_back({m.md_id, m.ma_id, m.MipId, m.port});
-  EXPECT_EQ(walk, (Keys{{1, 1, 1, 8}, {1, 1, 9, 0}, {1, 300, 1, 0}, {2, 1, 1, 0}}));
 }
 
-TEST_F(MepMipTest, FullTablesAndWholeRecordUpdates) {
+TEST_F(MepTableTest, FullTableAndWholeRecordUpdates) {
   for (uint16_t i = 1; i <= CFM_MAX_MEP + 1; ++i) {
     MepEntry e = mep(1, 1, i);
-    MipEntry m{1, 1, i, 0, 1};
-    ASSERT_EQ(CFM_Update_MEP_Entry(&e) + CFM_Update_MIP_Entry(&m), i <= CFM_MAX_MEP ? 2 : 0);
+    ASSERT_EQ(CFM_Update_MEP_Entry(&e), i <= CFM_MAX_MEP ? 1 : 0);
   }
   MepEntry existing = mep(1, 1, 64);
   existing.LbrExpectedTransId = 0xdeadbeef;  // a field at the record's end
@@ -112,7 +103,7 @@ TEST_F(MepMipTest, FullTablesAndWholeRecordUpdates) {
   ASSERT_EQ(CFM_Get_MEP_Entry(&got), 1);
   EXPECT_EQ(got.LbrExpectedTransId, 0xdeadbeefu);
   EXPECT_EQ(got.LbmDataTlv[CFM_LBM_DATA_TLV_SIZE - 1], 'x');
-  EXPECT_EQ(CFM_Get_TotalMepEntries() + CFM_Get_TotalMipEntries(), 128u);
+  EXPECT_EQ(CFM_Get_TotalMepEntries(), 64u);
 }
 
 using Row = std::vector<int64_t>;

@@ -46,7 +46,7 @@ class MgmtIfTest : public harness::DbTest {
   }
 };
 
-TEST_F(MgmtIfTest, MdMaAndMipValidationAndDefaults) {
+TEST_F(MgmtIfTest, MdAndMaValidationAndDefaults) {
   EXPECT_EQ(CFM_IF_Set_MD_Entry(nullptr), CFM_ERR_NULL_REQUEST);
   const std::pair<void (*)(MdEntry &), uint32_t> md_cases[] = {
       {[](MdEntry &e) { memset(e.MdName, 'a', sizeof e.MdName); }, CFM_ERR_OUT_OF_RANGE},
@@ -77,18 +77,6 @@ TEST_F(MgmtIfTest, MdMaAndMipValidationAndDefaults) {
   MaNetEntry first{0, 99};  // GetFirst ignores what the buffer held
   ASSERT_EQ(CFM_IF_GetFirst_MA_Net_Entry(&first) + CFM_IF_GetNext_MA_Net_Entry(&first), 2);
   EXPECT_EQ(V({first.MaIndex, first.CcmInterval, first.MaFormat}), V({3, 4, 1}));
-
-  MipEntry mip{1, 2, 8191, 9, 3};
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_ERR_OUT_OF_RANGE);  // port 9 before the row status
-  mip.port = 8;
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_ERR_UNKNOWN_ROW_STATUS);
-  mip = {1, 7, 8191, 8, CFM_ROW_CREATE};
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_ERR_NO_MD_MA);
-  mip.ma_id = 2;
-  ASSERT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_OK);
-  mip.RowStatus = CFM_ROW_DELETE;
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_OK);
-  EXPECT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_ERR_FAILURE);
 }
 
 // Each request breaks the checks named; the status must be that of the

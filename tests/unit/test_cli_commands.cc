@@ -67,8 +67,7 @@ class CliCommands : public DbTest {
   fs::path tree_;
 };
 
-// The plain refusals (index exists, unknown index, bad level) are checked
-// through the real socket; here the field rules.
+// The MD field rules of createmd and configmd.
 TEST_F(CliCommands, MdLifeCycle) {
   const char ok[] = "\r\nMD config Success!!", full[] = "\r\nError!! MD Table is full";
   // configmd: an unknown value leaves the field; code 3 is passed over alone,
@@ -253,8 +252,7 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   MakeMdMa();
   Cli("createmep 1 0 2 0 20 0 1 0 0 0 1");
   MepEntry last = Mep(20);
-  last.LbrIn = 4;
-  last.CcmSequenceErrors = 2;
+  last.LbrIn = 4, last.CcmSequenceErrors = 2;
   ASSERT_EQ(CFM_Update_MEP_Entry(&last), 1);
   for (int kind = 3; kind <= 6; ++kind) EXPECT_EQ(Cli("update " + std::to_string(kind)), "");
   // The last MEP's values stay.

@@ -1,6 +1,7 @@
 // Management interface: validation order (the first failing check decides),
 // defaults, row-status handling and the linktrace step of a MEP Set. The
-// defaults that showmep prints are checked through the commands.
+// defaults that showmep prints, and the MD level limit, are checked through
+// the commands.
 #include <cstring>
 #include <vector>
 
@@ -51,7 +52,6 @@ TEST_F(MgmtIfTest, MdAndMaValidationAndDefaults) {
   const std::pair<void (*)(MdEntry &), uint32_t> md_cases[] = {
       {[](MdEntry &e) { memset(e.MdName, 'a', sizeof e.MdName); }, CFM_ERR_OUT_OF_RANGE},
       {[](MdEntry &e) { e.MdFormat = 5; }, CFM_ERR_OUT_OF_RANGE},
-      {[](MdEntry &e) { e.MdLevel = 8; }, CFM_ERR_OUT_OF_RANGE},
       {[](MdEntry &e) { e.MhfCreation = 5; }, CFM_ERR_OUT_OF_RANGE},
       {[](MdEntry &e) { e.SenderIdPermission = 6; }, CFM_ERR_OUT_OF_RANGE},
       {[](MdEntry &e) { e.RowStatus = 3; }, CFM_ERR_OUT_OF_RANGE},

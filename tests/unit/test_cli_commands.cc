@@ -1,23 +1,14 @@
 // Command handlers driven in-process through the request parser, against the
 // real database, with standard output captured; the number test and the
 // request reader of the command server.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
-#include "cli/server.h"
 #include "core/config_tree.h"
-#include "core/status.h"
-#include "db/mgmt_if.h"
 #include "harness.h"
-
-using harness::DbTest;
 
 namespace fs = std::filesystem;
 
@@ -26,8 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using harness::Cli;
-using harness::ExpectCli;
+using namespace harness;
 
 const char kMissing[] = "\r\nError!! Missing argument";
 const char kInvalid[] = "\r\nError!! Invalid argument";
@@ -40,6 +30,7 @@ class CliCommands : public DbTest {
   static void SetUpTestSuite() { CFM_Create_MEP_SYC_Sem(); }
   void SetUp() override {
     DbTest::SetUp();
+    CFM_Global_Reset();
     CFM_IF_Set_LTM_Transmitter(fake_ltm);
     char tmpl[] = "/tmp/cli_tree_XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -62,19 +53,11 @@ class CliCommands : public DbTest {
   }
   // MD 1 "dom", MA 2 "assoc" and, unless told otherwise, MEP 10 (port 1, vid 0, Down).
   void MakeMdMa(bool with_mep = true) {
-    ASSERT_EQ(Cli("createmd 1 0 5 0 dom"), "");
-    ASSERT_EQ(Cli("createma 1 0 2 0 assoc"), "");
-    if (with_mep) {
-      ASSERT_EQ(Cli("createmep 1 0 2 0 10 0 1 0 0 0 1"), "");
-    }
+    ExpectCli({{"createmd 1 0 5 0 dom", ""}, {"createma 1 0 2 0 assoc", ""}});
+    if (with_mep) ExpectCli({{"createmep 1 0 2 0 10 0 1 0 0 0 1", ""}});
   }
   MepEntry Mep(uint16_t mep_id = 10, uint8_t direction = 1) {
-    MepEntry mep = {};
-    mep.md_id = 1;
-    mep.ma_id = 2;
-    mep.mep_id = mep_id;
-    mep.port = 1;
-    mep.direction = direction;
+    MepEntry mep = {.md_id = 1, .ma_id = 2, .mep_id = mep_id, .port = 1, .direction = direction};
     EXPECT_EQ(CFM_IF_Get_MEP_Entry(&mep), 1);
     return mep;
   }
@@ -84,8 +67,7 @@ class CliCommands : public DbTest {
   fs::path tree_;
 };
 
-// The plain refusals (index exists, unknown index, bad level) are checked
-// through the real socket; here the field rules.
+// The MD field rules of createmd and configmd.
 TEST_F(CliCommands, MdLifeCycle) {
   const char ok[] = "\r\nMD config Success!!", full[] = "\r\nError!! MD Table is full";
   // configmd: an unknown value leaves the field; code 3 is passed over alone,
@@ -95,18 +77,16 @@ TEST_F(CliCommands, MdLifeCycle) {
              {"createmd 5 0 9 0 x", full}, {"createmd 5 0 1 0 " + std::string(44, 'n'), full},
              {"createmd 5 0 1 0 12345", ""},  // a numeric name is the text as sent
              {"createmd 6 x 2 x six 0 4 renamed", ""}});  // code 0 is configmd's alone
-  MdEntry md = {};
-  md.MdIndex = 3;
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
-  EXPECT_EQ((std::vector<int>{md.MdFormat, md.MhfCreation, md.MdLevel}), (std::vector<int>{1, 1, 6}));
-  EXPECT_STREQ(md.MdName, "0123456789012345678901234567890123456789012");
-  md.MdIndex = 5;
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
-  EXPECT_STREQ(md.MdName, "12345");
-  md.MdIndex = 6;
-  ASSERT_EQ(CFM_IF_Get_MD_Entry(&md), 1);
-  EXPECT_EQ(md.MdLevel, 2);
-  EXPECT_STREQ(md.MdName, "renamed");
+  auto md = [](uint32_t index) {
+    MdEntry entry = {.MdIndex = index};
+    EXPECT_EQ(CFM_IF_Get_MD_Entry(&entry), 1) << index;
+    return entry;
+  };
+  EXPECT_EQ((std::vector<int>{md(3).MdFormat, md(3).MhfCreation, md(3).MdLevel, md(6).MdLevel}),
+            (std::vector<int>{1, 1, 6, 2}));
+  EXPECT_STREQ(md(3).MdName, "0123456789012345678901234567890123456789012");
+  EXPECT_STREQ(md(5).MdName, "12345");
+  EXPECT_STREQ(md(6).MdName, "renamed");
 }
 
 // MD 3 holds MA 7, but deletemd looks only at the MA of smallest index (4,
@@ -251,16 +231,11 @@ TEST_F(CliCommands, ShowMepBlocksAndRuntime) {
              {"runtime 17", "00:0a:0b:0c:0d:0e\n00:00:00:00:00:00\n00:00:00:00:00:00\n"}, {"runtime 23", ""}});
 }
 
-void StoreRemoteMep(const RemoteMepEntry &rmep) {
-  ASSERT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
-  CFM_MEP_DB_Store_RemEntry(&rmep);
-  ASSERT_EQ(CFM_MEP_DB_RemEntry_Count(), 1u);
-}
-
 TEST_F(CliCommands, RemoteMepsAndLinktraceReplies) {
-  StoreRemoteMep({.md_id = 1, .ma_id = 2, .rmep_id = 5, .mep_id = 10, .ReceiveTime = 2500,
-                  .src_mac = {0, 0, 0, 0, 0, 0x42}, .PortStatus = 2, .InterfaceStatus = 9, .port = 1,
-                  .vlan_id = 100, .SequenceNum = 7});
+  const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .mep_id = 10, .ReceiveTime = 2500,
+                               .src_mac = {0, 0, 0, 0, 0, 0x42}, .PortStatus = 2, .InterfaceStatus = 9, .port = 1,
+                               .vlan_id = 100, .SequenceNum = 7};
+  CFM_MEP_DB_Store_RemEntry(&rmep);
   EXPECT_EQ(Cli("showremotemep"),
             "\r\n MdID  : 1\r\n MaID  : 2\r\n MepID  : 10\r\n PortNumber   : 1\r\n vid   : 100\r\n RemoteMepID : 5"
             "\r\n SrcMacAddress : 00:00:00:00:00:42\r\n ReciveTime  : 2s\r\n SequenceNum  : 7\r\n PortStatusTlv  : UP");
@@ -277,15 +252,15 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   MakeMdMa();
   Cli("createmep 1 0 2 0 20 0 1 0 0 0 1");
   MepEntry last = Mep(20);
-  last.LbrIn = 4;
-  last.CcmSequenceErrors = 2;
+  last.LbrIn = 4, last.CcmSequenceErrors = 2;
   ASSERT_EQ(CFM_Update_MEP_Entry(&last), 1);
   for (int kind = 3; kind <= 6; ++kind) EXPECT_EQ(Cli("update " + std::to_string(kind)), "");
   // The last MEP's values stay.
   EXPECT_EQ(Tree({"lbm/valid_lbr_in", "lbm/status", "ccm/sequence_err", "ccm/defect", "ltm/target_ismep"}),
             "4\nLBM Transmit Finished\n2\nRDI CCM\ndisabled\n");
 
-  StoreRemoteMep({.md_id = 1, .ma_id = 2, .rmep_id = 5, .src_mac = {0x10}, .vlan_id = 7});
+  const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .src_mac = {0x10}, .vlan_id = 7};
+  CFM_MEP_DB_Store_RemEntry(&rmep);
   ConfigTree::setInt(2, "/runtime/cfm/rmep#");
   ConfigTree::setStr("stale", "/runtime/cfm/rmep:%d/md_id", 0);
   ConfigTree::setStr("stale", "/runtime/cfm/rmep:%d/md_id", 2);  // row "count" is never deleted
@@ -313,26 +288,13 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   EXPECT_EQ(Tree({"lbm/sending"}), "0\n");
 }
 
-class CliServer : public ::testing::Test {
- protected:
-  void SetUp() override { CFM_Global_Reset(); }
-};
-
-TEST(CliNumber, DigitsOnly) {
-  for (const char *yes : {"0", "0042"}) EXPECT_EQ(cfm_cli_is_number(yes), 1) << yes;
-  for (const char *no : {"", "-4", "12abc", "0x10", "5\n"}) EXPECT_EQ(cfm_cli_is_number(no), 0) << no;
-  EXPECT_EQ(cfm_cli_is_number(nullptr), 0);
-}
-
-TEST_F(CliServer, WordsSplitOnSpacesOnly) {
+// Words split on spaces only; a number is digits only.
+TEST_F(CliCommands, WordsAndGlobalCommands) {
   const std::string defaults = "\r\n Default MD Level  : 4\r\n default_MHF_creation  : CFM MHF CREATION DEFAULT";
   ExpectCli({{"default 4 0 2", ""}, {"   showdefault    0001   ", defaults}, {"showdefault\t1", "unknown command !\n"},
-             {"SHOWDEFAULT 1", "unknown command !\n"}, {"showdefault 1\n", "\r\nError!! Invalid argument"},
-             {"showdefault -4", "\r\nError!! Invalid argument"},
-             {"", ""}, {"     ", ""}});
-}
+             {"SHOWDEFAULT 1", "unknown command !\n"}, {"showdefault 1\n", kInvalid}, {"showdefault -4", kInvalid},
+             {"showdefault 1abc", kInvalid}, {"showdefault 0x1", kInvalid}, {"", ""}, {"     ", ""}});
 
-TEST_F(CliServer, GlobalCommands) {
   const char off[] = "\r\n CFM Status  : disabled", on[] = "\r\n CFM Status  : enabled";
   // default: level 5 with MHF code 3 stores the level only; level 9 is refused as a whole.
   ExpectCli({{"showdefault 2", off}, {"enable", ""}, {"showdefault 2", on}, {"disable extra words", ""},
@@ -347,31 +309,18 @@ TEST_F(CliServer, GlobalCommands) {
 
 // The request reader: a line ends at '\n' (kept), at 1023 bytes or at end of
 // stream. (The timeout and serving are exercised through the real socket.)
-class RequestReader : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0); }
-  void TearDown() override {
-    close(fds_[0]);
-    if (fds_[1] >= 0) close(fds_[1]);
+TEST(RequestReader, LineEndsAtNewline1023BytesOrEndOfStream) {
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  const std::string sent = "showmd\n" + std::string(2000, 'a');
+  ASSERT_EQ(write(fds[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
+  close(fds[1]);
+  char line[CFM_CLI_LINE_MAX + 1];
+  for (const std::string &expect : {std::string("showmd\n"), std::string(1023, 'a'), std::string(977, 'a')}) {
+    ASSERT_TRUE(cfm_cli_read_request(fds[0], line, 500));
+    EXPECT_EQ(std::string(line), expect);
   }
-  void Send(const std::string &text) { ASSERT_EQ(write(fds_[1], text.data(), text.size()), (ssize_t)text.size()); }
-  void CloseClient() {
-    close(fds_[1]);
-    fds_[1] = -1;
-  }
-  int fds_[2] = {-1, -1};
-  char line_[CFM_CLI_LINE_MAX + 1];
-};
-
-TEST_F(RequestReader, LineEndsAtNewline1023BytesOrEndOfStream) {
-  Send("showmd\n" + std::string(2000, 'a'));
-  ASSERT_TRUE(cfm_cli_read_request(fds_[0], line_, 500));
-  EXPECT_STREQ(line_, "showmd\n");
-  ASSERT_TRUE(cfm_cli_read_request(fds_[0], line_, 500));
-  EXPECT_EQ(std::string(line_), std::string(1023, 'a'));
-  CloseClient();
-  ASSERT_TRUE(cfm_cli_read_request(fds_[0], line_, 500));
-  EXPECT_EQ(std::string(line_), std::string(977, 'a'));
+  close(fds[0]);
 }
 
 }  // namespace

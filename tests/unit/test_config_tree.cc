@@ -21,15 +21,18 @@ uint16_t Rows(const char *key) {
 
 class ConfigTreeDir : public ::testing::Test {
  protected:
+  // The tree sits one level inside a private directory, so a key that
+  // wrongly escapes it can only reach that directory, never /tmp itself.
   void SetUp() override {
     char tmpl[] = "/tmp/cfgtree_XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
+    root_ = fs::path(tmpl) / "tree";
+    fs::create_directory(root_);
     ASSERT_TRUE(ConfigTree::attachDirectory(root_.string()));
   }
   void TearDown() override {
     ConfigTree::detach();
-    fs::remove_all(root_);
+    fs::remove_all(root_.parent_path());
   }
   fs::path root_;
 };

@@ -1,5 +1,6 @@
-// Loopback under load against the real daemon: a flood of LBMs, and LBRs
-// arriving while the tree holds its full count of "lbr" rows. The frames and
+// Loopback under load against the real daemon: LBRs arriving while the tree
+// holds its full count of "lbr" rows. (A flood of LBMs is answered in the
+// LAN flood test; a burst read in full is checked with CCMs.) The frames and
 // rules of loopback and linktrace are checked in-process by the unit tests;
 // the demo runs both end to end between two daemons.
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 namespace {
 
 using cfmlab::Frame;
+using cfmlab::Lab;
 const char kTree[] = "/var/tree";
 
 // A padded LBM (opcode 3) or LBR (2) from the peer to wan0 at level 2, VID
@@ -30,42 +32,18 @@ Frame Lb(uint8_t opcode, uint32_t id) {
 bool IsLbr(const Frame &f) { return cfmlab::IsCfmFrame(f) && f.size() > 25 && f[19] == 2; }
 uint32_t IdOf(const Frame &f) { return (uint32_t(f[22]) << 24) | (f[23] << 16) | (f[24] << 8) | f[25]; }
 
-class LbLoad : public cfmlab::Lab {
- protected:
-  // MD 1 at level 2, MA 1, Down MEP 1 on port 1, VID 100, CCMs off.
-  void Start(std::vector<std::string> args = DefaultArgs()) {
-    ASSERT_TRUE(StartDaemonReady(args));
-    for (const char *request : {"createmd 1 0 2 0 dom", "createma 1 0 1 0 assoc", "createmep 1 0 1 0 1 0 1 0 100 0 1",
-                                "configmep 1 0 1 0 1 0 1 0 100 0 100 0 2 22"}) {
-      ASSERT_EQ(Command(request), "");
-    }
-    peer().Drain();
-  }
-};
-
-// Thousands of LBMs back to back: one LBR for each, none lost.
-TEST_F(LbLoad, FloodOfLbmsIsAnsweredOneForOne) {
-  ASSERT_NO_FATAL_FAILURE(Start());
-  constexpr uint32_t kCount = 5000;
-  for (uint32_t id = 0; id < kCount; ++id) ASSERT_TRUE(peer().Send(Lb(3, id)));
-  std::vector<bool> seen(kCount);
-  uint32_t lbrs = 0;
-  for (int i = 0; i < 100 && lbrs < kCount; ++i) {
-    for (const Frame &f : peer().ReceiveAll(50, IsLbr)) {
-      if (IdOf(f) < kCount && !seen[IdOf(f)]) seen[IdOf(f)] = true, ++lbrs;
-    }
-  }
-  EXPECT_EQ(lbrs, kCount);
-  EXPECT_EQ(Command("runtime 13"), std::to_string(kCount) + "\n");  // LbrOut of the MEP
-}
-
 // The "lbr" rows are counted in memory and bounded: with 4,096 rows present
 // and 1,000 LBRs a second arriving, LBMs are still answered within 10 ms,
 // no row beyond the bound is written, and clearlbr removes them all.
-TEST_F(LbLoad, LbrRowsAreBoundedAndStallNothing) {
+TEST_F(Lab, LbrRowsAreBoundedAndStallNothing) {
   WriteFile(std::string(kTree) + "/runtime/cfm/clear", "0\n");
   for (int n = 1; n <= 4096; ++n) mkdir((std::string(kTree) + "/runtime/cfm/lbr:" + std::to_string(n)).c_str(), 0755);
-  ASSERT_NO_FATAL_FAILURE(Start({"-i", "wan0", "-e", "-t", kTree}));
+  ASSERT_TRUE(StartDaemonReady({"-i", "wan0", "-e", "-t", kTree}));
+  // MD 1 at level 2, MA 1, Down MEP 1 on port 1, VID 100, CCMs off.
+  for (const char *request : {"createmd 1 0 2 0 dom", "createma 1 0 1 0 assoc", "createmep 1 0 1 0 1 0 1 0 100 0 1",
+                              "configmep 1 0 1 0 1 0 1 0 100 0 100 0 2 22"}) {
+    ASSERT_EQ(Command(request), "");
+  }
   std::atomic<bool> done{false};
   std::thread lbrs([&] {
     for (uint32_t id = 0; !done; ++id, std::this_thread::sleep_for(std::chrono::milliseconds(1))) peer().Send(Lb(2, id));

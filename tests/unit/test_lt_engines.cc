@@ -199,6 +199,10 @@ TEST_F(Linktrace, LtrsAreRecordedAndNumberedOrRefused) {
   EXPECT_STREQ(all[0].ReplyEgressPort, "");
   EXPECT_EQ(Bytes({uint8_t(all[1].ReplyNumber), all[1].relay, uint8_t(all[1].forward), uint8_t(all[2].ReplyNumber)}),
             Bytes({1, 2, 1, 2}));
+  // With its Hit row gone (a full table drops it first) the transaction is
+  // still expected through its other replies.
+  ASSERT_EQ(CFM_DB_Del_LtrEntry(&all[0]), CFM_DB_FOUND);
+  EXPECT_EQ(ltr_in(5, 2, 0x40, {0}), CFM_OK);
   EXPECT_EQ(read_mep(mep).UnexpectedLtrIn, 1u);
 }
 

@@ -49,14 +49,13 @@ TEST_F(CcmRx, WhichMepsACcmReaches) {
   deliver_ccm(PeerCcm().untagged(), 10);
   EXPECT_EQ(flags() + CFM_MEP_DB_RemEntry_Count(), 0u);
   reset();
+  // Interval mismatch: error CCM; then no MA of that name: cross-connect.
   PeerCcm ccm;
-  ccm.interval = 3;
-  deliver_ccm(ccm.untagged(), 10);
-  EXPECT_EQ(flags(), 1u);  // interval mismatch: error CCM
-  ccm.interval = 4;
-  ccm.ma_name = "other";
-  deliver_ccm(ccm.untagged(), 10);
-  EXPECT_EQ(flags(), 11u);  // no MA of that name: cross-connect
+  for (auto [interval, ma, want] : {std::tuple<uint8_t, const char *, uint32_t>{3, "ma", 1}, {4, "other", 11}}) {
+    ccm.interval = interval, ccm.ma_name = ma;
+    deliver_ccm(ccm.untagged(), 10);
+    EXPECT_EQ(flags(), want);
+  }
   EXPECT_EQ(CFM_MEP_DB_RemEntry_Count(), 0u);
 
   reset();

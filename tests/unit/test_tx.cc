@@ -12,10 +12,11 @@ namespace {
 
 // A CFM frame of `length` bytes with a counting payload and an 802.1Q tag.
 Bytes tagged(uint16_t vid, size_t length) {
-  Bytes f(length);
-  for (size_t i = 0; i < length; ++i) f[i] = static_cast<uint8_t>(i + 1);
+  Bytes f(std::max<size_t>(length, 16));
+  for (size_t i = 0; i < f.size(); ++i) f[i] = static_cast<uint8_t>(i + 1);
   Bytes tag = {0x81, 0x00, static_cast<uint8_t>(0xE0 | (vid >> 8)), static_cast<uint8_t>(vid)};
   std::copy(tag.begin(), tag.end(), f.begin() + 12);
+  f.resize(length);  // a short frame keeps what fits of the tag
   return f;
 }
 

@@ -82,15 +82,13 @@ TEST_F(Responder, HeaderChecksDropAndRepliesOnlyWhenAllowed) {
 }
 
 TEST_F(Responder, TlvWalkOutcomes) {
+  // Sender ID, org, type 64 and End; a length past the frame (reported);
+  // Port Status; exactly one byte after the last TLV, which stands for the
+  // End TLV; a length of 0xFFFF; a header cut after the type; no TLV at all.
   const std::pair<Bytes, uint32_t> cases[] = {
-      {{1, 0, 1, 9, 31, 0, 3, 0, 0, 0, 64, 0, 0, 0}, CFM_OK},  // sender id, org, type 64, end
-      {{3, 0, 40, 'x', 0}, CFM_ERR_TLV},                      // length past the frame
-      {{2, 0, 1, 2, 0}, CFM_ERR_TLV},                         // port status
-      {{3, 0, 1, 'x', 0x55}, CFM_OK},  // exactly one byte after the last TLV stands for the End TLV
-      {{3, 0xFF, 0xFF, 0}, CFM_ERR_TLV},
-      {{1, 0, 0, 3, 0}, CFM_ERR_TLV},  // header cut after the type
-      {{}, CFM_ERR_TLV},               // no TLV at all
-  };
+      {{1, 0, 1, 9, 31, 0, 3, 0, 0, 0, 64, 0, 0, 0}, CFM_OK}, {{3, 0, 40, 'x', 0}, CFM_ERR_TLV},
+      {{2, 0, 1, 2, 0}, CFM_ERR_TLV}, {{3, 0, 1, 'x', 0x55}, CFM_OK}, {{3, 0xFF, 0xFF, 0}, CFM_ERR_TLV},
+      {{1, 0, 0, 3, 0}, CFM_ERR_TLV}, {{}, CFM_ERR_TLV}};
   for (const auto &[tlvs, expected] : cases) {
     for (int debug : {0, 1}) {
       cfm_debug_msg = debug;

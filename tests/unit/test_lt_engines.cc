@@ -164,14 +164,12 @@ TEST_F(Linktrace, LtrsAreRecordedAndNumberedOrRefused) {
   MepEntry mep = down_mep();
   LtmRequest r = request();  // transaction 5: the placeholder is stored
   ASSERT_EQ(CFM_LTM_Transmit(&r), 1);
-  // Refused: another transaction (counted), malformed TLVs, another station's address.
+  // Refused: another transaction (counted), malformed TLVs (egress identifier
+  // too short, reply ingress too short, reply egress past the end, header
+  // cut), another station's address.
   EXPECT_EQ(ltr_in(6, 1, 0, {0}), CFM_ERR_FAILURE);
   const Bytes malformed[] = {
-      {8, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},  // egress identifier too short
-      {5, 0, 6, 1, 0, 0, 0, 0, 0, 0},               // reply ingress too short
-      {6, 0, 7, 1, 0, 0},                           // reply egress past the end
-      {9, 0},                                       // header cut
-  };
+      {8, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {5, 0, 6, 1, 0, 0, 0, 0, 0, 0}, {6, 0, 7, 1, 0, 0}, {9, 0}};
   for (const Bytes &tlvs : malformed) EXPECT_EQ(ltr_in(5, 1, 0, tlvs), CFM_ERR_FAILURE);
   EXPECT_EQ(ltr_in(5, 1, 0, {0}, kStranger), CFM_ERR_FAILURE);
   std::vector<LtrEntry> all = replies();

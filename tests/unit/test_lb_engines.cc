@@ -50,9 +50,8 @@ TEST_F(Responder, AnswersLevelsOneAndTwoWithTheLbmSwappedAndCountsLbrOut) {
   const Bytes head = {0x81, 0x00, 0xA0, 0x64, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04};
   EXPECT_EQ(wan_[0], pad64(cat({mac(kPeer), mac(kSelf), head, kLbmBody})));
   EXPECT_EQ(cat({slice(wan_[1], 6, 12), slice(wan_[2], 6, 12)}), cat({mac(kSelf), mac(other)}));
-  EXPECT_EQ(wan_[3], pad64(cat({mac(kPeer), mac(kSelf),
-                                {0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02, 0x40, 0x02, 0x00, 0x04, 0x11,
-                                 0x22, 0x33, 0x44, 0x03, 0x00}})));
+  EXPECT_EQ(wan_[3], pad64(cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200},
+                                {0x89, 0x02, 0x40, 0x02, 0x00, 0x04}, slice(kLbmBody, 0, 6)})));
   EXPECT_EQ(wan_[4][27], 2);
   EXPECT_EQ(slice(wan_[4], 16, 26), slice(f, 12, 22));
 }

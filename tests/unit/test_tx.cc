@@ -1,89 +1,51 @@
-// Transmission through the tx hook: padding, VID-0 tag removal, the hook's
-// answer as the result, and the hook swapped while other threads send.
-#include "io/tx.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
+// Transmission through the tx hook: the edges of VID-0 tag removal and
+// padding, the hook's side and answer, and the hook swapped while other
+// threads send.
 #include <atomic>
-#include <cstring>
-#include <mutex>
 #include <thread>
-#include <vector>
 
-#include "core/status.h"
+#include "harness.h"
+
+using namespace harness;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// A tagged CFM frame of `length` bytes with a counting payload.
+// A CFM frame of `length` bytes with a counting payload and an 802.1Q tag.
 Bytes tagged(uint16_t vid, size_t length) {
-  Bytes f = {1, 0x80, 0xC2, 0, 0, 0x30, 2, 0, 0, 0, 0, 1, 0x81, 0x00, static_cast<uint8_t>(0xE0 | (vid >> 8)),
-             static_cast<uint8_t>(vid), 0x89, 0x02};
-  for (uint8_t b = 0x10; f.size() < length; ++b) f.push_back(b);
-  f.resize(length);
+  Bytes f(std::max<size_t>(length, 16));
+  for (size_t i = 0; i < f.size(); ++i) f[i] = static_cast<uint8_t>(i + 1);
+  Bytes tag = {0x81, 0x00, static_cast<uint8_t>(0xE0 | (vid >> 8)), static_cast<uint8_t>(vid)};
+  std::copy(tag.begin(), tag.end(), f.begin() + 12);
+  f.resize(length);  // a short frame keeps what fits of the tag
   return f;
 }
 
-class TxHook : public testing::Test {
- protected:
-  void SetUp() override {
-    cfm_set_tx_hook([this](CfmTxSide side, const uint8_t *frame, size_t length) {
-      std::lock_guard<std::mutex> lock(mu_);
-      frames_.emplace_back(side, Bytes(frame, frame + length));
-      return answer_.load();
-    });
-  }
-  void TearDown() override { cfm_set_tx_hook(nullptr); }
-  // Sends `f` to the WAN and returns what reached the hook.
-  Bytes send(const Bytes &f) {
-    EXPECT_EQ(CFM_Send_Packet_To_WAN(f.data(), static_cast<uint32_t>(f.size()), 0), CFM_OK);
-    std::lock_guard<std::mutex> lock(mu_);
-    return frames_.empty() ? Bytes{} : frames_.back().second;
-  }
-  std::mutex mu_;
-  std::vector<std::pair<CfmTxSide, Bytes>> frames_;
-  std::atomic<bool> answer_{true};
-};
+using Tx = EngineTest;
 
 // The wire cases (tags kept, VID 0 removed, padding) run in the lab; here the
 // edges: only the 12 VID bits make VID 0, only 802.1Q is a tag, a frame too
 // short for a tag is only padded, and a bad buffer or length is never read.
-TEST_F(TxHook, VidZeroAndShortFrameEdges) {
-  Bytes f = tagged(0x100, 64);
-  EXPECT_EQ(send(f), f);
-  f = tagged(0, 64);
-  f[12] = 0x88, f[13] = 0xA8;
-  EXPECT_EQ(send(f), f);
-  f = tagged(0, 100);  // the tag is taken out, the frame keeps its length
-  Bytes untagged = f;
-  untagged.erase(untagged.begin() + 12, untagged.begin() + 16);
-  untagged.resize(100, 0);
-  EXPECT_EQ(send(f), untagged);
-  Bytes tiny = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0x81, 0x00};
-  Bytes padded = tiny;
-  padded.resize(64, 0);
-  EXPECT_EQ(send(tiny), padded);
-  Bytes longest(65535, 0x5A);  // the longest frame is handed on whole; one byte more is refused
-  EXPECT_EQ(send(longest).size(), 65535u);
-  longest.push_back(0);
-  EXPECT_EQ(CFM_Send_Packet_To_WAN(longest.data(), 65536, 0), CFM_ERR_FAILURE);
+TEST_F(Tx, VidZeroAndShortFrameEdgesSideAndResult) {
+  Bytes s_tag = tagged(0, 64);
+  s_tag[12] = 0x88, s_tag[13] = 0xA8;
+  const std::pair<Bytes, Bytes> cases[] = {{tagged(0x100, 64), tagged(0x100, 64)}, {s_tag, s_tag},
+                                           {tagged(0, 14), pad64(tagged(0, 14))}, {Bytes(65535), Bytes(65535)}};
+  for (const auto &[in, out] : cases) {
+    EXPECT_EQ(CFM_Send_Packet_To_WAN(in.data(), static_cast<uint32_t>(in.size()), 0), CFM_OK);
+    EXPECT_EQ(sent.back().frame, out) << in.size();
+  }
+  Bytes f(65536, 0);  // one byte over the longest
+  EXPECT_EQ(CFM_Send_Packet_To_WAN(f.data(), 65536, 0), CFM_ERR_FAILURE);
   EXPECT_EQ(CFM_Send_Packet_To_WAN(nullptr, 64, 0), CFM_ERR_FAILURE);
-  EXPECT_EQ(CFM_Send_Packet_To_WAN(tiny.data(), 0xFFFFFFFFu, 0), CFM_ERR_FAILURE);
-}
-
-TEST_F(TxHook, SideAndResultComeFromTheHook) {
-  Bytes f = tagged(7, 64);
+  EXPECT_EQ(CFM_Send_Packet_To_WAN(f.data(), 0xFFFFFFFFu, 0), CFM_ERR_FAILURE);
+  EXPECT_EQ(sent.size(), 4u);
   EXPECT_EQ(CFM_Send_Packet_To_LAN(f.data(), 64, 0), CFM_OK);
   EXPECT_EQ(CFM_Send_Packet(f.data(), 64, 0), CFM_OK);
-  answer_ = false;
+  tx_ok = false;
   EXPECT_EQ(CFM_Send_Packet_To_WAN(f.data(), 64, 0), CFM_ERR_FAILURE);
-  std::lock_guard<std::mutex> lock(mu_);
-  ASSERT_EQ(frames_.size(), 3u);
-  EXPECT_EQ(frames_[0].first, CfmTxSide::Lan);
-  EXPECT_EQ(frames_[1].first, CfmTxSide::Generic);
-  EXPECT_EQ(frames_[2].first, CfmTxSide::Wan);
+  EXPECT_EQ(sent[4].side, CfmTxSide::Lan);
+  EXPECT_EQ(sent[5].side, CfmTxSide::Generic);
+  EXPECT_EQ(sent[6].side, CfmTxSide::Wan);
 }
 
 // Senders on several threads while the hook is replaced and cleared: every

@@ -12,10 +12,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  if (size < 1) return 0;
   fuzz_world::reset();
-  fuzz_world::apply_settings(data[0]);
-  // The frame ends where the input ends, so any read past it is caught.
-  fuzz_world::receive(data + 1, size - 1);
+  fuzz_world::frame_input(data, size);
   return 0;
 }

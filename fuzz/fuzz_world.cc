@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "cli/server.h"
 #include "core/frame_type.h"
@@ -123,6 +124,37 @@ void serve(const uint8_t *request, size_t length) {
 void tick() {
   ++g_now;
   cfm_timer_tick();
+}
+
+void frame_input(const uint8_t *data, size_t size) {
+  if (size < 1) return;
+  apply_settings(data[0]);
+  // The frame ends where the input ends, so any read past it is caught.
+  receive(data + 1, size - 1);
+}
+
+void mixed_input(const uint8_t *data, size_t size) {
+  size_t at = 0;
+  while (size - at >= 3) {
+    uint8_t kind = data[at] % 4;
+    size_t length = std::min<size_t>(static_cast<size_t>(data[at + 1]) << 8 | data[at + 2], size - at - 3);
+    const uint8_t *payload = data + at + 3;
+    at += 3 + length;
+    switch (kind) {
+      case 0:
+        receive(payload, length);
+        break;
+      case 1:
+        cfm_cli_run_line(std::string(reinterpret_cast<const char *>(payload), length).c_str());
+        break;
+      case 2:
+        for (int n = length > 0 ? 1 + payload[0] % 8 : 1; n > 0; --n) tick();
+        break;
+      default:
+        if (length > 0) apply_settings(payload[0]);
+        break;
+    }
+  }
 }
 
 }  // namespace fuzz_world

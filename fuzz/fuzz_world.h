@@ -31,4 +31,10 @@ void serve(const uint8_t *request, size_t length);
 // One timer tick, the clock one second later.
 void tick();
 
+// The inputs of the three fuzz targets, read as each target reads them
+// (no reset first): a settings byte followed by a WAN frame; a request
+// (serve above); a sequence of records, see fuzz_mixed.cc.
+void frame_input(const uint8_t *data, size_t size);
+void mixed_input(const uint8_t *data, size_t size);
+
 }  // namespace fuzz_world

@@ -22,16 +22,12 @@ using namespace harness;
 const char kMissing[] = "\r\nError!! Missing argument";
 const char kInvalid[] = "\r\nError!! Invalid argument";
 
-int sent_ltms = 0;
-int fake_ltm(const LtmRequest *) { return ++sent_ltms, 1; }
-
 class CliCommands : public DbTest {
  protected:
   static void SetUpTestSuite() { CFM_Create_MEP_SYC_Sem(); }
   void SetUp() override {
     DbTest::SetUp();
     CFM_Global_Reset();
-    CFM_IF_Set_LTM_Transmitter(fake_ltm);
     char tmpl[] = "/tmp/cli_tree_XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     tree_ = tmpl;
@@ -40,7 +36,6 @@ class CliCommands : public DbTest {
   void TearDown() override {
     ConfigTree::detach();
     fs::remove_all(tree_);
-    CFM_IF_Set_LTM_Transmitter(nullptr);
   }
   // The values of keys under /runtime/cfm, one after the other.
   std::string Tree(std::initializer_list<const char *> keys) {
@@ -67,38 +62,26 @@ class CliCommands : public DbTest {
   fs::path tree_;
 };
 
-// The MD field rules of createmd and configmd.
-TEST_F(CliCommands, MdLifeCycle) {
-  const char ok[] = "\r\nMD config Success!!", full[] = "\r\nError!! MD Table is full";
-  // configmd: an unknown value leaves the field; code 3 is passed over alone,
-  // then 7, then code 0 sets the level; the name is cut to 43 characters.
-  ExpectCli({{"createmd 3 0 5 4 core", ""}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
-             {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok},
-             {"createmd 5 0 9 0 x", full}, {"createmd 5 0 1 0 " + std::string(44, 'n'), full},
-             {"createmd 5 0 1 0 12345", ""},  // a numeric name is the text as sent
-             {"createmd 6 x 2 x six 0 4 renamed", ""}});  // code 0 is configmd's alone
-  auto md = [](uint32_t index) {
-    MdEntry entry = {.MdIndex = index};
-    EXPECT_EQ(CFM_IF_Get_MD_Entry(&entry), 1) << index;
-    return entry;
-  };
-  EXPECT_EQ((std::vector<int>{md(3).MdFormat, md(3).MhfCreation, md(3).MdLevel, md(6).MdLevel}),
-            (std::vector<int>{1, 1, 6, 2}));
-  EXPECT_STREQ(md(3).MdName, "0123456789012345678901234567890123456789012");
-  EXPECT_STREQ(md(5).MdName, "12345");
-  EXPECT_STREQ(md(6).MdName, "renamed");
-}
-
+// configmd: an unknown value leaves the field; code 3 is passed over alone,
+// then 7, then code 0 sets the level; the name is cut to 43 characters.
 // MD 3 holds MA 7, but deletemd looks only at the MA of smallest index (4,
 // in MD 1); a MEP is looked for before an MA.
-TEST_F(CliCommands, MdAndMaTextsAndDeleteRules) {
+TEST_F(CliCommands, MdAndMaFieldsTextsAndDeleteRules) {
+  const char ok[] = "\r\nMD config Success!!";
   const char md_has_ma[] = "\r\n This MD has MA entry, need to delete all this MD's MA!\r\n";
   ExpectCli({{"createmd 3 0 5 4 core", ""}, {"createmd 3 0 5 4 core", "\r\nError!! MD Index exist"},
              {"createmd 1 0 2 0 one 1 12 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
-             {"configmd 3 0 8", "\r\nError!! MD config fail"},
+             {"configmd 3 0 8", "\r\nError!! MD config fail"}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
+             {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok},
+             {"createmd 5 0 1 0 " + std::string(44, 'n'), "\r\nError!! MD Table is full"},
+             {"createmd 5 0 1 0 12345", ""},            // a numeric name is the text as sent
+             {"createmd 6 x 2 x six 0 4 renamed", ""},  // code 0 is configmd's alone
              {"showmd", "\r\nMdIndex : 1\r\nMdFormat : dnslikename\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
-                        "MdName : one\r\n\r\nMdIndex : 3\r\nMdFormat : charstring\r\nMdLevel : 5\r\n"
-                        "MhfCreation : defmhfdefault\r\nMdName : core\r\n"},
+                        "MdName : one\r\n\r\nMdIndex : 3\r\nMdFormat : none\r\nMdLevel : 6\r\n"
+                        "MhfCreation : defmhfnone\r\nMdName : 0123456789012345678901234567890123456789012\r\n\r\n"
+                        "MdIndex : 5\r\nMdFormat : charstring\r\nMdLevel : 1\r\nMhfCreation : defmhfdefault\r\n"
+                        "MdName : 12345\r\n\r\nMdIndex : 6\r\nMdFormat : charstring\r\nMdLevel : 2\r\n"
+                        "MhfCreation : defmhfdefault\r\nMdName : renamed\r\n"},
              {"createma 3 0 7 0 seven 3 29", ""}, {"createma 1 0 4 0 four 3 30 1 11", ""},
              {"createma 1 0 4 0 four", "\r\nError!! MA Index exist"},
              {"createma 2 0 5 0 x", "\r\nError!! MD Index doesn't exist"},
@@ -118,13 +101,12 @@ TEST_F(CliCommands, MdAndMaTextsAndDeleteRules) {
 
 TEST_F(CliCommands, MepCreateConfigDelete) {
   MakeMdMa(false);
+  // An unknown direction still creates the MEP, as Down (deleted below).
   ExpectCli({{"createmep 1 0 3 0 10 0 1 0 0 0 1", "\r\nError!! MA Index doesn't exist"},
              {"createmep 4 0 2 0 10 0 1 0 0 0 1", "\r\nError!! MD Index doesn't exist"},
-             {"createmep 1 0 2 0 10 0 1 0 0 0 1", ""},
+             {"createmep 1 0 2 0 10 0 1 0 0 0 1", ""}, {"createmep 1 0 2 0 11 0 1 0 0 0 7", ""},
              {"createmep 1 0 2 0 10 0 1 0 0 0 1", "\r\nError!! MEP Index exist"},
-             {"createmep 1 0 2 0 9000 0 1 0 0 0 1", "\r\nError!! MEP Table is full, status: 12000011 "},
-             {"createmep 1 0 2 0 11 0 1 0 0 0 7", ""}});  // unknown direction: still created
-  Mep(11);
+             {"createmep 1 0 2 0 9000 0 1 0 0 0 1", "\r\nError!! MEP Table is full, status: 12000011 "}});
 
   EXPECT_EQ(ConfigMep("1 120 2 22 3 5 4 44 6 00:11:22:33:44:55 7 3 8 6 9 92 10 aa:bb:cc:dd:ee:ff 11 9 "
                       "13 77 14 257 15 hello 16 88 17 1"),
@@ -149,50 +131,35 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
   EXPECT_EQ(Mep().CciEnabled, 0u);
   EXPECT_EQ(Cli("configmep 1 0 2 0 12 0 1 0 0 0 100 0 2 21"), "\r\n This MEP is not exist!\r\n");
   // Option 15 is cut to the field's 1201 bytes (a word list, as requests
-  // are limited to 1023 bytes); a bad MAC keeps what parsed.
+  // are limited to 1023 bytes).
   std::vector<std::string> words = {"configmep", "1", "0", "2", "0", "10", "0", "1", "0", "0", "0", "100", "0",
-                                    "15", std::string(1500, 'd'), "6", "66:77:zz"};
+                                    "15", std::string(1500, 'd')};
   std::vector<CliWord> list(words.size());
   for (size_t i = 0; i < words.size(); ++i) list[i] = {words[i].data(), i + 1 < words.size() ? &list[i + 1] : nullptr};
   EXPECT_EQ(harness::stdout_of([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
-  mep = Mep();
-  EXPECT_EQ(strlen(mep.LbmDataTlv), 1201u);
-  EXPECT_EQ((std::vector<int>{mep.LbmTargetMac[0], mep.LbmTargetMac[1], mep.LbmTargetMac[3]}),
-            (std::vector<int>{0x66, 0x77, 0x33}));
-  // A linktrace run: sent through the transmitter seam.
-  EXPECT_EQ(ConfigMep("17 0 12 121"), "");
-  EXPECT_EQ(sent_ltms, 1);
+  EXPECT_EQ(strlen(Mep().LbmDataTlv), 1201u);
+  // deletemep's Down is 1, so 100 deletes nothing.
+  ExpectCli({{"deletemep 1 0 2 0 11 0 1 0 0 0 100", ""}, {"deletemep 1 0 2 0 11 0 1 0 0 0 1", ""},
+             {"deletemep 1 0 2 0 11 0 1 0 0 0 1", "\r\n This MEP is not exist!\r\n"}});
   // A loopback still running refuses the request.
   mep = Mep();
   mep.LbmRunning = 1;
   ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
   EXPECT_EQ(ConfigMep("5 51 7 3"), "\r\n LBM is still transmiting !\r\n");
-  mep.LbmRunning = 0;
-  ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
-
-  // deletemep's Down is 1, so 100 deletes nothing.
-  ExpectCli({{"deletemep 1 0 2 0 10 0 1 0 0 0 100", ""}, {"deletemep 1 0 2 0 10 0 1 0 0 0 1", ""},
-             {"deletemep 1 0 2 0 10 0 1 0 0 0 1", "\r\n This MEP is not exist!\r\n"}});
 }
 
 // Short and mistyped requests print their guard text and change nothing.
+// (The hostile-input test runs every other handler short of words.)
 TEST_F(CliCommands, GuardsLeaveTheDatabaseUnchanged) {
   MakeMdMa();
   auto snapshot = [] { return Cli("showmep 3") + Cli("showmd") + Cli("showma") + Cli("showdefault 1"); };
   const std::string before = snapshot();
   const std::string mep = "configmep 1 0 2 0 10 0 1 0 0 0 100 0 2 22 ";
-  ExpectCli({{"createmd 7 0 1 0", kMissing},         {"createmd x 0 1 0 name", kInvalid},
-             {"configmd 1 0", kMissing},             {"configmd 1 0 6 1", kMissing},
-             {"configmd 1 0 six", kInvalid},         {"configma 1 0 2 3 29 2", kMissing},
-             {"deletema 1 0 two", kInvalid},         {"createmep 1 0 2 0 10 0 1 0 0 0", kMissing},
-             {"showmep x", kInvalid},                {"runtime 1\n", kInvalid},
-             {"default 3 0", kMissing},              {"default x 0 2", kInvalid},
-             {"default 3 0 y", kInvalid},            {mep + "7", kMissing},
-             {mep + "7 many", kInvalid},             {mep + "-4 1", kInvalid}});
-  for (const char *command : {"default", "showdefault", "createmd", "configmd", "deletemd", "createma", "configma",
-                              "deletema", "createmep", "configmep", "deletemep", "runtime", "update"}) {
-    EXPECT_EQ(Cli(command), kMissing) << command;
-  }
+  ExpectCli({{"createmd 7 0 1 0", kMissing},     {"createmd x 0 1 0 name", kInvalid},
+             {"configmd 1 0 6 1", kMissing},     {"configmd 1 0 six", kInvalid},
+             {"configma 1 0 2 3 29 2", kMissing}, {"createmep 1 0 2 0 10 0 1 0 0 0", kMissing},
+             {mep + "7", kMissing},              {mep + "7 many", kInvalid},
+             {mep + "-4 1", kInvalid},           {"update", kMissing}});
   EXPECT_EQ(snapshot(), before);
   EXPECT_EQ(Cli("createmd 7 x 1 0 name"), "");  // skipped words are never read
 }
@@ -201,7 +168,6 @@ TEST_F(CliCommands, ShowMepBlocksAndRuntime) {
   MakeMdMa();
   ConfigMep("10 00:0a:0b:0c:0d:0e 15 data");
   const std::string head = "\r\n MdID  : 1\r\n MaID  : 2\r\n MepID : 10\r\n port  : 1\r\n vid   : 0\r\n Direct: Down\r\n";
-  EXPECT_EQ(Cli("showmep") + Cli("showmep 4"), head + head);
   EXPECT_EQ(Cli("showmep 1"), head + "\r\n CCM/LTM priority  : 7\r\n CCM Transmite  : Enable\r\n CCM Sequence Errors : 0"
                                      "\r\n CCM Defect Prioity : macRemErrXcon\r\n CCM Defect : RDI CCM"
                                      "\r\n CCM sequence number  : 0\r\n");
@@ -220,15 +186,13 @@ TEST_F(CliCommands, ShowMepBlocksAndRuntime) {
                                      "\r\n Total number of valid LBR InOutOfOrder  : 0"
                                      "\r\n Total number of Bad LBR Msdu            : 0"
                                      "\r\n Total number of Transmit LBR number     : 0\r\n");
-  Cli("createmep 1 0 2 0 20 0 1 0 0 0 1");
-  Cli("createmep 1 0 2 0 30 0 1 0 0 0 2");
-  MepEntry mep = Mep(30, 2);
+  ExpectCli({{"runtime 4", "RDI CCM\n"}, {"runtime 19", "disabled\n"}, {"runtime 17", "00:0a:0b:0c:0d:0e\n"}});
+  MepEntry mep = Mep();
   mep.NextLbmTransId = 42;
   mep.CcmDefect = 9;         // out of range: no line
   mep.LtmTargetIsMepId = 2;  // likewise
   ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
-  ExpectCli({{"runtime 9", "0\n0\n42\n"}, {"runtime 4", "RDI CCM\nRDI CCM\n"}, {"runtime 19", "disabled\ndisabled\n"},
-             {"runtime 17", "00:0a:0b:0c:0d:0e\n00:00:00:00:00:00\n00:00:00:00:00:00\n"}, {"runtime 23", ""}});
+  ExpectCli({{"runtime 9", "42\n"}, {"runtime 4", ""}, {"runtime 19", ""}, {"runtime 23", ""}});
 }
 
 TEST_F(CliCommands, RemoteMepsAndLinktraceReplies) {
@@ -261,21 +225,12 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
 
   const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .src_mac = {0x10}, .vlan_id = 7};
   CFM_MEP_DB_Store_RemEntry(&rmep);
-  ConfigTree::setInt(2, "/runtime/cfm/rmep#");
-  ConfigTree::setStr("stale", "/runtime/cfm/rmep:%d/md_id", 0);
-  ConfigTree::setStr("stale", "/runtime/cfm/rmep:%d/md_id", 2);  // row "count" is never deleted
   EXPECT_EQ(Cli("update 1"), "");
-  EXPECT_FALSE(fs::exists(tree_ / "runtime/cfm/rmep:0"));
-  EXPECT_EQ(Tree({"rmep:1/md_id", "rmep:1/ma_id", "rmep:1/src_mac", "rmep:1/vlan_id", "rmep:2/md_id", "rmep_db"}),
-            "dom\nassoc\n10:00:00:00:00:00\n7\nstale\n0\n");
+  EXPECT_EQ(Tree({"rmep:1/md_id", "rmep:1/ma_id", "rmep:1/src_mac", "rmep:1/vlan_id"}),
+            "dom\nassoc\n10:00:00:00:00:00\n7\n");
 
-  LtrEntry ltr = {.md_id = 1, .mep_id = 10};
-  CFM_DB_Update_LtrEntry(&ltr);  // no source MAC yet: skipped
-  ltr.sequence = 1;
-  ltr.mac[0] = 2;
-  ltr.relay = 2;
-  memcpy(ltr.ReplyIngressPort, "eth0", 4);  // no NUL in the field
-  CFM_DB_Update_LtrEntry(&ltr);
+  LtrEntry ltr = {.md_id = 1, .mep_id = 10, .relay = 2, .mac = {2}, .ReplyIngressPort = {'e', 't', 'h', '0'}};
+  CFM_DB_Update_LtrEntry(&ltr);  // no NUL in the port name
   for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/ltr:%d/ttl", n);
   EXPECT_EQ(Cli("update 2"), "");
   EXPECT_FALSE(fs::exists(tree_ / "runtime/cfm/ltr:2"));
@@ -283,28 +238,22 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
             "02:00:00:00:00:00\nFDB\nMIP\neth0\n");
 
   ExpectCli({{"clearcnt", ""}});
-  last = Mep(20);
-  EXPECT_EQ(last.LbrIn + last.CcmSequenceErrors, 0u);
+  EXPECT_EQ(Mep(20).LbrIn + Mep(20).CcmSequenceErrors, 0u);
   EXPECT_EQ(Tree({"lbm/sending"}), "0\n");
 }
 
-// Words split on spaces only; a number is digits only.
+// Words split on spaces only; a number is digits only. default: level 5
+// with MHF code 3 stores the level only; level 9 is refused as a whole.
 TEST_F(CliCommands, WordsAndGlobalCommands) {
-  const std::string defaults = "\r\n Default MD Level  : 4\r\n default_MHF_creation  : CFM MHF CREATION DEFAULT";
-  ExpectCli({{"default 4 0 2", ""}, {"   showdefault    0001   ", defaults}, {"showdefault\t1", "unknown command !\n"},
-             {"SHOWDEFAULT 1", "unknown command !\n"}, {"showdefault 1\n", kInvalid}, {"showdefault -4", kInvalid},
-             {"showdefault 1abc", kInvalid}, {"showdefault 0x1", kInvalid}, {"", ""}, {"     ", ""}});
-
   const char off[] = "\r\n CFM Status  : disabled", on[] = "\r\n CFM Status  : enabled";
-  // default: level 5 with MHF code 3 stores the level only; level 9 is refused as a whole.
-  ExpectCli({{"showdefault 2", off}, {"enable", ""}, {"showdefault 2", on}, {"disable extra words", ""},
-             {"showdefault 2", off}, {"showdefault 3", ""}, {"default 4 0 1", ""}, {"default 5 0 3", ""},
-             {"default 9 0 2", ""},
-             {"showdefault 1", "\r\n Default MD Level  : 5\r\n default_MHF_creation  : CFM MHF CREATION NONE"},
-             {"debugon", "Open CFM debug message\n"}});
+  ExpectCli({{"default 4 0 2", ""}, {"default 5 0 3", ""}, {"default 9 0 1", ""},
+             {"   showdefault    0001   ",
+              "\r\n Default MD Level  : 5\r\n default_MHF_creation  : CFM MHF CREATION DEFAULT"},
+             {"showdefault\t1", "unknown command !\n"}, {"showdefault 1\n", kInvalid}, {"showdefault 1abc", kInvalid},
+             {"     ", ""}, {"showdefault 2", off}, {"enable", ""}, {"showdefault 2", on}, {"disable extra words", ""},
+             {"showdefault 2", off}, {"showdefault 3", ""}, {"debugon", "Open CFM debug message\n"}});
   EXPECT_EQ(cfm_debug_msg, 1);
   EXPECT_EQ(Cli("debugoff 7"), "Close CFM debug message\n");
-  EXPECT_EQ(cfm_debug_msg, 0);
 }
 
 // The request reader: a line ends at '\n' (kept), at 1023 bytes or at end of

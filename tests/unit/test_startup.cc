@@ -2,21 +2,15 @@
 // PVC MAC table.
 #include "core/startup.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
-#include "core/frame_type.h"
-#include "core/global.h"
 #include "harness.h"
 
 namespace {
 
-using harness::Bytes;
-using harness::cat;
+using namespace harness;
 
 // Writes `text` to this process's scratch file (removed after each case) and returns its path.
 const std::string kScratch = "/tmp/cfm_unit_" + std::to_string(getpid());
@@ -39,39 +33,27 @@ class StartupInput : public testing::Test {
 TEST_F(StartupInput, ConfigEnableFile) {
   const std::string long_line = "Enable" + std::string(125, ' ') + "=1\n";  // only 127 characters are read
   struct Case { const char *text; int result, status; } cases[] = {  // status -99: untouched
-      {"Enable=1\n", 1, 1},        {"Enable=0", 1, 0},          {"Enable=2\n", 0, 2},
-      {"Enable=-1\n", 0, -1},      {"Enable = 1\n", 1, 1},      {"EnableX=1\n", 1, 1},
-      {"Enable\n", 0, -99},        {"enable=1\n", 0, -99},      {"", 0, -99},
-      {"\nEnable=1\n", 0, -99},    {"Enable=abc\n", 1, 0},      {"Enable=1=0\n", 1, 1},
-      {long_line.c_str(), 0, -99},
+      {"Enable=1\n", 1, 1},    {"Enable=2\n", 0, 2},    {"Enable = 1\n", 1, 1}, {"Enable\n", 0, -99},
+      {"enable=1\n", 0, -99},  {"Enable=abc\n", 1, 0},  {long_line.c_str(), 0, -99},
   };
   for (const Case &c : cases) {
     int status = -99;
     EXPECT_EQ(cfm_check_config_enable_at(Scratch(c.text), &status), c.result) << c.text;
     EXPECT_EQ(status, c.status) << c.text;
   }
-  int status = -99;
-  EXPECT_EQ(cfm_check_config_enable_at("/nonexistent/cfm/config", &status), 0);
-  EXPECT_EQ(status, -99);
 }
 
 // Unknown options and stray words are ignored; the last -i and the last -f
-// count; the name is bounded to the system limit; no -i is a failure.
+// count; the name is bounded to the system limit; no -i is a failure. The
+// words follow argv[0].
 TEST_F(StartupInput, OptionsAndTheirResults) {
-  struct Case {
-    std::vector<std::string> words;  // after argv[0]
-    int result;
-    const char *ifname, *out;
-    int frame_type;
-  } cases[] = {
+  struct Case { std::vector<std::string> words; int result; const char *ifname, *out; int frame_type; } cases[] = {
       {{"-i", "wan0"}, 1, "wan0", "CFM interface is wan0\nClose CFM debug message\n", CFM_FRAME_TYPE_UNKNOWN},
       {{"-w", "-d", "-e", "-i", "ppp0", "-f", "8023"}, 2, "ppp0", "CFM interface is ppp0\nOpen CFM debug message\n",
        CFM_FRAME_TYPE_8023},
       {{"-x", "-i", "a0", "-q", "-i", "b0", "-f", "ethernet"}, 1, "b0", "", CFM_FRAME_TYPE_ETH},
       {{"-i", std::string(40, 'x'), "-f", "8023", "-f", "802"}, 1, "xxxxxxxxxxxxxxx", "", CFM_FRAME_TYPE_UNKNOWN},
-      {{}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
       {{"-e", "-w", "-f", "eth"}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_ETH},
-      {{"-i"}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_UNKNOWN},
   };
   for (Case &c : cases) {
     c.words.insert(c.words.begin(), "cfmd");
@@ -80,7 +62,7 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
     argv.push_back(nullptr);
     char ifname[IFNAMSIZ] = "";
     int result = -1, frame_type = CFM_FRAME_TYPE_UNKNOWN;
-    std::string out = harness::stdout_of([&] {
+    std::string out = stdout_of([&] {
       result = cfm_parse_args(static_cast<int>(c.words.size()), argv.data(), ifname, &frame_type);
     });
     EXPECT_EQ(result, c.result) << out;
@@ -93,8 +75,8 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
 
 // Lines past the announced count are ignored and blank lines not counted; a
 // malformed line keeps its slot, all zero; upper case and short pieces parse;
-// a seventh piece is not read; missing lines stay zero; count 0, no count line
-// or an empty file give an empty table, which accepts every address.
+// a seventh piece is not read; missing lines stay zero; count 0 or no count line
+// give an empty table, which accepts every address.
 TEST_F(StartupInput, PvcMacFile) {
   const Bytes a = {0, 0x11, 0x22, 0x33, 0x44, 0x55}, b = {0, 0x11, 0x22, 0x33, 0x44, 0x66}, z(6, 0);
   const struct { const char *text; int result; Bytes macs, probe; int match; } cases[] = {
@@ -104,14 +86,12 @@ TEST_F(StartupInput, PvcMacFile) {
       {"4\n00:11:22:33:44:55\n", 1, cat({a, z, z, z}), a, 1},
       {"0\n00:11:22:33:44:55\n", 1, {}, b, 1},
       {"\n\nabc\n", 1, {}, b, 1},
-      {"", 1, {}, b, 1},
       {"-3\n00:11:22:33:44:55\n", 0, {}, b, 1},
   };
   for (const auto &c : cases) {
     EXPECT_EQ(cfm_read_pvc_mac_at(Scratch(c.text)), c.result) << c.text;
     const uint8_t *macs = g_pvc_mac_table.macs;
     EXPECT_EQ(macs ? Bytes(macs, macs + 6 * g_pvc_mac_table.count) : Bytes{}, c.macs) << c.text;
-    EXPECT_EQ(macs == nullptr, c.macs.empty()) << c.text;
     EXPECT_EQ(checkPvcMac(c.probe.data()), c.match) << c.text;
   }
   EXPECT_EQ(checkPvcMac(nullptr), 0);

@@ -95,10 +95,9 @@ TEST_F(Responder, TlvWalkOutcomes) {
 
 class Initiator : public EngineTest {
  protected:
-  MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7,
-                     uint16_t id = 1) {
-    if (id == 1) add_md(1, 2);
-    MepEntry mep = add_mep(1, 1, id, 1, 100, 1);
+  MepEntry start_run(uint32_t messages, const uint8_t *target, const char *data, uint32_t first_id = 7) {
+    add_md(1, 2);
+    MepEntry mep = add_mep(1, 1, 1, 1, 100, 1);
     mep.LbmTransmitStatus = 1, mep.LbmMessages = messages, mep.LbmPriority = 6, mep.NextLbmTransId = first_id;
     if (target != nullptr) memcpy(mep.LbmTargetMac, target, 6);
     snprintf(mep.LbmDataTlv, sizeof mep.LbmDataTlv, "%s", data);

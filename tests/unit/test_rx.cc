@@ -37,7 +37,7 @@ class Rx : public EngineTest {
 };
 
 TEST_F(Rx, TaggedFramesAreUntaggedOrRelayed) {
-  CfmPacket p;
+  CfmPacket p{};
   Bytes single = PeerCcm().tagged(10, 6), lbm = PeerCcm().tagged(10, 3);
   lbm.insert(lbm.begin() + 16, {0x81, 0x00, 0x40, 20});  // inner tag: VID 20, priority 2
   lbm[23] = 3;                                            // LBM opcode

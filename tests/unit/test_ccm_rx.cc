@@ -44,6 +44,12 @@ TEST_F(CcmRx, ValidCcmsAreLearntCountedAndAgedOut) {
     CFM_CCM_TIME_CHECK();
   }
   EXPECT_FALSE(remote(1, 2, 2));
+  // The loss of continuity is cleared by the fault-alarm timer within the
+  // tick that raised it, so the next CCM carries no RDI.
+  wan_.clear();
+  CFM_CCM_TIME_CHECK();
+  ASSERT_EQ(wan_.size(), 1u);
+  EXPECT_EQ(wan_[0][20] & 0x80, 0);
 }
 
 TEST_F(CcmRx, WhichMepsACcmReaches) {

@@ -139,15 +139,18 @@ TEST_F(Initiator, TargetResolutionAndFailedSend) {
   EXPECT_EQ(dst(0), mac(kGroup2));
   EXPECT_EQ(sent[0].frame[39], 0);
 
-  // The router's own MAC, and its MAC plus 2, are local targets addressed
-  // with the router's own MAC.
-  Bytes plus2 = mac(kSelf);
-  plus2[5] += 2;
-  for (const Bytes &target : {mac(kSelf), plus2}) {
+  // The router's own MAC, and its MAC plus 2 (as an integer: FE does not
+  // wrap to 00), are local targets addressed with the router's own MAC.
+  const std::tuple<uint8_t, uint8_t, bool> cases[] = {{0xEE, 0xEE, true}, {0xEE, 0xF0, true}, {0xFE, 0x00, false}};
+  for (auto [own, target, local] : cases) {
+    Bytes self = mac(kSelf), to = mac(kSelf);
+    self[5] = own, to[5] = target;
+    cfm_set_system_mac(self.data());
+    CFM_LB_Init();
     clear_tables();
-    start_run(1, target.data(), "");
+    start_run(1, to.data(), "");
     CFM_LBI_XMIT_Check();
-    EXPECT_EQ(dst(sent.size() - 1), mac(kSelf));
+    EXPECT_EQ(dst(sent.size() - 1), local ? self : to) << int(target);
   }
   // A failed send is reported and spends no transaction id.
   clear_tables();

@@ -76,6 +76,11 @@ TEST_F(Rx, EnginesRunOnlyWhileEnabledAndTheQueueIsDrainedInOrder) {
   RemoteMepEntry r;
   ASSERT_TRUE(remote(1, 2, 2, &r));
   EXPECT_EQ(r.SequenceNum, 1100u);  // none of the first hundred was applied
+  // Untagged traffic (IPv6 here) is passed over before any debug trace.
+  cfm_debug_msg = 1;
+  g_queue.push_back(cat({Bytes(12, 2), {0x86, 0xDD}, Bytes(72, 0)}));
+  CfmPacket p{};
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(rx_wan_packet(&p), CFM_ERR_FAILURE); }), "");
   cfm_set_rx_source(nullptr);
 }
 

@@ -33,7 +33,7 @@ TEST(FrameType, Words) {
   EXPECT_FALSE(is8023Frame());
 }
 
-std::vector<long> Stored() {
+std::vector<int64_t> Stored() {
   GlobalEntry e = {};
   CFM_IF_Get_Global_Entry(&e);
   return {e.status, e.default_md_level, e.mhf_creation, e.sender_id_permission};
@@ -45,10 +45,10 @@ TEST(GlobalEntry, RangeChecksLeaveTheRecordUnchanged) {
                                GlobalEntry{1, 2, 4, 1}, GlobalEntry{1, 2, 1, 0}, GlobalEntry{1, 2, 1, 5}}) {
     EXPECT_EQ(CFM_IF_Set_Global_Entry(&e), 0);
   }
-  EXPECT_EQ(Stored(), (std::vector<long>{0, 2, 1, 1}));
+  EXPECT_EQ(Stored(), (std::vector<int64_t>{0, 2, 1, 1}));
   for (const GlobalEntry &e : {GlobalEntry{1, 7, 3, 4}, GlobalEntry{0, 0, 1, 1}}) {
     ASSERT_EQ(CFM_IF_Set_Global_Entry(&e), 1);
-    EXPECT_EQ(Stored(), (std::vector<long>{e.status, e.default_md_level, e.mhf_creation, e.sender_id_permission}));
+    EXPECT_EQ(Stored(), (std::vector<int64_t>{e.status, e.default_md_level, e.mhf_creation, e.sender_id_permission}));
   }
   CFM_Global_Reset();
 }

@@ -109,6 +109,8 @@ ExitInfo reap(pid_t pid, int timeout_ms) {
 
 }  // namespace
 
+int Lab::Connect() { return connect_command_socket(); }
+
 bool IsCfmFrame(const Frame &frame) {
   size_t pos = 12;
   while (pos < 20 && frame.size() >= pos + 2 && frame[pos] == 0x81 && frame[pos + 1] == 0x00) pos += 4;

@@ -82,6 +82,7 @@ class Lab : public ::testing::Test {
   // the connection; returns the stdout produced meanwhile. Adds a failure
   // when that does not happen.
   std::string Command(const std::string &request, int timeout_ms = 5000);
+  static int Connect();  // a connection to the command socket, or -1
   // Runs build/cfmctl; its stdout, and its exit status through *status.
   std::string RunCfmctl(const std::vector<std::string> &args, int *status);
 

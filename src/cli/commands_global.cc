@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/names.h"
 #include "core/global.h"
+#include "io/rx.h"
 
 namespace {
 
@@ -58,12 +59,14 @@ int cli_usr_cfm_showdefault(FILE *out, CliArg *args, int) {
 // Also called directly at start-up, with no arguments.
 int cli_usr_cfm_debug_on(FILE *, CliArg *, int) {
   cfm_debug_msg = 1;
+  cfm_rx_follow_debug();
   puts("Open CFM debug message");
   return 0;
 }
 
 int cli_usr_cfm_debug_off(FILE *, CliArg *, int) {
   cfm_debug_msg = 0;
+  cfm_rx_follow_debug();
   puts("Close CFM debug message");
   return 0;
 }

@@ -20,6 +20,7 @@
 #include "engines/lt_receiver.h"
 #include "io/dump.h"
 #include "io/frame.h"
+#include "io/packet_filter.h"
 #include "io/tx.h"
 #include "io/wan_socket.h"
 
@@ -256,7 +257,7 @@ void reserve_receive_queue(int fd) {
 // (with the debug report) when it cannot be had.
 int open_rx_socket() {
   const char *failed_step = nullptr;
-  int fd = cfm_wan_socket_open(getIfcIndex(), &failed_step);
+  int fd = cfm_wan_socket_open(getIfcIndex(), &failed_step, true);
   if (fd < 0) {
     bool bind_failed = failed_step != nullptr && strcmp(failed_step, "bind") == 0;
     debug_text(bind_failed ? "CFM: WAN Socket bind error" : "CFM: Socket open error");
@@ -271,6 +272,13 @@ int open_rx_socket() {
 }  // namespace
 
 void cfm_set_rx_source(CfmRxSource source) { g_rx_source.store(source); }
+
+void cfm_rx_follow_debug() {
+  bool debug = isCfmDebugOn() != 0;
+  for (int fd : {g_rx_fd.load(), _cfm_lan_sock_fd}) {
+    if (fd >= 0) packet_filter_attach(fd, debug);
+  }
+}
 
 uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *packet) {
   if (packet == nullptr) return CFM_ERR_FAILURE;
@@ -493,7 +501,7 @@ void *cfm_rx_task(void *) {
 bool CFM_Open_Lan(const char *wan_name, const char *lan_name) {
   CFM_Get_Wan_Lan_Ifindex(wan_name, lan_name);
   const char *failed_step = nullptr;
-  int fd = _ifc_lan_index > 0 ? cfm_wan_socket_open(_ifc_lan_index, &failed_step) : -1;
+  int fd = _ifc_lan_index > 0 ? cfm_wan_socket_open(_ifc_lan_index, &failed_step, true) : -1;
   if (fd < 0) {
     printf("CFM: LAN interface %s cannot be used, nothing is relayed\n", lan_name);
     _ifc_lan_index = 0;

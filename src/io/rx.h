@@ -49,6 +49,10 @@ void cfm_dispatch_packet(CfmPacket *packet);
 // frames at level 3 and above are sent to the WAN unchanged, others dropped.
 void cfm_relay_lan_frame(const uint8_t *frame, size_t length);
 
+// Swaps the kernel filter of the WAN and LAN sockets for the one that fits
+// the debug flag as it is now (every tagged frame while debug is on).
+void cfm_rx_follow_debug();
+
 // Receive seam: while set, rx_wan_packet reads frames from this function
 // (same contract as cfm_wan_socket_read) instead of the WAN socket.
 using CfmRxSource = long (*)(uint8_t *buf, size_t cap);

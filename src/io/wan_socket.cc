@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/global.h"
 #include "io/frame.h"
+#include "io/packet_filter.h"
 
 namespace {
 
@@ -60,12 +62,22 @@ void join_cfm_groups(int fd, int ifindex) {
   }
 }
 
+// Throws away whatever a socket holds: frames queued before its filter was
+// in place are not to be read.
+void drain(int fd) {
+  uint8_t scrap[64];
+  while (recv(fd, scrap, sizeof scrap, MSG_DONTWAIT | MSG_TRUNC) >= 0) {
+  }
+}
+
 }  // namespace
 
-int cfm_wan_socket_open(int ifindex, const char **failed_step) {
+int cfm_wan_socket_open(int ifindex, const char **failed_step, bool filtered) {
   const char *ignored = nullptr;
   const char **step = failed_step != nullptr ? failed_step : &ignored;
-  int fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
+  // No protocol yet: nothing queues until the filter is in place and the
+  // bind below names the protocol and the interface.
+  int fd = socket(AF_PACKET, SOCK_RAW, 0);
   if (fd < 0) {
     *step = "open";
     return -1;
@@ -78,6 +90,12 @@ int cfm_wan_socket_open(int ifindex, const char **failed_step) {
     *step = "open";
     close(fd);
     return -1;
+  }
+  // A kernel that cannot run the filter leaves the socket taking everything:
+  // the classifier still passes over what is not CFM.
+  if (filtered) {
+    cfm::packet_filter_attach(fd, isCfmDebugOn() != 0);
+    drain(fd);
   }
   struct sockaddr_ll addr;
   memset(&addr, 0, sizeof addr);

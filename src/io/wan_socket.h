@@ -10,8 +10,10 @@
 #include <cstdint>
 
 // Opens, configures (non-blocking) and binds the socket; -1 on failure, with
-// `*failed_step` set to "open" or "bind".
-int cfm_wan_socket_open(int ifindex, const char **failed_step);
+// `*failed_step` set to "open" or "bind". `filtered`: the kernel keeps only
+// what the classifier can act on (io/packet_filter.h), from the first frame
+// on; otherwise the socket takes every frame of the interface.
+int cfm_wan_socket_open(int ifindex, const char **failed_step, bool filtered = false);
 
 // Reads one frame into buf (capacity cap). Returns its length with the outer
 // tag re-inserted (cut to cap), 0 when a frame was skipped (an own outgoing

@@ -13,28 +13,46 @@ namespace {
 constexpr uint32_t kKeep = 0xFFFFFFFFu;  // the whole frame
 constexpr uint32_t kDrop = 0;
 
-// Where the EtherType can be 0x8902 on the wire: behind one or two tags, in
-// an Ethernet II or an 802.3 LLC/SNAP frame.
-constexpr size_t kEtherTypeAt[] = {wire::kSingleTagEtherType, wire::kDoubleTagEtherType,
-                                   wire::kSingleTagEtherType8023, wire::kDoubleTagEtherType8023};
-constexpr size_t kPositions = sizeof kEtherTypeAt / sizeof kEtherTypeAt[0];
+// The classifier's two frame types: where the EtherType stands behind one
+// tag and behind two. A frame type acts on a frame with 0x8902 behind one tag
+// and a whole common header after it; failing that, on one with 0x8902
+// behind two tags and a whole header after it.
+struct EtherTypeAt {
+  size_t single_tag;
+  size_t double_tag;
+};
+constexpr EtherTypeAt kFrameTypes[] = {{wire::kSingleTagEtherType, wire::kDoubleTagEtherType},
+                                       {wire::kSingleTagEtherType8023, wire::kDoubleTagEtherType8023}};
+constexpr size_t kGroupLen = 8;  // instructions per frame type: two positions
+constexpr size_t kTestsLen = 2 * kGroupLen + 2;
 
 struct Program {
   struct sock_filter *code;
   size_t len = 0;
   void stmt(uint16_t op, uint32_t k) { code[len++] = BPF_STMT(op, k); }
-  void jump(uint16_t op, uint32_t k, uint8_t jt, uint8_t jf) { code[len++] = BPF_JUMP(op, k, jt, jf); }
+  void jump(uint16_t op, uint32_t k, size_t jt, size_t jf) {
+    code[len++] = BPF_JUMP(op, k, static_cast<uint8_t>(jt), static_cast<uint8_t>(jf));
+  }
 };
 
-// The tests of the EtherType positions, for a frame whose outer tag is
-// `shift` bytes further on the wire than in the data (4 when the kernel took
-// it off, 0 when it is still there). Ends in keep or drop.
-void emit_ether_type_tests(Program &p, size_t shift) {
-  for (size_t i = 0; i < kPositions; ++i) {
-    p.stmt(BPF_LD | BPF_H | BPF_ABS, static_cast<uint32_t>(kEtherTypeAt[i] - shift));
-    // Equal: to the keep after the last test; else the next load.
-    auto to_keep = static_cast<uint8_t>(2 * (kPositions - 1 - i) + 1);
-    p.jump(BPF_JMP | BPF_JEQ | BPF_K, kCfmEtherType, to_keep, 0);
+// One position, four instructions: 0x8902 there (else two instructions on,
+// to the next position), then a whole common header after it (jump to
+// `keep`; else on to the next position, which asks for a longer frame).
+void emit_position(Program &p, size_t data_offset, size_t keep) {
+  p.stmt(BPF_LD | BPF_H | BPF_ABS, static_cast<uint32_t>(data_offset));
+  p.jump(BPF_JMP | BPF_JEQ | BPF_K, kCfmEtherType, 0, 2);
+  p.stmt(BPF_LD | BPF_W | BPF_LEN, 0);
+  p.jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(data_offset + 2 + kCfmHeaderLen), keep - p.len - 1, 0);
+}
+
+// The tests of both frame types for a frame whose outer tag is `shift`
+// bytes further on the wire than in the data (4 when the kernel took it off,
+// 0 when it is still there). Ends in drop, then keep.
+void emit_cfm_tests(Program &p, size_t shift) {
+  size_t keep = p.len + kTestsLen - 1;
+  for (const EtherTypeAt &type : kFrameTypes) {
+    emit_position(p, type.single_tag - shift, keep);
+    emit_position(p, type.double_tag - shift, keep);
   }
   p.stmt(BPF_RET | BPF_K, kDrop);
   p.stmt(BPF_RET | BPF_K, kKeep);
@@ -55,7 +73,7 @@ size_t packet_filter(bool all_tagged, struct sock_filter *out) {
   if (all_tagged) {
     p.stmt(BPF_RET | BPF_K, kKeep);
   } else {
-    emit_ether_type_tests(p, kTagLen);
+    emit_cfm_tests(p, kTagLen);
   }
   out[branch].jf = 0;
   out[branch].jt = static_cast<uint8_t>(p.len - branch - 1);
@@ -66,7 +84,7 @@ size_t packet_filter(bool all_tagged, struct sock_filter *out) {
   if (all_tagged) {
     p.stmt(BPF_RET | BPF_K, kKeep);
   } else {
-    emit_ether_type_tests(p, 0);
+    emit_cfm_tests(p, 0);
   }
   return p.len;
 }

@@ -15,7 +15,7 @@
 namespace cfm {
 
 // Longest filter program; the program itself is built by packet_filter().
-constexpr size_t kPacketFilterMaxLen = 32;
+constexpr size_t kPacketFilterMaxLen = 48;
 
 // Writes the program into `out` (room for kPacketFilterMaxLen) and returns
 // its length. `all_tagged`: keep every 802.1Q-tagged frame (debug).

@@ -139,9 +139,7 @@ void cfm_send_lbr(const uint8_t *lbm, const uint8_t *destination, uint32_t prior
   if (allowed && length > 0) {
     uint32_t result = direction == 2 ? CFM_Send_Packet_To_LAN(buffer, static_cast<uint32_t>(length), priority)
                                      : CFM_Send_Packet_To_WAN(buffer, static_cast<uint32_t>(length), priority);
-    if (result != CFM_OK) {
-      printf("\r\n Send CFM LB packet failed!!");
-    }
+    cfm_tx_report_failure(result, "\r\n Send CFM LB packet failed!!");
   }
   CFM_OS_Deallocate_Memory(buffer);
 }

@@ -142,9 +142,7 @@ uint32_t send_ltr(const CfmPacket &packet, const uint8_t *ltm_egress_id) {
   uint32_t result =
       length > 0 ? CFM_Send_Packet_To_WAN(buffer, static_cast<uint32_t>(length), packet.priority) : CFM_ERR_FAILURE;
   CFM_OS_Deallocate_Memory(buffer);
-  if (result != CFM_OK) {
-    printf("\r\n Send CFM LTR packet failed!!");
-  }
+  cfm_tx_report_failure(result, "\r\n Send CFM LTR packet failed!!");
   return result;
 }
 

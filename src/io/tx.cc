@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -61,26 +62,31 @@ int wan_send_socket() {
   return _cfm_wan_sock_fd;
 }
 
-// Builds the wire form: at least 64 bytes, zero padded; a tag carrying VID 0
-// is taken out and the wire length kept, so 4 zero bytes trail the frame.
-// Returns the wire length, 0 when the buffer cannot be had.
-size_t build_wire_frame(const uint8_t *frame, uint32_t length, uint8_t **out) {
-  if (length > kMaxSendLength) return 0;
+// Writes the wire form into `out` (room for the larger of `length` and 64):
+// at least 64 bytes, zero padded; a tag carrying VID 0 is taken out and the
+// wire length kept, so 4 zero bytes trail the frame. Returns the wire length.
+size_t wire_form(const uint8_t *frame, uint32_t length, uint8_t *out) {
   size_t wire_len = length < cfm::kMinFrame ? cfm::kMinFrame : length;
-  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(wire_len));
-  if (buf == nullptr) return 0;
-  memset(buf, 0, wire_len);
+  memset(out, 0, wire_len);
   bool vid0_tag = length >= cfm::wire::kSingleTagPayload &&
                   cfm_is_vlan_tpid(frame[cfm::wire::kTpid], frame[cfm::wire::kTpid + 1]) &&
                   cfm::tci_vid(frame + cfm::wire::kTci) == 0;
   if (vid0_tag) {
-    memcpy(buf, frame, cfm::wire::kTpid);
-    memcpy(buf + cfm::wire::kTpid, frame + cfm::wire::kSingleTagPayload, length - cfm::wire::kSingleTagPayload);
+    memcpy(out, frame, cfm::wire::kTpid);
+    memcpy(out + cfm::wire::kTpid, frame + cfm::wire::kSingleTagPayload, length - cfm::wire::kSingleTagPayload);
   } else {
-    memcpy(buf, frame, length);
+    memcpy(out, frame, length);
   }
-  *out = buf;
   return wire_len;
+}
+
+// The wire form in a buffer of its own; 0 when the buffer cannot be had.
+size_t build_wire_frame(const uint8_t *frame, uint32_t length, uint8_t **out) {
+  if (length > kMaxSendLength) return 0;
+  auto *buf = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(length < cfm::kMinFrame ? cfm::kMinFrame : length));
+  if (buf == nullptr) return 0;
+  *out = buf;
+  return wire_form(frame, length, buf);
 }
 
 void debug_dump(const SendPath &path, const uint8_t *buf, size_t len) {
@@ -90,22 +96,118 @@ void debug_dump(const SendPath &path, const uint8_t *buf, size_t len) {
   printf("\n\n");
 }
 
-bool socket_send(int fd, int ifindex, const uint8_t *buf, size_t len) {
-  if (fd < 0) return false;
+struct sockaddr_ll link_address(int ifindex) {
   struct sockaddr_ll addr;
   memset(&addr, 0, sizeof addr);
   addr.sll_family = AF_PACKET;
   addr.sll_ifindex = ifindex;
   addr.sll_halen = cfm::kMacLen;
+  return addr;
+}
+
+bool socket_send(int fd, int ifindex, const uint8_t *buf, size_t len) {
+  if (fd < 0) return false;
+  struct sockaddr_ll addr = link_address(ifindex);
   return sendto(fd, buf, len, 0, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != -1;
 }
 
+// ------------------------------------------------------------ send batches
+
+// The frames sent while one batch is open, in order, in wire form.
+constexpr size_t kBatchFrames = 32;
+constexpr size_t kBatchFrameRoom = cfm::kMaxFrame + 2 * cfm::kTagLen;
+static_assert(kBatchFrameRoom >= cfm::kMinFrame, "a padded frame fits");
+
+struct QueuedFrame {
+  CfmTxSide side;
+  int fd;
+  int ifindex;
+  size_t length;
+  const char *failure_text;  // printed when the frame cannot be sent
+};
+
+struct SendBatch {
+  std::atomic<bool> taken{false};  // one thread at a time batches
+  size_t count = 0;
+  QueuedFrame frames[kBatchFrames];
+  uint8_t data[kBatchFrames][kBatchFrameRoom];
+};
+
+SendBatch g_batch;
+thread_local bool t_batching = false;
+thread_local QueuedFrame *t_last_queued = nullptr;  // the frame the last send queued
+
+void report_failure(const QueuedFrame &frame) {
+  if (frame.failure_text != nullptr) printf("%s", frame.failure_text);
+}
+
+// Sends frames [0, n) of one socket with as few calls as the kernel allows;
+// a frame the kernel refuses is reported and passed over.
+void send_run(const QueuedFrame *frames, uint8_t (*data)[kBatchFrameRoom], size_t n) {
+  struct mmsghdr msgs[kBatchFrames];
+  struct iovec iov[kBatchFrames];
+  struct sockaddr_ll addr = link_address(frames[0].ifindex);
+  memset(msgs, 0, sizeof msgs);
+  for (size_t i = 0; i < n; ++i) {
+    iov[i] = {data[i], frames[i].length};
+    msgs[i].msg_hdr.msg_name = &addr;
+    msgs[i].msg_hdr.msg_namelen = sizeof addr;
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  for (size_t done = 0; done < n;) {
+    int sent = frames[0].fd < 0 ? -1 : sendmmsg(frames[0].fd, msgs + done, static_cast<unsigned>(n - done), 0);
+    if (sent <= 0) {
+      report_failure(frames[done++]);
+    } else {
+      done += static_cast<size_t>(sent);
+    }
+  }
+}
+
+// Sends what the batch holds, in order: through the hook one by one, or
+// with one sendmmsg per run of frames that go to the same socket.
+void flush_batch() {
+  SendBatch &b = g_batch;
+  std::shared_ptr<CfmTxHook> hook = current_hook();
+  for (size_t first = 0, end; first < b.count; first = end) {
+    for (end = first + 1; end < b.count && b.frames[end].side == b.frames[first].side; ++end) {
+    }
+    if (hook && *hook) {
+      for (size_t i = first; i < end; ++i) {
+        if (!(*hook)(b.frames[i].side, b.data[i], b.frames[i].length)) report_failure(b.frames[i]);
+      }
+    } else {
+      send_run(b.frames + first, b.data + first, end - first);
+    }
+  }
+  b.count = 0;
+  t_last_queued = nullptr;
+}
+
+uint32_t queue_frame(const SendPath &path, int fd, int ifindex, const uint8_t *frame, uint32_t length) {
+  SendBatch &b = g_batch;
+  if (b.count == kBatchFrames) flush_batch();
+  QueuedFrame &q = b.frames[b.count];
+  q = {path.side, fd, ifindex, wire_form(frame, length, b.data[b.count]), nullptr};
+  ++b.count;
+  t_last_queued = &q;
+  return CFM_OK;
+}
+
 uint32_t send_packet(const SendPath &path, int fd, int ifindex, const uint8_t *frame, uint32_t length) {
+  t_last_queued = nullptr;
   if (frame == nullptr) return CFM_ERR_FAILURE;
+  // In a batch, a frame waits for the others; with debug on it leaves at
+  // once (after those queued before it), so the trace reads as it always has.
+  bool debug = isCfmDebugOn() != 0;
+  if (t_batching && !debug && length <= kBatchFrameRoom) {
+    return queue_frame(path, fd, ifindex, frame, length);
+  }
+  if (t_batching) flush_batch();
   uint8_t *buf = nullptr;
   size_t wire_len = build_wire_frame(frame, length, &buf);
   if (wire_len == 0) return CFM_ERR_FAILURE;
-  bool debug = isCfmDebugOn() != 0;
   if (debug) debug_dump(path, buf, wire_len);
   std::shared_ptr<CfmTxHook> hook = current_hook();
   bool sent = (hook && *hook) ? (*hook)(path.side, buf, wire_len) : socket_send(fd, ifindex, buf, wire_len);
@@ -192,6 +294,28 @@ void cfm_set_tx_hook(CfmTxHook hook) {
   std::shared_ptr<CfmTxHook> next = hook ? std::make_shared<CfmTxHook>(std::move(hook)) : nullptr;
   std::lock_guard<std::mutex> lock(g_tx_mutex);
   g_tx_hook = std::move(next);
+}
+
+void cfm_tx_batch_begin() {
+  if (t_batching || g_batch.taken.exchange(true)) return;
+  t_batching = true;
+}
+
+void cfm_tx_batch_end() {
+  if (!t_batching) return;
+  flush_batch();
+  t_batching = false;
+  g_batch.taken.store(false);
+}
+
+void cfm_tx_report_failure(uint32_t result, const char *text) {
+  // A queued send always reports CFM_OK, so a failure is one sent at once.
+  if (result != CFM_OK) {
+    if (text != nullptr) printf("%s", text);
+  } else if (t_last_queued != nullptr) {
+    t_last_queued->failure_text = text;
+  }
+  t_last_queued = nullptr;
 }
 
 void cfm_set_system_mac(const uint8_t *mac) {

@@ -33,6 +33,20 @@ uint8_t CFM_Get_Interface_Status(uint32_t port);  // always 1 (isUp)
 bool CFM_Is_Vlan_Port_Member(uint32_t vid, uint32_t port);
 bool CFM_Is_Vlan_Port_Member_Ex(uint32_t a, uint32_t b, uint32_t c);
 
+// Send batches. Between begin and end on one thread (the receive task, around
+// the frames of one read), the frames sent to the WAN and the LAN wait, in
+// order, and leave together after the batch (one sendmmsg per run of frames
+// for the same socket); the sends report CFM_OK when queued. With debug on a
+// frame leaves at once, so the trace is that of a send outside a batch. One
+// thread batches at a time: on any other, begin does nothing. Other threads
+// (the timer's CCMs) always send at once.
+void cfm_tx_batch_begin();
+void cfm_tx_batch_end();
+// Call right after a send with its result: reports `text` if that send
+// fails, at once for a frame sent at once, when the batch leaves for a
+// queued one.
+void cfm_tx_report_failure(uint32_t result, const char *text);
+
 // Transmit seam: while a hook is set, every send hands the finished wire
 // frame (padded, VID-0 tag removed) to the hook instead of a socket, and the
 // hook's answer is the send result. Tests capture frames this way.

@@ -41,6 +41,37 @@ TEST_F(Tx, VidZeroAndShortFrameEdgesSideAndResult) {
   EXPECT_EQ(sent[4].side, CfmTxSide::Wan);
 }
 
+// In a batch the frames wait, then leave in order; a refused one is reported
+// with the text given for it, and with debug on a frame leaves at once,
+// after those queued before it.
+TEST_F(Tx, BatchedSendsLeaveInOrderAndReportTheirOwnFailures) {
+  auto send = [](uint16_t vid, bool lan = false) {
+    Bytes f = tagged(vid, 64);
+    return lan ? CFM_Send_Packet_To_LAN(f.data(), 64, 0) : CFM_Send_Packet_To_WAN(f.data(), 64, 0);
+  };
+  tx_ok = false;
+  std::string out = stdout_of([&] {
+    cfm_tx_batch_begin();
+    cfm_tx_report_failure(send(1), "one ");
+    send(2, true);
+    cfm_tx_report_failure(CFM_ERR_FAILURE, "unsent ");
+    cfm_tx_report_failure(send(3), "three ");
+    EXPECT_TRUE(sent.empty());
+    cfm_tx_batch_end();
+  });
+  EXPECT_EQ(out, "unsent one three ");
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[1].side, CfmTxSide::Lan);
+  EXPECT_EQ(sent[2].frame, tagged(3, 64));
+  cfm_tx_batch_begin();
+  send(4);
+  cfm_debug_msg = 1;
+  stdout_of([&] { send(5); });
+  EXPECT_EQ(sent.size(), 5u);
+  EXPECT_EQ(sent[3].frame, tagged(4, 64));
+  cfm_tx_batch_end();
+}
+
 // Senders on several threads while the hook is set and cleared: every
 // send goes to exactly one hook or the (absent) LAN socket, nothing crashes.
 TEST(TxHookThreads, HookSwappedWhileSending) {

@@ -207,6 +207,11 @@ int read_wan_batch(uint8_t *const *bufs, long *lengths, int want) {
   return got;
 }
 
+// The receive buffers of the WAN batches, reused from batch to batch: a
+// frame is read into one and read no further than its length. Only the
+// receive task reads the WAN.
+uint8_t g_wan_buffers[kLockBatch][kRxBufferSize];
+
 // Takes the queued WAN frames in arrival order, at most `limit` of them, in
 // batches read with one call each. A batch is classified and handed to the
 // engines under one hold of MEP_SYC, so the tick waits for at most one
@@ -214,24 +219,18 @@ int read_wan_batch(uint8_t *const *bufs, long *lengths, int want) {
 // read is made before the next wait. Returns the number of frames read.
 size_t drain_wan(size_t limit) {
   size_t frames = 0;
+  uint8_t *bufs[kLockBatch];
+  for (size_t i = 0; i < kLockBatch; ++i) bufs[i] = g_wan_buffers[i];
   while (frames < limit) {
     int want = static_cast<int>(limit - frames < kLockBatch ? limit - frames : kLockBatch);
-    uint8_t *bufs[kLockBatch];
     long lengths[kLockBatch];
-    int have = 0;
-    while (have < want && (bufs[have] = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kRxBufferSize))) != nullptr) {
-      ++have;
-    }
-    int got = have > 0 ? read_wan_batch(bufs, lengths, have) : 0;
+    int got = read_wan_batch(bufs, lengths, want);
     // The replies and relays of the batch leave together once MEP_SYC is
     // free again, so a tick waiting for it is not held up by the sends.
     cfm_tx_batch_begin();
     if (got > 0) {
       MepSycLock lock;
       for (int i = 0; i < got; ++i) {
-        // Every frame in a fresh buffer, cleared beyond what was read.
-        size_t used = lengths[i] > 0 ? static_cast<size_t>(lengths[i]) : 0;
-        memset(bufs[i] + used, 0, kRxBufferSize - used);
         CfmPacket packet;
         memset(&packet, 0, sizeof packet);
         if (classify_received(bufs[i], lengths[i], &packet) == CFM_OK) {
@@ -241,7 +240,6 @@ size_t drain_wan(size_t limit) {
       }
     }
     cfm_tx_batch_end();
-    for (int i = 0; i < have; ++i) CFM_OS_Deallocate_Memory(bufs[i]);
     frames += static_cast<size_t>(got);
     if (got < want) break;
   }

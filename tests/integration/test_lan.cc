@@ -76,6 +76,12 @@ TEST_F(Lan, WanFramesAndOwnCcmsReachTheLan) {
   auto on_lan = lan_.Receive(2500, ccm);
   ASSERT_TRUE(on_wan && on_lan);
   EXPECT_EQ(*on_wan, *on_lan);
+  // debugon widens the kernel filter to every tagged frame, which the trace shows.
+  Frame ordinary = Cfm(5, 1, false);
+  ordinary[16] = 0x08, ordinary[17] = 0x00;
+  Command("debugon");
+  ASSERT_TRUE(peer().Send(ordinary));
+  EXPECT_TRUE(WaitForOutput("Debug: rx_wan_packet recevice"));
   Stop();
   ASSERT_TRUE(StartDaemonReady({"-i", "wan0", "-e", "-l", "nosuch0"}));
   EXPECT_NE(Output().find("CFM: LAN interface nosuch0 cannot be used, nothing is relayed\n"), std::string::npos);

@@ -67,6 +67,7 @@ Traffic send_ordinary(Daemon &d, bool tagged, double seconds, double idle_ns_per
   if (t.sent > 0) {
     t.raw_us = cpu / 1e3 / double(t.sent);
     t.net_us = (cpu - idle_ns_per_s * elapsed_s) / 1e3 / double(t.sent);
+    if (t.net_us < 0 && t.net_us > -0.0005) t.net_us = 0;  // no "-0.000"
   }
   return t;
 }

@@ -2,10 +2,13 @@
 // the tree export and the client's own exit status. The texts of every command
 // are checked in-process by the unit tests.
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
 
 #include "cli/server.h"
 #include "lab.h"
@@ -64,12 +67,99 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   EXPECT_EQ(ReadFile("/var/tree/runtime/cfm/rmep_db"), "0\n");
   Stop();
   EXPECT_EQ(RunCfmctl({"showmd"}, &status), "");
-  EXPECT_EQ(status, 1);
-  std::string help = RunCfmctl({"--help"}, &status);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(status, 3);
   for (const CliCommand *row = cfm_cli_cmd_table; row->name != nullptr; ++row) {
-    EXPECT_NE(help.find(std::string("  ") + row->name + " "), std::string::npos) << row->name;
+    EXPECT_NE(RunCfmctl({"help", row->name}, &status), "");
+    EXPECT_EQ(status, 0) << row->name;
   }
+}
+
+// Sends a request in parts, `pause` between connecting, the words and the
+// end of stream; returns the reply read back on the connection.
+std::string Reply(int fd, const std::string &request, std::chrono::milliseconds pause = {}) {
+  std::this_thread::sleep_for(pause);
+  EXPECT_EQ(write(fd, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+  std::this_thread::sleep_for(pause);
+  shutdown(fd, SHUT_WR);
+  std::string reply;
+  char buf[512];
+  for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, static_cast<size_t>(n));
+  close(fd);
+  return reply;
+}
+
+// The reply on the connection is what the daemon prints for the request;
+// cfmctl prints it and its exit status tells a refusal (1), bad words (2).
+TEST_F(Lab, RepliesComeBackOnTheConnection) {
+  ASSERT_TRUE(StartDaemonReady());
+  struct stat st = {};
+  ASSERT_EQ(stat(CFM_CLI_SOCKET_PATH, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  int status = -1;
+  const std::pair<std::vector<std::string>, std::string> runs[] = {
+      {{"createmd", "1", "0", "5", "0", "dom"}, ""},
+      {{"createmd", "1", "0", "5", "0", "dom"}, "\r\nError!! MD Index exist\n"},
+      {{"foo"}, "unknown command !\n"},
+      {{"showmd"}, "\r\nMdIndex : 1\r\nMdFormat : charstring\r\nMdLevel : 5\r\nMhfCreation : defmhfdefault\r\nMdName : dom\r\n"},
+      {{"md", "create", "4", "--level", "3", "--name", "100", "--format", "dnslikename"}, ""},
+      {{"ma", "create", "4", "7", "--name", "assoc", "--interval", "10s"}, ""},
+      {{"mep", "create", "4", "7", "20", "--direction", "up", "--vid", "5"}, ""},
+      {{"mep", "config", "4", "7", "20", "--direction", "up", "--vid", "5", "--ccm", "on"}, ""},
+      {{"md", "delete", "4"}, "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n"}};
+  for (const auto &[args, reply] : runs) {
+    size_t from = Output().size();
+    EXPECT_EQ(RunCfmctl(args, &status), reply) << args[0];
+    EXPECT_EQ(status, reply.find("!") == std::string::npos ? 0 : 1) << args[0];
+    std::string printed = Output().substr(from);
+    EXPECT_EQ(printed + (printed.empty() || printed.back() == '\n' ? "" : "\n"), reply) << args[0];
+  }
+  std::string json = RunCfmctl({"status", "--json"}, &status);
+  EXPECT_EQ(status, 0);
+  for (const char *part : {"\"cfm\":\"enabled\"", "\"md\":4,\"md_name\":\"100\",\"ma\":7,\"ma_name\":\"assoc\",\"mepid\":20,"
+                           "\"port\":1,\"vid\":5,\"direction\":\"Up\",\"ccm\":\"on\",\"interval\":\"10s\"",
+                           "\"alarm_priority\":\"macRemErrXcon\"", "\"remote_meps\":[]"}) {
+    EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
+  }
+  size_t from = Output().size();
+  for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
+           {"--bogus"}, {"md", "create", "5", "--level", "8", "--name", "x"}, {"mep", "create", "4", "7", "20", "--dir", "up"},
+           {"lb", "start", "4", "7", "20", "--target", "02:00:00:00:00"}, {"show", "everything"}, {"help", "nothing"}}) {
+    EXPECT_EQ(RunCfmctl(bad, &status), "");
+    EXPECT_EQ(status, 2) << bad[0];
+  }
+  EXPECT_EQ(Output().size(), from);  // none of them was sent
+}
+
+// A request runs when its client ends it, however late, while nobody else
+// waits; twenty clients that never read their replies hold up nobody.
+TEST_F(Lab, SlowAndSilentClientsAreServedWithoutHoldingOthers) {
+  ASSERT_TRUE(StartDaemonReady());
+  const std::string enabled = "\r\n CFM Status  : enabled";
+  EXPECT_EQ(Reply(Connect(), "showdefault 2", std::chrono::milliseconds(1600)), enabled);  // closed after 3.2 s
+  EXPECT_EQ(Reply(Connect(), "showdefault 2", std::chrono::milliseconds(3000)), enabled);  // sent after 3 s
+  std::vector<int> silent;
+  for (int i = 0; i < 20; ++i) {
+    silent.push_back(Connect());
+    EXPECT_EQ(write(silent.back(), "showmd", 6), 6);
+    shutdown(silent.back(), SHUT_WR);
+  }
+  auto start = Clock::now();
+  EXPECT_EQ(Reply(Connect(), "showdefault 2"), enabled);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  for (int fd : silent) close(fd);
+  // Out of descriptors, accept fails: reported once, and the waiting client
+  // is served when descriptors are free again.
+  struct rlimit old = {}, none = {0, 0};
+  ASSERT_EQ(prlimit(pid(), RLIMIT_NOFILE, nullptr, &old), 0);
+  none.rlim_max = old.rlim_max;
+  ASSERT_EQ(prlimit(pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+  int waiting = Connect();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  ASSERT_EQ(prlimit(pid(), RLIMIT_NOFILE, &old, nullptr), 0);
+  EXPECT_EQ(Reply(waiting, "showdefault 2"), enabled);
+  std::string errors = Errors();
+  EXPECT_EQ(errors.find("server accept fail, reason: Too many open files"), errors.rfind("server accept fail"));
+  EXPECT_NE(errors.find("server accept fail"), std::string::npos);
 }
 
 }  // namespace

@@ -142,7 +142,12 @@ int help(const std::vector<std::string> &words) {
   printf("\nnamed commands (checked before sending; values by name):\n");
   for (const NamedCommand &named : named_commands()) print_named_usage(named, "  ");
   printf("\nthe daemon's own commands, sent as they stand (N number, T text):\n");
-  for (const RawHelp &raw : kRawHelp) printf("  %s\n", raw.word);
+  std::string line = " ";
+  for (const RawHelp &raw : kRawHelp) {
+    if (line.size() + strlen(raw.word) > 78) line = (printf("%s\n", line.c_str()), " ");
+    line += std::string(" ") + raw.word;
+  }
+  printf("%s\n", line.c_str());
   printf("cfmctl help COMMAND shows a command's arguments and codes.\n\n");
   fputs(kOptionsText, stdout);
   return kOk;

@@ -144,8 +144,12 @@ int help(const std::vector<std::string> &words) {
   printf("\nthe daemon's own commands, sent as they stand (N number, T text):\n");
   std::string line = " ";
   for (const RawHelp &raw : kRawHelp) {
-    if (line.size() + strlen(raw.word) > 78) line = (printf("%s\n", line.c_str()), " ");
-    line += std::string(" ") + raw.word;
+    if (line.size() + strlen(raw.word) > 78) {
+      printf("%s\n", line.c_str());
+      line.resize(1);  // the indent
+    }
+    line += ' ';
+    line += raw.word;
   }
   printf("%s\n", line.c_str());
   printf("cfmctl help COMMAND shows a command's arguments and codes.\n\n");

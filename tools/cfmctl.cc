@@ -164,6 +164,18 @@ bool is_raw_word(const std::string &word) {
   return false;
 }
 
+// configmep and deletemep refuse a direction code other than their own
+// without a word; say so, as the request did nothing.
+int check_silent_refusal(const std::vector<std::string> &words, int status) {
+  if (status != kOk || words.size() < 12 || (words[0] != "configmep" && words[0] != "deletemep")) return status;
+  bool config = words[0] == "configmep";
+  const std::string &dir = words[11];
+  if (config ? (dir == "100" || dir == "200") : (dir == "1" || dir == "2")) return status;
+  fprintf(stderr, "cfmctl: %s takes the direction %s, not %s: the daemon did nothing\n", words[0].c_str(),
+          config ? "100 (down) or 200 (up)" : "1 (down) or 2 (up)", dir.c_str());
+  return kRefused;
+}
+
 int usage_error(const std::string &message) {
   fprintf(stderr, "cfmctl: %s (see cfmctl help)\n", message.c_str());
   return kUsage;
@@ -218,5 +230,5 @@ int main(int argc, char **argv) {
   // not know is sent too, and its answer says so.
   std::string request;
   for (const std::string &word : words) request += (request.empty() ? "" : " ") + word;
-  return run_and_print(client, request);
+  return check_silent_refusal(words, run_and_print(client, request));
 }

@@ -113,6 +113,8 @@ TEST_F(Lab, RepliesComeBackOnTheConnection) {
     std::string printed = Output().substr(from);
     EXPECT_EQ(printed + (printed.empty() || printed.back() == '\n' ? "" : "\n"), reply) << args[0];
   }
+  EXPECT_EQ(RunCfmctl({"deletemep", "4", "0", "7", "0", "20", "0", "1", "0", "5", "0", "200"}, &status), "");
+  EXPECT_EQ(status, 1);  // the daemon refuses the wrong direction code silently
   std::string json = RunCfmctl({"status", "--json"}, &status);
   EXPECT_EQ(status, 0);
   for (const char *part : {"\"cfm\":\"enabled\"", "\"md\":4,\"md_name\":\"100\",\"ma\":7,\"ma_name\":\"assoc\",\"mepid\":20,"

@@ -28,7 +28,7 @@ std::string join(const std::vector<const char *> &names) {
 
 // The daemon splits requests on spaces: a text value must be one word.
 bool one_word(Args &args, const char *option, const std::string &value) {
-  if (value.find_first_of(" \n") == std::string::npos) return true;
+  if (!value.empty() && value.find_first_of(" \n") == std::string::npos) return true;
   return args.fail(std::string(option) + " '" + value + "' must be one word (no spaces)");
 }
 

@@ -170,3 +170,52 @@ TEST_F(Lab, SlowAndSilentClientsAreServedWithoutHoldingOthers) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every value a named command takes by name reaches the daemon as the code of
+// its command table: read back from the daemon's own listings.
+TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
+  ASSERT_TRUE(StartDaemonReady());
+  int status = -1;
+  auto run = [&](std::vector<std::string> args) {
+    std::string reply = RunCfmctl(args, &status);
+    EXPECT_EQ(status, 0) << args[0] << " " << args[1] << ": " << reply;
+    return reply;
+  };
+  const char *md_formats[] = {"none", "dnslikename", "macaddressanduint", "charstring"};
+  const char *ma_formats[] = {"primaryvid", "charstring", "unsignedint16", "rfc2865vpnid"};
+  const char *intervals[][2] = {{"10ms", "unsignedint16"}, {"100ms", "rfc2865vpnid"}, {"1s", "10ms100ms1s"},
+                                {"10s", "10s"},           {"1min", "1min"},             {"10min", "10min"}};
+  for (int i = 0; i < 4; ++i) {
+    std::string md = std::to_string(i + 1), mhf = i % 2 ? "default" : "none";
+    run({"md", "create", md, "--level", md, "--name", "d" + md, "--format", md_formats[i], "--mhf", mhf});
+    EXPECT_NE(run({"md", "show"}).find("MdIndex : " + md + "\r\nMdFormat : " + md_formats[i] + "\r\nMdLevel : " + md +
+                                       "\r\nMhfCreation : defmhf" + mhf),
+              std::string::npos) << md_formats[i];
+  }
+  for (int i = 0; i < 6; ++i) {
+    std::string ma = std::to_string(i + 1);
+    run({"ma", "create", "1", ma, "--name", "a" + ma, "--format", ma_formats[i % 4], "--interval", intervals[i][0]});
+    EXPECT_NE(run({"ma", "show"}).find("MaIndex : " + ma + "\r\nFormat : " + ma_formats[i % 4] + "\r\nName : a" + ma +
+                                       "\r\nCcmInterval : " + intervals[i][1]),
+              std::string::npos) << intervals[i][0];
+  }
+  run({"mep", "create", "1", "1", "30", "--vid", "7", "--direction", "up"});
+  const char *alarms[][2] = {{"alldef", "All Defect"}, {"macremerrxcon", "macRemErrXcon"}, {"remerrxcon", "remErrXcon"},
+                             {"errxcon", "errXcon"},   {"xcon", "xcon"},                   {"noxcon", "noXcon"}};
+  for (const auto &[name, shown] : alarms) {
+    run({"mep", "config", "1", "1", "30", "--vid", "7", "--direction", "up", "--alarm-priority", name, "--ccm", "off"});
+    EXPECT_NE(run({"show", "mep", "ccm"}).find(std::string("Transmite  : Disable\r\n CCM Sequence Errors : 0\r\n CCM Defect "
+                                                           "Prioity : ") + shown + "\r\n"),
+              std::string::npos) << name;
+  }
+  run({"lt", "start", "1", "1", "30", "--vid", "7", "--direction", "up", "--target", "02:00:00:00:0b:02", "--ttl", "9"});
+  EXPECT_NE(run({"mep", "show", "lt"}).find("Target : 02:00:00:00:0b:02\r\n Target MEPID : 0\r\n Target IsMEPID : "
+                                            "disabled\r\n TTL : 9"), std::string::npos);
+  EXPECT_NE(run({"show", "lbr"}).find("LBM Setting info"), std::string::npos);
+  EXPECT_EQ(RunCfmctl({"md", "create", "9", "extra", "--level", "1", "--name", "x"}, &status), "");
+  EXPECT_EQ(status, 2);
+}
+
+}  // namespace

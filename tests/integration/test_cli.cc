@@ -56,6 +56,9 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ltm", "--json"}, &status),
             "[{\"sequence_num\":1,\"unexpect_ltr\":0,\"flag\":\"None\",\"target\":\"00:00:00:00:00:00\","
             "\"target_mepid\":0,\"target_ismep\":\"disabled\",\"ttl\":64,\"result\":\"Fail\",\"ltm_sequence\":0}]\n");
+  EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ccm", "--json"}, &status).rfind(
+                "[{\"transmit\":\"Enable\",\"sequence_err\":0,\"defect_priority\":\"macRemErrXcon\"", 0),
+            0u);
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "lbm"}, &status),
             "result  first_sequence  next_lbm  valid_lbr_in  valid_lbr_outoforder  bad_lbr_msdu  transmit_lbr  status\n"
             "Fail    0               0         0             0                     0             0             "
@@ -201,6 +204,12 @@ TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
                                        "\r\nCcmInterval : " + intervals[i][1]),
               std::string::npos) << intervals[i][0];
   }
+  run({"ma", "config", "1", "6", "--name", "renamed", "--format", "primaryvid", "--interval", "1s"});
+  EXPECT_NE(run({"ma", "show"}).find("MaIndex : 6\r\nFormat : primaryvid\r\nName : renamed\r\nCcmInterval : 10ms100ms1s"),
+            std::string::npos);
+  run({"md", "config", "4", "--name", "dd", "--level", "6", "--mhf", "none", "--format", "none"});
+  EXPECT_NE(run({"md", "show"}).find("MdIndex : 4\r\nMdFormat : none\r\nMdLevel : 6\r\nMhfCreation : defmhfnone\r\nMdName : dd"),
+            std::string::npos);
   run({"mep", "create", "1", "1", "30", "--vid", "7", "--direction", "up"});
   const char *alarms[][2] = {{"alldef", "All Defect"}, {"macremerrxcon", "macRemErrXcon"}, {"remerrxcon", "remErrXcon"},
                              {"errxcon", "errXcon"},   {"xcon", "xcon"},                   {"noxcon", "noXcon"}};

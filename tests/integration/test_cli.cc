@@ -223,6 +223,13 @@ TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
   EXPECT_NE(run({"mep", "show", "lt"}).find("Target : 02:00:00:00:0b:02\r\n Target MEPID : 0\r\n Target IsMEPID : "
                                             "disabled\r\n TTL : 9"), std::string::npos);
   EXPECT_NE(run({"show", "lbr"}).find("LBM Setting info"), std::string::npos);
+  // status lists a MEP's replies to its last linktrace only (each LTM sent
+  // records one reply row here, where no bridge answers).
+  run({"mep", "create", "1", "1", "31"});
+  for (int i = 0; i < 2; ++i) run({"lt", "start", "1", "1", "31", "--target", "02:00:00:00:0b:02", "--ttl", "5"});
+  std::string screen = run({"status"});
+  EXPECT_NE(screen.find("MEP 31  MD 1 (d1)  MA 1 (a1)  port 1  VID 0  Down\n"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("linktrace: Success, target 02:00:00:00:0b:02, ttl 5, 1 replies\n"), std::string::npos) << screen;
   EXPECT_EQ(RunCfmctl({"md", "create", "9", "extra", "--level", "1", "--name", "x"}, &status), "");
   EXPECT_EQ(status, 2);
 }

@@ -123,14 +123,12 @@ done
 echo "router A: cfmd pid $PID_A, router B: cfmd pid $PID_B, host H: cfmd pid $PID_H"
 
 # ctl R WORD... : sends one request to router R through cfmctl and leaves
-# what the router printed for it in $REPLY_TEXT (carriage returns removed).
+# the router's answer in $REPLY_TEXT (carriage returns removed).
 REPLY_TEXT=""
 ctl() {
   local r="$1"; shift
-  local log="$WORK/$r.log" before
-  before=$(stat -c %s "$log")
-  "$WORK/bin/cfmctl" -s "$WORK/$r/var/cfm_socket" "$@" || fail "cfmctl $* on router $r"
-  REPLY_TEXT="$(tail -c +"$((before + 1))" "$log" | tr -d '\r')"
+  REPLY_TEXT="$("$WORK/bin/cfmctl" -s "$WORK/$r/var/cfm_socket" "$@")" || fail "cfmctl $* on router $r"
+  REPLY_TEXT="${REPLY_TEXT//$'\r'/}"
 }
 # show R TITLE WORD... : like ctl, and prints the report under a heading.
 show() {

@@ -18,7 +18,8 @@ mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" && touch "$root/
 dpkg --root="$root" --force-depends --force-script-chrootless -i "$deb" >/dev/null 2>&1 || fail "dpkg -i"
 
 files="usr/sbin/cfmd usr/bin/cfmctl usr/share/man/man8/cfmd.8 usr/share/man/man1/cfmctl.1
-       usr/lib/systemd/system/cfmd.service etc/init.d/cfmd etc/default/cfmd"
+       usr/lib/systemd/system/cfmd.service etc/init.d/cfmd etc/default/cfmd
+       usr/share/bash-completion/completions/cfmctl"
 for f in $files; do [ -f "$root/$f" ] || fail "missing /$f"; done
 for page in usr/share/man/man8/cfmd.8 usr/share/man/man1/cfmctl.1; do
   warnings=$(man --warnings -l "$root/$page" 2>&1 >/dev/null)

@@ -1,363 +1,234 @@
 // cfmctl: command-line front end of cfmd's command socket.
 //
-//   cfmctl [-s SOCKET] WORD...                 send one request
-//   cfmctl [-s SOCKET] -t DIR --export KIND [--json]
-//                                              export and print run-time state
+//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 26 command
+//                                            words: sent as it stands
+//   cfmctl [OPTIONS] md|ma|mep|lb|lt|show|clear|debug|defaults ...
+//                                            named commands, checked here
+//   cfmctl [OPTIONS] status [--json]         the operator's first screen
+//   cfmctl [OPTIONS] -t DIR --export KIND [--json]
+//   cfmctl help [WORD]
 //
-// A request is the words joined by single spaces, with no newline; the
-// daemon answers nothing on the socket and closes it when the command has
-// finished, so cfmctl waits for that close. Reports go to the daemon's own
-// standard output; exported state is read back from the configuration tree
-// directory given to the daemon with -t.
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
+// A request is its words joined by single spaces, with no newline; the
+// daemon runs it, writes the command's report back on the connection and
+// closes it. cfmctl prints the report; its exit status says whether the
+// daemon refused (1), the words were wrong (2) or no daemon answered (3).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "cfmctl/client.h"
+#include "cfmctl/export.h"
+#include "cfmctl/named.h"
 #include "cli/mep_options.h"
+#include "cli/server.h"
 
-namespace fs = std::filesystem;
+using namespace cfmctl;
 
 namespace {
 
-constexpr const char *kDefaultSocket = "/var/cfm_socket";
-constexpr int kCloseTimeoutMs = 120000;
+// The daemon's command words with their arguments: positions count from 1
+// after the word; "skip" is a position that must be sent but is not read.
+struct RawHelp {
+  const char *word;
+  const char *text;
+};
 
-const char kHelp[] =
-    "usage: cfmctl [-s SOCKET] WORD...\n"
+const RawHelp kRawHelp[] = {
+    {"enable", "turn CFM on"},
+    {"disable", "turn CFM off"},
+    {"default", "N skip N: 1 default MD level; 3 MHF creation (1 none, 2 default)"},
+    {"showdefault", "N: 1 shows the defaults, 2 the CFM status"},
+    {"createmd", "N skip N skip T [code value]...: 1 MD index; 3 level; 5 name; options: 1 format\n"
+                 "  (11 none, 12 dnslikename, 13 macaddressanduint, 14 charstring), 2 MHF creation\n"
+                 "  (21 none, 22 default), 4 name"},
+    {"configmd", "N [code value]...: 1 MD index; options: 0 level, 1 format (11..14), 2 MHF creation\n"
+                 "  (21, 22), 4 name"},
+    {"showmd", "list the MDs"},
+    {"deletemd", "N: 1 MD index (refused while it has MEPs or MAs)"},
+    {"createma", "N skip N skip T [code value]...: 1 MD index; 3 MA index; 5 name; options: 1 format\n"
+                 "  (11 primaryvid, 12 charstring, 13 unsignedint16, 14 rfc2865vpnid), 2 name,\n"
+                 "  3 CCM interval (29 10ms, 30 100ms, 31 1s, 32 10s, 33 1min, 34 10min)"},
+    {"configma", "N skip N [code value]...: 1 MD index; 3 MA index; options as for createma"},
+    {"showma", "list the MAs"},
+    {"deletema", "N skip N: 1 MD index; 3 MA index (refused while it has MEPs)"},
+    {"createmep", "N skip N skip N skip N skip N skip N: 1 MD; 3 MA; 5 MEPID; 7 port; 9 VID;\n"
+                  "  11 direction (1 Down, 2 Up)"},
+    {"configmep", "N skip N skip N skip N skip N skip N skip [code value]...: key as createmep but\n"
+                  "  11 direction is 100 Down or 200 Up; options from 13:"},
+    {"showmep", "[N]: list the MEPs; 1 adds the CCM block, 2 linktrace, 3 loopback"},
+    {"deletemep", "N skip N skip N skip N skip N skip N: key as createmep"},
+    {"showremotemep", "list the remote MEPs"},
+    {"clearremotemep", "empty the remote-MEP database"},
+    {"showltr", "list the linktrace replies"},
+    {"clearltr", "empty the linktrace replies (takes 3 s)"},
+    {"clearlbr", "delete the exported loopback rows"},
+    {"clearcnt", "zero every MEP's counters (takes 1 s)"},
+    {"runtime", "N: 1 selects one value (1..22) printed per MEP"},
+    {"update", "N: export 1 remote MEPs (takes 1 s), 2 linktrace replies (3 s), 3 CCM,\n"
+               "  4 loopback, 5 linktrace state"},
+    {"debugon", "turn the debug traces on"},
+    {"debugoff", "turn the debug traces off"},
+};
+
+const char kUsageText[] =
+    "usage: cfmctl [-s SOCKET] [--timeout S] COMMAND...\n"
     "       cfmctl [-s SOCKET] -t DIR --export rmep|ltr|ccm|lbm|ltm [--json]\n"
+    "       cfmctl help [COMMAND]\n";
+
+const char kOptionsText[] =
+    "options (before the command):\n"
+    "  -s SOCKET      command socket (default /var/cfm_socket)\n"
+    "  --timeout S    seconds to wait for the daemon's answer (default 10)\n"
+    "  -t DIR         configuration tree directory the daemon was started with\n"
+    "  --export KIND  send the matching update request and print the exported rows:\n"
+    "                 rmep (update 1), ltr (2), ccm (3), lbm (4), ltm (5)\n"
+    "  --json         with --export: the rows as JSON\n"
     "\n"
-    "Sends WORD... to cfmd as one request (single spaces, no newline) and waits\n"
-    "until the daemon has run it and closed the connection. The daemon writes its\n"
-    "reports to its own standard output. Every argument a command reads must be\n"
-    "sent. Positions are counted from 1 after the command word; 'skip' marks a\n"
-    "position that must be sent but is not read (any word will do); N is a\n"
-    "number, T a text.\n"
-    "\n"
-    "  enable                      turn CFM on\n"
-    "  disable                     turn CFM off\n"
-    "  default N skip N            1 default MD level; 3 MHF creation (1 none, 2 default)\n"
-    "  showdefault N               1 shows the defaults, 2 the CFM status\n"
-    "  createmd N skip N skip T [code value]...\n"
-    "                              1 MD index; 3 level; 5 name; options: 1 format (11..14),\n"
-    "                              2 MHF creation (21 none, 22 default), 4 name\n"
-    "  configmd N [code value]...  1 MD index; options: 0 level, 1 format (11..14),\n"
-    "                              2 MHF creation (21, 22), 4 name\n"
-    "  showmd                      list the MDs\n"
-    "  deletemd N                  1 MD index (refused while it has MEPs or MAs)\n"
-    "  createma N skip N skip T [code value]...\n"
-    "                              1 MD index; 3 MA index; 5 name; options: 1 format\n"
-    "                              (11..14), 2 name, 3 CCM interval (29 10ms, 30 100ms,\n"
-    "                              31 1s, 32 10s, 33 1min, 34 10min)\n"
-    "  configma N skip N [code value]...\n"
-    "                              1 MD index; 3 MA index; options as for createma\n"
-    "  showma                      list the MAs\n"
-    "  deletema N skip N           1 MD index; 3 MA index (refused while it has MEPs)\n"
-    "  createmep N skip N skip N skip N skip N skip N\n"
-    "                              1 MD; 3 MA; 5 MEPID; 7 port; 9 VID; 11 direction\n"
-    "                              (1 Down, 2 Up)\n"
-    "  configmep N skip N skip N skip N skip N skip N skip [code value]...\n"
-    "                              key as createmep but 11 direction is 100 Down or\n"
-    "                              200 Up; options from 13:\n";
+    "exit status: 0 the command ran; 1 the daemon refused it or reported a failure\n"
+    "(\"Error!! ...\", \"unknown command !\", \"... is not exist!\", ...); 2 usage error\n"
+    "found before sending; 3 no daemon answered.\n";
 
 // The configmep options, from the table the daemon's parser reads.
 void print_mep_options() {
   std::string line;
   for (size_t i = 0; i < cfm_mep_option_count; ++i) {
     std::string item = std::string(cfm_mep_options[i].help) + (i + 1 < cfm_mep_option_count ? "," : "");
-    if (!line.empty() && line.size() + 1 + item.size() > 58) {
-      printf("                              %s\n", line.c_str());
+    if (!line.empty() && line.size() + 1 + item.size() > 72) {
+      printf("    %s\n", line.c_str());
       line.clear();
     }
     line += (line.empty() ? "" : " ") + item;
   }
-  if (!line.empty()) printf("                              %s\n", line.c_str());
+  if (!line.empty()) printf("    %s\n", line.c_str());
 }
 
-const char kHelpAfterMepOptions[] =
-    "  showmep [N]                 list the MEPs; 1 adds the CCM block, 2 linktrace,\n"
-    "                              3 loopback\n"
-    "  deletemep N skip N skip N skip N skip N skip N\n"
-    "                              key as createmep\n"
-    "  showremotemep               list the remote MEPs\n"
-    "  clearremotemep              empty the remote-MEP database\n"
-    "  showltr                     list the linktrace replies\n"
-    "  clearltr                    empty the linktrace replies (takes 3 s)\n"
-    "  clearlbr                    delete the exported loopback rows\n"
-    "  clearcnt                    zero every MEP's counters (takes 1 s)\n"
-    "  runtime N                   1 selects one value (1..22) printed per MEP\n"
-    "  update N                    1 export: 1 remote MEPs, 2 linktrace replies, 3 CCM,\n"
-    "                              4 loopback, 5 linktrace state\n"
-    "  debugon                     turn the debug traces on\n"
-    "  debugoff                    turn the debug traces off\n"
-    "\n"
-    "options:\n"
-    "  -s SOCKET      command socket (default /var/cfm_socket)\n"
-    "  -t DIR         configuration tree directory the daemon was started with\n"
-    "  --export KIND  send the matching update request, wait for it, and print the\n"
-    "                 exported rows: rmep (update 1), ltr (2), ccm (3), lbm (4),\n"
-    "                 ltm (5)\n"
-    "  --json         print the exported rows as JSON instead of a table\n"
-    "  --help         this text\n";
-
-struct ExportKind {
-  const char *name;
-  int update;
-  const char *table;  // row prefix under /runtime/cfm, or null for one set
-  const char *dir;    // directory of a single set
-  std::vector<const char *> columns;
-};
-
-const std::vector<ExportKind> &export_kinds() {
-  static const std::vector<ExportKind> kinds = {
-      {"rmep", 1, "rmep", nullptr, {"md_id", "ma_id", "rmep_id", "vlan_id", "src_mac"}},
-      {"ltr",
-       2,
-       "ltr",
-       nullptr,
-       {"mac", "md_id", "ma_id", "mep_id", "sequence", "ttl", "forward", "terminal", "last_egress", "next_egress",
-        "reply_ingress_mac", "reply_egress_mac", "reply_ingress_port", "reply_egress_port", "relay"}},
-      {"ccm", 3, nullptr, "ccm", {"transmit", "sequence_err", "defect_priority", "defect", "sequence_num"}},
-      {"lbm",
-       4,
-       nullptr,
-       "lbm",
-       {"result", "first_sequence", "next_lbm", "valid_lbr_in", "valid_lbr_outoforder", "bad_lbr_msdu",
-        "transmit_lbr", "status"}},
-      {"ltm",
-       5,
-       nullptr,
-       "ltm",
-       {"sequence_num", "unexpect_ltr", "flag", "target", "target_mepid", "target_ismep", "ttl", "result",
-        "ltm_sequence"}},
-  };
-  return kinds;
+void print_raw_help(const RawHelp &raw) {
+  printf("%s %s\n", raw.word, raw.text);
+  if (strcmp(raw.word, "configmep") == 0) print_mep_options();
 }
 
-// Sends the request, ends the writing side and waits until the daemon
-// closes the connection. Returns 0, or 1 after printing why not.
-int send_request(const std::string &socket_path, const std::string &request) {
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (fd < 0) {
-    fprintf(stderr, "cfmctl: socket: %s\n", strerror(errno));
-    return 1;
+// Every usage line of a named command, indented.
+void print_named_usage(const NamedCommand &named, const char *indent) {
+  for (const char *p = named.usage; *p != '\0';) {
+    const char *end = strchr(p, '\n');
+    if (end == nullptr) end = p + strlen(p);
+    printf("%s%.*s\n", indent, static_cast<int>(end - p), p);
+    p = *end == '\n' ? end + 1 : end;
   }
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (socket_path.size() >= sizeof addr.sun_path) {
-    fprintf(stderr, "cfmctl: socket path too long: %s\n", socket_path.c_str());
-    close(fd);
-    return 1;
+}
+
+int help(const std::vector<std::string> &words) {
+  if (words.size() > 1) {
+    fprintf(stderr, "cfmctl help: one command at a time\n");
+    return kUsage;
   }
-  memcpy(addr.sun_path, socket_path.c_str(), socket_path.size() + 1);
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-    fprintf(stderr, "cfmctl: cannot connect to %s: %s\n", socket_path.c_str(), strerror(errno));
-    close(fd);
-    return 1;
-  }
-  const char *p = request.data();
-  size_t left = request.size();
-  while (left > 0) {
-    ssize_t n = send(fd, p, left, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      fprintf(stderr, "cfmctl: send: %s\n", strerror(errno));
-      close(fd);
-      return 1;
+  if (words.size() == 1) {
+    if (const NamedCommand *named = find_named(words[0])) {
+      print_named_usage(*named, "");
+      if (words[0] != "show" && words[0] != "clear" && words[0] != "debug" && words[0] != "status") {
+        printf("key options of a MEP: --port (default 1), --vid (default 0), --direction (default down)\n");
+      }
+      return kOk;
     }
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
-  shutdown(fd, SHUT_WR);
-  // The daemon never writes; end of stream means the command has finished.
-  for (;;) {
-    struct pollfd pfd = {fd, POLLIN, 0};
-    int ready = poll(&pfd, 1, kCloseTimeoutMs);
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) {
-      fprintf(stderr, "cfmctl: no answer from %s\n", socket_path.c_str());
-      close(fd);
-      return 1;
+    for (const RawHelp &raw : kRawHelp) {
+      if (words[0] == raw.word) return print_raw_help(raw), kOk;
     }
-    char buf[256];
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
+    fprintf(stderr, "cfmctl help: no command %s (cfmctl help lists them)\n", words[0].c_str());
+    return kUsage;
   }
-  close(fd);
-  return 0;
-}
-
-std::string read_value(const fs::path &path) {
-  std::ifstream in(path);
-  std::string line;
-  if (!in || !std::getline(in, line)) return "";
-  return line;
-}
-
-using Row = std::vector<std::pair<std::string, std::string>>;
-
-// Rows "<table>:<n>" under DIR/runtime/cfm, in the order of n.
-std::vector<Row> read_table_rows(const fs::path &base, const ExportKind &kind) {
-  std::vector<std::pair<long, fs::path>> found;
-  std::error_code ec;
-  std::string prefix = std::string(kind.table) + ":";
-  for (fs::directory_iterator it(base, ec), end; !ec && it != end; it.increment(ec)) {
-    std::string name = it->path().filename().string();
-    if (name.compare(0, prefix.size(), prefix) != 0 || name.size() == prefix.size()) continue;
-    std::string digits = name.substr(prefix.size());
-    if (!std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) continue;
-    if (digits.size() > 9) continue;
-    found.emplace_back(std::stol(digits), it->path());
-  }
-  std::sort(found.begin(), found.end());
-  std::vector<Row> rows;
-  for (const auto &[number, path] : found) {
-    Row row = {{"row", std::to_string(number)}};
-    for (const char *column : kind.columns) row.emplace_back(column, read_value(path / column));
-    rows.push_back(row);
-  }
-  return rows;
-}
-
-std::vector<Row> read_rows(const fs::path &tree, const ExportKind &kind) {
-  fs::path base = tree / "runtime" / "cfm";
-  if (kind.table != nullptr) return read_table_rows(base, kind);
-  Row row;
-  for (const char *column : kind.columns) row.emplace_back(column, read_value(base / kind.dir / column));
-  return {row};
-}
-
-bool is_integer(const std::string &text) {
-  if (text.empty() || text.size() > 11) return false;
-  size_t start = text[0] == '-' ? 1 : 0;
-  if (start == text.size()) return false;
-  return std::all_of(text.begin() + static_cast<long>(start), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
-std::string json_string(const std::string &text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char esc[8];
-      snprintf(esc, sizeof esc, "\\u%04x", c);
-      out += esc;
-    } else {
-      out += static_cast<char>(c);
+  fputs(kUsageText, stdout);
+  printf("\nnamed commands (checked before sending; values by name):\n");
+  for (const NamedCommand &named : named_commands()) print_named_usage(named, "  ");
+  printf("\nthe daemon's own commands, sent as they stand (N number, T text):\n");
+  std::string line = " ";
+  for (const RawHelp &raw : kRawHelp) {
+    if (line.size() + strlen(raw.word) > 78) {
+      printf("%s\n", line.c_str());
+      line.resize(1);  // the indent
     }
+    line += ' ';
+    line += raw.word;
   }
-  return out + "\"";
+  printf("%s\n", line.c_str());
+  printf("cfmctl help COMMAND shows a command's arguments and codes.\n\n");
+  fputs(kOptionsText, stdout);
+  return kOk;
 }
 
-void print_json(const std::vector<Row> &rows) {
-  printf("[");
-  for (size_t r = 0; r < rows.size(); ++r) {
-    printf("%s{", r == 0 ? "" : ",");
-    for (size_t c = 0; c < rows[r].size(); ++c) {
-      const auto &[key, value] = rows[r][c];
-      printf("%s%s:%s", c == 0 ? "" : ",", json_string(key).c_str(),
-             is_integer(value) ? value.c_str() : json_string(value).c_str());
-    }
-    printf("}");
+bool is_raw_word(const std::string &word) {
+  for (const CliCommand *row = cfm_cli_cmd_table; row->name != nullptr; ++row) {
+    if (word == row->name) return true;
   }
-  printf("]\n");
+  return false;
 }
 
-void print_table(const std::vector<Row> &rows, const ExportKind &kind) {
-  std::vector<std::string> header;
-  if (kind.table != nullptr) header.push_back("row");
-  for (const char *column : kind.columns) header.push_back(column);
-  std::vector<size_t> width(header.size());
-  for (size_t c = 0; c < header.size(); ++c) width[c] = header[c].size();
-  auto cell = [&](const Row &row, size_t c) -> const std::string & { return row[c].second; };
-  for (const Row &row : rows) {
-    for (size_t c = 0; c < header.size() && c < row.size(); ++c) width[c] = std::max(width[c], cell(row, c).size());
-  }
-  auto print_line = [&](auto get) {
-    std::string line;
-    for (size_t c = 0; c < header.size(); ++c) {
-      std::string text = get(c);
-      if (c + 1 < header.size()) text.resize(width[c] + 2, ' ');
-      line += text;
-    }
-    printf("%s\n", line.c_str());
-  };
-  print_line([&](size_t c) { return header[c]; });
-  for (const Row &row : rows) print_line([&](size_t c) { return c < row.size() ? cell(row, c) : std::string(); });
+// configmep and deletemep refuse a direction code other than their own
+// without a word; say so, as the request did nothing.
+int check_silent_refusal(const std::vector<std::string> &words, int status) {
+  if (status != kOk || words.size() < 12 || (words[0] != "configmep" && words[0] != "deletemep")) return status;
+  bool config = words[0] == "configmep";
+  const std::string &dir = words[11];
+  if (config ? (dir == "100" || dir == "200") : (dir == "1" || dir == "2")) return status;
+  fprintf(stderr, "cfmctl: %s takes the direction %s, not %s: the daemon did nothing\n", words[0].c_str(),
+          config ? "100 (down) or 200 (up)" : "1 (down) or 2 (up)", dir.c_str());
+  return kRefused;
 }
 
-int usage_error(const char *message) {
-  fprintf(stderr, "cfmctl: %s (see cfmctl --help)\n", message);
-  return 2;
+int usage_error(const std::string &message) {
+  fprintf(stderr, "cfmctl: %s (see cfmctl help)\n", message.c_str());
+  return kUsage;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  std::string socket_path = kDefaultSocket;
-  std::string tree;
-  std::string export_name;
+  Client client;
+  std::string tree, export_name;
   bool json = false;
-  std::vector<std::string> words;
-  for (int i = 1; i < argc; ++i) {
+  int i = 1;
+  // Options come before the command; the command's own words follow it.
+  for (; i < argc && argv[i][0] == '-'; ++i) {
     std::string arg = argv[i];
-    if (!words.empty()) {
-      words.push_back(arg);  // everything after the command word is sent
-    } else if (arg == "--help" || arg == "-h") {
-      fputs(kHelp, stdout);
-      print_mep_options();
-      fputs(kHelpAfterMepOptions, stdout);
-      return 0;
-    } else if (arg == "-s" || arg == "-t" || arg == "--export") {
-      if (i + 1 >= argc) return usage_error(("missing value after " + arg).c_str());
-      std::string value = argv[++i];
-      if (arg == "-s") socket_path = value;
-      if (arg == "-t") tree = value;
-      if (arg == "--export") export_name = value;
-    } else if (arg == "--json") {
+    if (arg == "--help" || arg == "-h") return help({});
+    if (arg == "--json") {
       json = true;
     } else if (arg == "--") {
-      for (++i; i < argc; ++i) words.push_back(argv[i]);
+      ++i;
+      break;
+    } else if (arg == "-s" || arg == "-t" || arg == "--export" || arg == "--timeout") {
+      if (i + 1 >= argc) return usage_error("missing value after " + arg);
+      std::string value = argv[++i];
+      if (arg == "-s") client.socket_path = value;
+      if (arg == "-t") tree = value;
+      if (arg == "--export") export_name = value;
+      if (arg == "--timeout") {
+        char *end = nullptr;
+        long s = strtol(value.c_str(), &end, 10);
+        if (value.empty() || *end != '\0' || s < 1 || s > 3600) return usage_error("--timeout takes 1..3600 seconds");
+        client.timeout_s = static_cast<int>(s);
+      }
     } else {
-      words.push_back(arg);
+      return usage_error("unknown option " + arg);
     }
   }
-
-  if (export_name.empty()) {
-    if (words.empty()) return usage_error("no command given");
-    std::string request;
-    for (const std::string &word : words) request += (request.empty() ? "" : " ") + word;
-    return send_request(socket_path, request);
+  std::vector<std::string> words(argv + i, argv + argc);
+  if (!export_name.empty()) {
+    if (!words.empty()) return usage_error("--export takes no command words");
+    return run_export(client, tree, export_name, json);
   }
-
-  if (!words.empty()) return usage_error("--export takes no command words");
-  if (tree.empty()) return usage_error("--export needs -t DIR");
-  const ExportKind *kind = nullptr;
-  for (const ExportKind &k : export_kinds()) {
-    if (export_name == k.name) kind = &k;
+  if (words.empty()) return usage_error("no command given");
+  if (json && words[0] != "status") return usage_error("--json goes with --export or status");
+  if (words[0] == "help") return help({words.begin() + 1, words.end()});
+  const NamedCommand *named = is_raw_word(words[0]) ? nullptr : find_named(words[0]);
+  if (named != nullptr) {
+    if (json) words.push_back("--json");
+    return run_named(client, *named, {words.begin() + 1, words.end()});
   }
-  if (kind == nullptr) return usage_error(("unknown export kind " + export_name).c_str());
-  if (send_request(socket_path, "update " + std::to_string(kind->update)) != 0) return 1;
-  std::vector<Row> rows = read_rows(tree, *kind);
-  if (json) {
-    print_json(rows);
-  } else {
-    print_table(rows, *kind);
-  }
-  return 0;
+  // The daemon's own words keep working as they always have; a word it does
+  // not know is sent too, and its answer says so.
+  std::string request;
+  for (const std::string &word : words) request += (request.empty() ? "" : " ") + word;
+  return check_silent_refusal(words, run_and_print(client, request));
 }

@@ -57,16 +57,16 @@ int cli_usr_cfm_showdefault(FILE *out, CliArg *args, int) {
 }
 
 // Also called directly at start-up, with no arguments.
-int cli_usr_cfm_debug_on(FILE *, CliArg *, int) {
+int cli_usr_cfm_debug_on(FILE *out, CliArg *, int) {
   cfm_debug_msg = 1;
   cfm_rx_follow_debug();
-  puts("Open CFM debug message");
+  fputs("Open CFM debug message\n", out);
   return 0;
 }
 
-int cli_usr_cfm_debug_off(FILE *, CliArg *, int) {
+int cli_usr_cfm_debug_off(FILE *out, CliArg *, int) {
   cfm_debug_msg = 0;
   cfm_rx_follow_debug();
-  puts("Close CFM debug message");
+  fputs("Close CFM debug message\n", out);
   return 0;
 }

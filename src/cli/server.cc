@@ -1,10 +1,13 @@
 // Command server: accepts one connection at a time on /var/cfm_socket, reads
 // one request line, splits it into words and runs the matching handler.
-// Nothing is written back on the connection; closing it is the only answer.
+// What the handler prints goes to standard output and, copied, back on the
+// connection, which is then closed.
 #include "cli/server.h"
 
+#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -14,6 +17,7 @@
 #include <cstring>
 
 #include "cli/commands.h"
+#include "cli/reply.h"
 #include "core/os.h"
 
 const CliCommand cfm_cli_cmd_table[] = {
@@ -170,10 +174,10 @@ int cfm_cli_run_command(CliWord *words) {
       }
     }
     if (match != nullptr) {
-      result = match->handler(stdout, args, 0);
+      result = match->handler(cfm_cli_out(), args, 0);
     } else {
       static const char kUnknown[] = "unknown command !\n";
-      fwrite(kUnknown, 1, sizeof kUnknown - 1, stdout);
+      fwrite(kUnknown, 1, sizeof kUnknown - 1, cfm_cli_out());
     }
   }
   free_args(args);
@@ -188,41 +192,111 @@ int cfm_cli_run_line(const char *line) {
   return run_buffer(buffer);
 }
 
-bool cfm_cli_read_request(int fd, char *line, int timeout_ms) {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long ms_since(Clock::time_point start) {
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+gid_t g_socket_gid = static_cast<gid_t>(-1);
+
+}  // namespace
+
+size_t cfm_cli_read_request(int fd, char *line, int listener, int busy_ms, int idle_ms) {
   memset(line, 0, CFM_CLI_LINE_MAX + 1);
-  using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto start = Clock::now();
+  bool others_wait = false;
   size_t got = 0;
   while (got < static_cast<size_t>(CFM_CLI_LINE_MAX)) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return false;
-    struct pollfd pfd = {fd, POLLIN, 0};
-    int ready = poll(&pfd, 1, static_cast<int>(left));
+    long left = (others_wait ? busy_ms : idle_ms) - ms_since(start);
+    if (left <= 0) break;
+    // The listener is watched until a client waits there; from then on the
+    // shorter limit holds.
+    struct pollfd pfd[2] = {{fd, POLLIN, 0}, {listener, POLLIN, 0}};
+    nfds_t watched = (listener >= 0 && !others_wait) ? 2 : 1;
+    int ready = poll(pfd, watched, static_cast<int>(left));
     if (ready < 0) {
       if (errno == EINTR) continue;
-      return false;
+      break;
     }
-    if (ready == 0) return false;
+    if (watched == 2 && (pfd[1].revents & POLLIN) != 0) others_wait = true;
+    if (pfd[0].revents == 0) continue;
     // One byte at a time, as a line reader must not consume past the line
     // end; requests are short and this runs once per connection.
     ssize_t n = read(fd, line + got, 1);
     if (n < 0) {
       if (errno == EINTR || errno == EAGAIN) continue;
-      return true;  // a broken connection ends the request like end of stream
+      break;  // a broken connection ends the request like end of stream
     }
-    if (n == 0) return true;
+    if (n == 0) break;
     got += 1;
-    if (line[got - 1] == '\n') return true;
+    if (line[got - 1] == '\n') break;
   }
+  return got;
+}
+
+void cfm_cli_serve_connection(int fd, int listener) {
+  char line[CFM_CLI_LINE_MAX + 1];
+  cfm_cli_read_request(fd, line, listener);
+  CliReply reply;
+  {
+    CliReplyScope scope(&reply);
+    run_buffer(line);
+  }
+  fflush(stdout);
+  reply.send_to(fd);
+  close(fd);
+}
+
+bool cfm_cli_set_socket_group(const char *group) {
+  if (group == nullptr || group[0] == '\0') return false;
+  if (cfm_cli_is_number(group)) {
+    g_socket_gid = static_cast<gid_t>(strtoul(group, nullptr, 10));
+    return true;
+  }
+  const struct group *entry = getgrnam(group);
+  if (entry == nullptr) return false;
+  g_socket_gid = entry->gr_gid;
   return true;
 }
 
-void cfm_cli_serve_connection(int fd) {
-  char line[CFM_CLI_LINE_MAX + 1];
-  if (cfm_cli_read_request(fd, line, CFM_CLI_REQUEST_TIMEOUT_MS)) run_buffer(line);
-  fflush(stdout);
-  close(fd);
+namespace {
+
+// The socket file gets its mode at bind: 0600, or 0660 for the group. The
+// mode is set on the socket before bind, so the file never exists with a
+// wider one whatever the umask, and again after it, as the umask may have
+// narrowed it.
+bool bind_socket(int listener, const struct sockaddr_un &addr) {
+  mode_t mode = g_socket_gid == static_cast<gid_t>(-1) ? 0600 : 0660;
+  fchmod(listener, 0600);
+  socklen_t len = static_cast<socklen_t>(strlen(addr.sun_path) + sizeof(addr.sun_family));
+  if (bind(listener, reinterpret_cast<const struct sockaddr *>(&addr), len) < 0) return false;
+  if (g_socket_gid != static_cast<gid_t>(-1) && chown(addr.sun_path, static_cast<uid_t>(-1), g_socket_gid) < 0) {
+    perror("server socket group not set, reason");
+    mode = 0600;
+  }
+  chmod(addr.sun_path, mode);
+  return true;
 }
+
+// accept() until it gives a connection. A failure (descriptors or memory
+// running out, an aborted connection) is reported once and retried after
+// a pause: the server keeps serving for as long as the daemon runs.
+int accept_connection(int listener) {
+  bool reported = false;
+  for (;;) {
+    int conn = accept(listener, nullptr, nullptr);
+    if (conn >= 0) return conn;
+    if (errno == EINTR) continue;
+    if (!reported) perror("server accept fail, reason");
+    reported = true;
+    usleep(100 * 1000);
+  }
+}
+
+}  // namespace
 
 int cfm_cli_server_init() {
   int listener = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -235,22 +309,13 @@ int cfm_cli_server_init() {
   addr.sun_family = AF_UNIX;
   snprintf(addr.sun_path, sizeof addr.sun_path, "%s", CFM_CLI_SOCKET_PATH);
   unlink(CFM_CLI_SOCKET_PATH);
-  socklen_t len = static_cast<socklen_t>(strlen(addr.sun_path) + sizeof(addr.sun_family));
-  if (bind(listener, reinterpret_cast<struct sockaddr *>(&addr), len) < 0) {
+  if (!bind_socket(listener, addr)) {
     perror("server bind fail, reason");
     return -1;
   }
-  if (listen(listener, 5) < 0) {
+  if (listen(listener, CFM_CLI_BACKLOG) < 0) {
     perror("server listen fail, reaseon:");
     return -1;
   }
-  for (;;) {
-    int conn = accept(listener, nullptr, nullptr);
-    if (conn < 0) {
-      if (errno == EINTR) continue;
-      perror("server accept fail, reason");
-      return -1;
-    }
-    cfm_cli_serve_connection(conn);
-  }
+  for (;;) cfm_cli_serve_connection(accept_connection(listener), listener);
 }

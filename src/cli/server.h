@@ -1,6 +1,8 @@
-// Command server on /var/cfm_socket: one request line per connection, no
-// reply on the connection; reports go to standard output.
+// Command server on /var/cfm_socket: one request line per connection; the
+// handler's report goes to standard output and, as a copy, back on the
+// connection before it is closed.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -43,15 +45,28 @@ int cfm_cli_run_line(const char *line);
 
 // Longest request line the server reads (the buffer holds one byte more).
 constexpr int CFM_CLI_LINE_MAX = 1023;
-// A connection that has not delivered its request within this time is closed
-// without running anything.
-constexpr int CFM_CLI_REQUEST_TIMEOUT_MS = 2000;
+// How long one connection may take to deliver its request: while another
+// client waits in the listen queue, at most CFM_CLI_BUSY_LIMIT_MS from its
+// accept; while none waits, CFM_CLI_IDLE_LIMIT_MS. On the limit, what it has
+// sent is run.
+constexpr int CFM_CLI_BUSY_LIMIT_MS = 2000;
+constexpr int CFM_CLI_IDLE_LIMIT_MS = 60000;
+// Listen queue: room for a burst of front ends while a slow command runs.
+constexpr int CFM_CLI_BACKLOG = 64;
 
-// Serves one accepted connection: reads the request, runs it, flushes
-// standard output, closes the connection.
-void cfm_cli_serve_connection(int fd);
+// Serves one accepted connection: reads the request, runs it with its
+// output mirrored on the connection, flushes standard output, sends the
+// reply, closes the connection. `listener` (or -1) is the listening socket,
+// watched for waiting clients.
+void cfm_cli_serve_connection(int fd, int listener = -1);
 // Reads one request line (up to and including '\n', at most
-// CFM_CLI_LINE_MAX bytes, or what came before end of stream) into `line`
-// (CFM_CLI_LINE_MAX + 1 bytes, cleared first). Returns false when the
-// request did not arrive within `timeout_ms`.
-bool cfm_cli_read_request(int fd, char *line, int timeout_ms);
+// CFM_CLI_LINE_MAX bytes, or what came before end of stream or the time
+// limit above; busy_ms/idle_ms replace them) into `line` (CFM_CLI_LINE_MAX
+// + 1 bytes, cleared first). Returns the number of bytes read.
+size_t cfm_cli_read_request(int fd, char *line, int listener, int busy_ms = CFM_CLI_BUSY_LIMIT_MS,
+                            int idle_ms = CFM_CLI_IDLE_LIMIT_MS);
+
+// Owner group of the command socket (a name or a number): with one, the
+// socket is created with mode 0660 and that group, without, mode 0600.
+// Returns false for a group that does not exist.
+bool cfm_cli_set_socket_group(const char *group);

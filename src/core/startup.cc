@@ -99,7 +99,7 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
   opterr = 0;
   optind = 0;  // full re-initialisation, so the parser can run more than once
   int opt;
-  while ((opt = getopt(argc, argv, "def:i:wt:l:")) != -1) {
+  while ((opt = getopt(argc, argv, "def:i:wt:l:g:")) != -1) {
     switch (opt) {
       case 'd':
         debug = true;
@@ -123,6 +123,9 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
         break;
       case 'l':
         snprintf(g_cfm_extra_options.lan_ifname, sizeof g_cfm_extra_options.lan_ifname, "%s", optarg);
+        break;
+      case 'g':
+        if (!cfm_cli_set_socket_group(optarg)) printf("CFM: no group %s, the command socket stays mode 0600\n", optarg);
         break;
       default:
         break;  // unknown options are ignored

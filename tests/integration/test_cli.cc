@@ -2,10 +2,13 @@
 // the tree export and the client's own exit status. The texts of every command
 // are checked in-process by the unit tests.
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
 
 #include "cli/server.h"
 #include "lab.h"
@@ -53,6 +56,9 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ltm", "--json"}, &status),
             "[{\"sequence_num\":1,\"unexpect_ltr\":0,\"flag\":\"None\",\"target\":\"00:00:00:00:00:00\","
             "\"target_mepid\":0,\"target_ismep\":\"disabled\",\"ttl\":64,\"result\":\"Fail\",\"ltm_sequence\":0}]\n");
+  EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ccm", "--json"}, &status).rfind(
+                "[{\"transmit\":\"Enable\",\"sequence_err\":0,\"defect_priority\":\"macRemErrXcon\"", 0),
+            0u);
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "lbm"}, &status),
             "result  first_sequence  next_lbm  valid_lbr_in  valid_lbr_outoforder  bad_lbr_msdu  transmit_lbr  status\n"
             "Fail    0               0         0             0                     0             0             "
@@ -64,12 +70,168 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   EXPECT_EQ(ReadFile("/var/tree/runtime/cfm/rmep_db"), "0\n");
   Stop();
   EXPECT_EQ(RunCfmctl({"showmd"}, &status), "");
-  EXPECT_EQ(status, 1);
-  std::string help = RunCfmctl({"--help"}, &status);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(status, 3);
   for (const CliCommand *row = cfm_cli_cmd_table; row->name != nullptr; ++row) {
-    EXPECT_NE(help.find(std::string("  ") + row->name + " "), std::string::npos) << row->name;
+    EXPECT_NE(RunCfmctl({"help", row->name}, &status), "");
+    EXPECT_EQ(status, 0) << row->name;
   }
+}
+
+// Sends a request in parts, `pause` between connecting, the words and the
+// end of stream; returns the reply read back on the connection.
+std::string Reply(int fd, const std::string &request, std::chrono::milliseconds pause = {}) {
+  std::this_thread::sleep_for(pause);
+  EXPECT_EQ(send(fd, request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size())) << request;
+  std::this_thread::sleep_for(pause);
+  shutdown(fd, SHUT_WR);
+  std::string reply;
+  char buf[512];
+  for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, static_cast<size_t>(n));
+  close(fd);
+  return reply;
+}
+
+// The reply on the connection is what the daemon prints for the request;
+// cfmctl prints it and its exit status tells a refusal (1), bad words (2).
+TEST_F(Lab, RepliesComeBackOnTheConnection) {
+  ASSERT_TRUE(StartDaemonReady());
+  struct stat st = {};
+  ASSERT_EQ(stat(CFM_CLI_SOCKET_PATH, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  int status = -1;
+  const std::pair<std::vector<std::string>, std::string> runs[] = {
+      {{"createmd", "1", "0", "5", "0", "dom"}, ""},
+      {{"createmd", "1", "0", "5", "0", "dom"}, "\r\nError!! MD Index exist\n"},
+      {{"foo"}, "unknown command !\n"},
+      {{"showmd"}, "\r\nMdIndex : 1\r\nMdFormat : charstring\r\nMdLevel : 5\r\nMhfCreation : defmhfdefault\r\nMdName : dom\r\n"},
+      {{"md", "create", "4", "--level", "3", "--name", "100", "--format", "dnslikename"}, ""},
+      {{"ma", "create", "4", "7", "--name", "assoc", "--interval", "10s"}, ""},
+      {{"mep", "create", "4", "7", "20", "--direction", "up", "--vid", "5"}, ""},
+      {{"mep", "config", "4", "7", "20", "--direction", "up", "--vid", "5", "--ccm", "on"}, ""},
+      {{"md", "delete", "4"}, "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n"}};
+  for (const auto &[args, reply] : runs) {
+    size_t from = Output().size();
+    EXPECT_EQ(RunCfmctl(args, &status), reply) << args[0];
+    EXPECT_EQ(status, reply.find("!") == std::string::npos ? 0 : 1) << args[0];
+    std::string printed = Output().substr(from);
+    EXPECT_EQ(printed + (printed.empty() || printed.back() == '\n' ? "" : "\n"), reply) << args[0];
+  }
+  EXPECT_EQ(RunCfmctl({"deletemep", "4", "0", "7", "0", "20", "0", "1", "0", "5", "0", "200"}, &status), "");
+  EXPECT_EQ(status, 1);  // the daemon refuses the wrong direction code silently
+  std::string json = RunCfmctl({"status", "--json"}, &status);
+  EXPECT_EQ(status, 0);
+  for (const char *part : {"\"cfm\":\"enabled\"", "\"md\":4,\"md_name\":\"100\",\"ma\":7,\"ma_name\":\"assoc\",\"mepid\":20,"
+                           "\"port\":1,\"vid\":5,\"direction\":\"Up\",\"ccm\":\"on\",\"interval\":\"10s\"",
+                           "\"alarm_priority\":\"macRemErrXcon\"", "\"remote_meps\":[]"}) {
+    EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
+  }
+  size_t from = Output().size();
+  for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
+           {"--bogus"}, {"md", "create", "5", "--level", "8", "--name", "x"}, {"mep", "create", "4", "7", "20", "--dir", "up"},
+           {"lb", "start", "4", "7", "20", "--target", "02:00:00:00:00"}, {"show", "everything"}, {"help", "nothing"}}) {
+    EXPECT_EQ(RunCfmctl(bad, &status), "");
+    EXPECT_EQ(status, 2) << bad[0];
+  }
+  EXPECT_EQ(Output().size(), from);  // none of them was sent
+}
+
+// A request runs when its client ends it, however late, while nobody else
+// waits; twenty clients that never read their replies hold up nobody.
+TEST_F(Lab, SlowAndSilentClientsAreServedWithoutHoldingOthers) {
+  ASSERT_TRUE(StartDaemonReady());
+  const std::string enabled = "\r\n CFM Status  : enabled";
+  EXPECT_EQ(Reply(Connect(), "showdefault 2", std::chrono::milliseconds(1600)), enabled);  // closed after 3.2 s
+  EXPECT_EQ(Reply(Connect(), "showdefault 2", std::chrono::milliseconds(3000)), enabled);  // sent after 3 s
+  std::vector<int> silent;
+  for (int i = 0; i < 20; ++i) {
+    silent.push_back(Connect());
+    EXPECT_EQ(send(silent.back(), "showmd", 6, MSG_NOSIGNAL), 6);
+    shutdown(silent.back(), SHUT_WR);
+  }
+  auto start = Clock::now();
+  EXPECT_EQ(Reply(Connect(), "showdefault 2"), enabled);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  for (int fd : silent) close(fd);
+  // Out of descriptors, accept fails: reported once, and the waiting client
+  // is served when descriptors are free again. (A first client keeps the
+  // server from sitting in accept() when the limit falls.)
+  int idle = Connect();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  struct rlimit old = {}, none = {0, 0};
+  ASSERT_EQ(prlimit(pid(), RLIMIT_NOFILE, nullptr, &old), 0);
+  none.rlim_max = old.rlim_max;
+  ASSERT_EQ(prlimit(pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+  int waiting = Connect();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  ASSERT_EQ(prlimit(pid(), RLIMIT_NOFILE, &old, nullptr), 0);
+  EXPECT_EQ(Reply(waiting, "showdefault 2"), enabled);
+  close(idle);
+  std::string errors = Errors();
+  EXPECT_EQ(errors.find("server accept fail, reason: Too many open files"), errors.rfind("server accept fail"));
+  EXPECT_NE(errors.find("server accept fail"), std::string::npos) << errors;
+  EXPECT_TRUE(Running());
+}
+
+}  // namespace
+
+namespace {
+
+// Every value a named command takes by name reaches the daemon as the code of
+// its command table: read back from the daemon's own listings.
+TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
+  ASSERT_TRUE(StartDaemonReady());
+  int status = -1;
+  auto run = [&](std::vector<std::string> args) {
+    std::string reply = RunCfmctl(args, &status);
+    EXPECT_EQ(status, 0) << args[0] << " " << args[1] << ": " << reply;
+    return reply;
+  };
+  const char *md_formats[] = {"none", "dnslikename", "macaddressanduint", "charstring"};
+  const char *ma_formats[] = {"primaryvid", "charstring", "unsignedint16", "rfc2865vpnid"};
+  const char *intervals[][2] = {{"10ms", "unsignedint16"}, {"100ms", "rfc2865vpnid"}, {"1s", "10ms100ms1s"},
+                                {"10s", "10s"},           {"1min", "1min"},             {"10min", "10min"}};
+  for (int i = 0; i < 4; ++i) {
+    std::string md = std::to_string(i + 1), mhf = i % 2 ? "default" : "none";
+    run({"md", "create", md, "--level", md, "--name", "d" + md, "--format", md_formats[i], "--mhf", mhf});
+    EXPECT_NE(run({"md", "show"}).find("MdIndex : " + md + "\r\nMdFormat : " + md_formats[i] + "\r\nMdLevel : " + md +
+                                       "\r\nMhfCreation : defmhf" + mhf),
+              std::string::npos) << md_formats[i];
+  }
+  for (int i = 0; i < 6; ++i) {
+    std::string ma = std::to_string(i + 1);
+    run({"ma", "create", "1", ma, "--name", "a" + ma, "--format", ma_formats[i % 4], "--interval", intervals[i][0]});
+    EXPECT_NE(run({"ma", "show"}).find("MaIndex : " + ma + "\r\nFormat : " + ma_formats[i % 4] + "\r\nName : a" + ma +
+                                       "\r\nCcmInterval : " + intervals[i][1]),
+              std::string::npos) << intervals[i][0];
+  }
+  run({"ma", "config", "1", "6", "--name", "renamed", "--format", "primaryvid", "--interval", "1s"});
+  EXPECT_NE(run({"ma", "show"}).find("MaIndex : 6\r\nFormat : primaryvid\r\nName : renamed\r\nCcmInterval : 10ms100ms1s"),
+            std::string::npos);
+  run({"md", "config", "4", "--name", "dd", "--level", "6", "--mhf", "none", "--format", "none"});
+  EXPECT_NE(run({"md", "show"}).find("MdIndex : 4\r\nMdFormat : none\r\nMdLevel : 6\r\nMhfCreation : defmhfnone\r\nMdName : dd"),
+            std::string::npos);
+  run({"mep", "create", "1", "1", "30", "--vid", "7", "--direction", "up"});
+  const char *alarms[][2] = {{"alldef", "All Defect"}, {"macremerrxcon", "macRemErrXcon"}, {"remerrxcon", "remErrXcon"},
+                             {"errxcon", "errXcon"},   {"xcon", "xcon"},                   {"noxcon", "noXcon"}};
+  for (const auto &[name, shown] : alarms) {
+    run({"mep", "config", "1", "1", "30", "--vid", "7", "--direction", "up", "--alarm-priority", name, "--ccm", "off"});
+    EXPECT_NE(run({"show", "mep", "ccm"}).find(std::string("Transmite  : Disable\r\n CCM Sequence Errors : 0\r\n CCM Defect "
+                                                           "Prioity : ") + shown + "\r\n"),
+              std::string::npos) << name;
+  }
+  run({"lt", "start", "1", "1", "30", "--vid", "7", "--direction", "up", "--target", "02:00:00:00:0b:02", "--ttl", "9"});
+  EXPECT_NE(run({"mep", "show", "lt"}).find("Target : 02:00:00:00:0b:02\r\n Target MEPID : 0\r\n Target IsMEPID : "
+                                            "disabled\r\n TTL : 9"), std::string::npos);
+  EXPECT_NE(run({"show", "lbr"}).find("LBM Setting info"), std::string::npos);
+  // status lists a MEP's replies to its last linktrace only (each LTM sent
+  // records one reply row here, where no bridge answers).
+  run({"mep", "create", "1", "1", "31"});
+  for (int i = 0; i < 2; ++i) run({"lt", "start", "1", "1", "31", "--target", "02:00:00:00:0b:02", "--ttl", "5"});
+  std::string screen = run({"status"});
+  EXPECT_NE(screen.find("MEP 31  MD 1 (d1)  MA 1 (a1)  port 1  VID 0  Down\n"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("linktrace: Success, target 02:00:00:00:0b:02, ttl 5, 1 replies\n"), std::string::npos) << screen;
+  EXPECT_EQ(RunCfmctl({"md", "create", "9", "extra", "--level", "1", "--name", "x"}, &status), "");
+  EXPECT_EQ(status, 2);
 }
 
 }  // namespace

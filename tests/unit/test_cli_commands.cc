@@ -7,6 +7,9 @@
 #include <filesystem>
 #include <fstream>
 
+#include <thread>
+
+#include "cli/reply.h"
 #include "core/config_tree.h"
 #include "harness.h"
 
@@ -266,10 +269,37 @@ TEST(RequestReader, LineEndsAtNewline1023BytesOrEndOfStream) {
   close(fds[1]);
   char line[CFM_CLI_LINE_MAX + 1];
   for (const std::string &expect : {std::string("showmd\n"), std::string(1023, 'a'), std::string(977, 'a')}) {
-    ASSERT_TRUE(cfm_cli_read_request(fds[0], line, 500));
+    EXPECT_EQ(cfm_cli_read_request(fds[0], line, -1, 500, 500), expect.size());
     EXPECT_EQ(std::string(line), expect);
   }
   close(fds[0]);
 }
 
 }  // namespace
+
+// The reply stream: every byte reaches standard output; the copy for the
+// connection stops at 64 KiB with one cut line and is sent without
+// blocking. Other threads keep printing to standard output alone.
+TEST(CommandReply, CopiesStdoutUpTo64KiBForTheServingThreadOnly) {
+  const std::string big(CFM_CLI_REPLY_MAX + 100, 'x');
+  CliReply reply;
+  std::string printed = stdout_of([&] {
+    CliReplyScope scope(&reply);
+    fputs("y", stdout);
+    fputs(big.c_str(), cfm_cli_out());
+    std::thread([] { EXPECT_EQ(cfm_cli_out(), stdout); }).join();
+  });
+  EXPECT_EQ(cfm_cli_out(), stdout);
+  EXPECT_EQ(printed, "y" + big);
+  EXPECT_EQ(reply.text(), big.substr(0, CFM_CLI_REPLY_MAX) + CFM_CLI_REPLY_CUT_LINE);
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  int small = 4096;
+  setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  size_t sent = reply.send_to(fds[0]);  // the peer does not read: no wait
+  EXPECT_GT(sent, 0u);
+  EXPECT_LT(sent, reply.text().size());
+  close(fds[1]);
+  EXPECT_EQ(reply.send_to(fds[0]), 0u);  // the peer has gone: no SIGPIPE
+  close(fds[0]);
+}

@@ -6,7 +6,8 @@
 # installs the package for real in a throwaway copy of this machine
 # (scripts/sandbox.sh, sysvinit, no systemd running): the service is enabled
 # and started, cfmctl answers, an edited conffile survives a reinstall, removal
-# stops the daemon and its semaphore sets, purge leaves no file.
+# stops the daemon and its semaphore sets, purge leaves no file; the daemon
+# also runs with no more than the unit grants it.
 set -eu
 cd "$(dirname "$0")/.."
 dir=build-pkg
@@ -50,6 +51,16 @@ scripts/sandbox.sh -f "$deb" bash -euxc '
   cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /var/log/cfmd.log
   cfmctl -t /var/lib/cfmd --export rmep
   logrotate -d /etc/logrotate.d/cfmd 2>/dev/null
+  # The daemon as the unit runs it: the capabilities of the unit only, / read-only
+  # but for /var and /run; it answers and removes its semaphore sets.
+  /etc/init.d/cfmd stop && rm -f /var/cfm_socket
+  caps=$(sed -n "s/^CapabilityBoundingSet=//p" /usr/lib/systemd/system/cfmd.service | tr "A-Z " "a-z," | sed "s/cap_/+/g")
+  unshare -m sh -c "mount --bind /var /var && mount -o remount,bind,ro / && exec setpriv \
+    --bounding-set=-all,$caps --inh-caps=-all --no-new-privs cfmd -i wan0 -w -e -t /var/lib/cfmd" >/tmp/unit.log 2>&1 &
+  for i in $(seq 20); do [ -S /var/cfm_socket ] && break; sleep 0.5; done
+  cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /tmp/unit.log && ! grep -q "fail, Reason" /tmp/unit.log
+  kill -TERM $! && ! wait $! && [ -z "$(ipcs -s | grep "^0x")" ]
+  /etc/init.d/cfmd start
   # An edited conffile survives a reinstall, whose restart reads it.
   echo "CFMD_OPTS=\"-e -d -t /var/lib/cfmd\"" >>/etc/default/cfmd
   dpkg -i "$deb" >/dev/null

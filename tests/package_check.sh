@@ -49,22 +49,30 @@ scripts/sandbox.sh -f "$deb" bash -euxc '
   /etc/init.d/cfmd status
   for i in $(seq 20); do [ -S /var/cfm_socket ] && break; sleep 0.5; done
   cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /var/log/cfmd.log
-  cfmctl -t /var/lib/cfmd --export rmep
+  cfmctl -t /var/lib/cfmd --export rmep && [ -e /var/lib/cfmd/runtime/cfm/rmep_db ]
   logrotate -d /etc/logrotate.d/cfmd 2>/dev/null
   # The daemon as the unit runs it: the capabilities of the unit only, / read-only
-  # but for /var and /run; it answers and removes its semaphore sets.
+  # but for the paths the unit makes writable; it answers and removes its semaphore sets.
   /etc/init.d/cfmd stop && rm -f /var/cfm_socket
-  caps=$(sed -n "s/^CapabilityBoundingSet=//p" /usr/lib/systemd/system/cfmd.service | tr "A-Z " "a-z," | sed "s/cap_/+/g")
-  unshare -m sh -c "mount --bind /var /var && mount -o remount,bind,ro / && exec setpriv \
-    --bounding-set=-all,$caps --inh-caps=-all --no-new-privs cfmd -i wan0 -w -e -t /var/lib/cfmd" >/tmp/unit.log 2>&1 &
+  unit=/usr/lib/systemd/system/cfmd.service
+  caps=$(sed -n "s/^CapabilityBoundingSet=//p" $unit | tr "A-Z " "a-z," | sed "s/cap_/+/g")
+  rw=$(sed -n "s/^ReadWritePaths=//p" $unit)
+  unshare -m sh -c "for p in $rw; do mount --bind \$p \$p; done && mount -o remount,bind,ro / &&
+    exec setpriv --bounding-set=-all,$caps --inh-caps=-all --no-new-privs cfmd -i wan0 -w -e -t /var/lib/cfmd" >/tmp/unit.log 2>&1 &
   for i in $(seq 20); do [ -S /var/cfm_socket ] && break; sleep 0.5; done
-  cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /tmp/unit.log && ! grep -q "fail, Reason" /tmp/unit.log
-  kill -TERM $! && ! wait $! && [ -z "$(ipcs -s | grep "^0x")" ]
+  cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /tmp/unit.log
+  [ -z "$(grep "Reason:" /tmp/unit.log)" ]  # no failed system call
+  kill -TERM $! && { wait $! || true; } && [ -z "$(ipcs -s | grep "^0x")" ]
   /etc/init.d/cfmd start
-  # An edited conffile survives a reinstall, whose restart reads it.
+  # An edited conffile survives a reinstall, which restarts the daemon;
+  # force-reload restarts it again, and the edited options are used.
+  read -r pid </var/run/cfmd.pid
   echo "CFMD_OPTS=\"-e -d -t /var/lib/cfmd\"" >>/etc/default/cfmd
   dpkg -i "$deb" >/dev/null
-  grep -q -- "-e -d" /etc/default/cfmd && grep -q "Open CFM debug message" /var/log/cfmd.log
+  grep -q -- "-e -d" /etc/default/cfmd && [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
+  read -r pid </var/run/cfmd.pid
+  /etc/init.d/cfmd force-reload && [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
+  grep -q "Open CFM debug message" /var/log/cfmd.log
   read -r pid </var/run/cfmd.pid
   [ -n "$(ipcs -s | grep "^0x")" ]
   dpkg -r cfmd >/dev/null

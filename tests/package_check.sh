@@ -39,45 +39,57 @@ systemd-analyze security --offline=yes --root="$stage" --threshold=40 cfmd.servi
 [ "$(id -u)" = 0 ] || { echo "package check: not root, install not tried"; exit 0; }
 
 scripts/sandbox.sh -f "$deb" bash -euxc '
+  # One check per line: set -e does not see a failure inside an && list.
   deb=/tmp/$1
   # Not counted: the scratch files of -w and the pages man formatted for itself.
   cfm_files() { find /etc /usr /var /run -name "*cfm*" ! -path "/var/tmp/*" ! -path "/var/cache/man/*" | sort; }
+  socket() { for i in $(seq 20); do [ -S /var/cfm_socket ] && return 0; sleep 0.5; done; return 1; }
+  sems() { ipcs -s | grep -c "^0x" || true; }
   before=$(cfm_files)
   dpkg -i "$deb" >/dev/null
   systemd-analyze verify cfmd.service
-  [ -L /etc/systemd/system/multi-user.target.wants/cfmd.service ] && ls /etc/rc2.d/S??cfmd
+  [ -L /etc/systemd/system/multi-user.target.wants/cfmd.service ]
+  ls /etc/rc2.d/S??cfmd
   /etc/init.d/cfmd status
-  for i in $(seq 20); do [ -S /var/cfm_socket ] && break; sleep 0.5; done
-  cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /var/log/cfmd.log
-  cfmctl -t /var/lib/cfmd --export rmep && [ -e /var/lib/cfmd/runtime/cfm/rmep_db ]
+  socket
+  cfmctl showdefault 2
+  grep -q "CFM Status  : enabled" /var/log/cfmd.log
+  cfmctl -t /var/lib/cfmd --export rmep
+  [ -e /var/lib/cfmd/runtime/cfm/rmep_db ]
   logrotate -d /etc/logrotate.d/cfmd 2>/dev/null
   # The daemon as the unit runs it: the capabilities of the unit only, / read-only
   # but for the paths the unit makes writable; it answers and removes its semaphore sets.
-  /etc/init.d/cfmd stop && rm -f /var/cfm_socket
+  /etc/init.d/cfmd stop
+  rm -f /var/cfm_socket
   unit=/usr/lib/systemd/system/cfmd.service
   caps=$(sed -n "s/^CapabilityBoundingSet=//p" $unit | tr "A-Z " "a-z," | sed "s/cap_/+/g")
   rw=$(sed -n "s/^ReadWritePaths=//p" $unit)
   unshare -m sh -c "for p in $rw; do mount --bind \$p \$p; done && mount -o remount,bind,ro / &&
     exec setpriv --bounding-set=-all,$caps --inh-caps=-all --no-new-privs cfmd -i wan0 -w -e -t /var/lib/cfmd" >/tmp/unit.log 2>&1 &
-  for i in $(seq 20); do [ -S /var/cfm_socket ] && break; sleep 0.5; done
-  cfmctl showdefault 2 && grep -q "CFM Status  : enabled" /tmp/unit.log
+  socket
+  cfmctl showdefault 2
+  grep -q "CFM Status  : enabled" /tmp/unit.log
   [ -z "$(grep "Reason:" /tmp/unit.log)" ]  # no failed system call
-  kill -TERM $! && { wait $! || true; } && [ -z "$(ipcs -s | grep "^0x")" ]
+  kill -TERM $!
+  wait $! || true
+  [ "$(sems)" = 0 ]
   /etc/init.d/cfmd start
   # An edited conffile survives a reinstall, which restarts the daemon;
   # force-reload restarts it again, and the edited options are used.
   read -r pid </var/run/cfmd.pid
   echo "CFMD_OPTS=\"-e -d -t /var/lib/cfmd\"" >>/etc/default/cfmd
   dpkg -i "$deb" >/dev/null
-  grep -q -- "-e -d" /etc/default/cfmd && [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
+  grep -q -- "-e -d" /etc/default/cfmd
+  [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
   read -r pid </var/run/cfmd.pid
-  /etc/init.d/cfmd force-reload && [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
+  /etc/init.d/cfmd force-reload
+  [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
   grep -q "Open CFM debug message" /var/log/cfmd.log
   read -r pid </var/run/cfmd.pid
-  [ -n "$(ipcs -s | grep "^0x")" ]
+  [ "$(sems)" != 0 ]
   dpkg -r cfmd >/dev/null
   if kill -0 "$pid" 2>/dev/null; then exit 1; fi
-  [ -z "$(ipcs -s | grep "^0x")" ]  # SIGTERM removed the semaphore sets
+  [ "$(sems)" = 0 ]  # SIGTERM removed the semaphore sets
   dpkg -P cfmd >/dev/null
   [ "$(cfm_files)" = "$before" ]
 ' sh "$(basename "$deb")" >"$dir/sandbox.log" 2>&1 ||

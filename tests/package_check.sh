@@ -46,7 +46,10 @@ scripts/sandbox.sh -f "$deb" bash -euxc '
   socket() { for i in $(seq 20); do [ -S /var/cfm_socket ] && return 0; sleep 0.5; done; return 1; }
   sems() { ipcs -s | grep -c "^0x" || true; }
   before=$(cfm_files)
+  # A log past 1 MiB is moved aside at start (purge removes both).
+  head -c 1100000 /dev/zero >/var/log/cfmd.log
   dpkg -i "$deb" >/dev/null
+  [ "$(wc -c </var/log/cfmd.log.1)" = 1100000 ]
   systemd-analyze verify cfmd.service
   [ -L /etc/systemd/system/multi-user.target.wants/cfmd.service ]
   ls /etc/rc2.d/S??cfmd

@@ -3,7 +3,8 @@
 # linked with libstdc++ and libgcc statically (the router needs only its C
 # library) and stripped. src/core/small_runtime.cc replaces the library's
 # throwing paths, so the static runtime does not bring in the unwinder.
-# cfmctl gets the size flags but keeps the shared C++ library.
+# cfmctl is linked the same way, so the package needs nothing but libc; it
+# keeps the library's own throwing paths (std::filesystem reports through them).
 if(CFMD_SMALL)
   target_compile_options(cfm PRIVATE -Os -ffunction-sections -fdata-sections -fno-exceptions)
   foreach(target cfmd cfmctl)
@@ -11,5 +12,7 @@ if(CFMD_SMALL)
     target_link_options(${target} PRIVATE -Wl,--gc-sections -s)
   endforeach()
   target_sources(cfmd PRIVATE ${CMAKE_SOURCE_DIR}/src/core/small_runtime.cc)
-  target_link_options(cfmd PRIVATE -static-libstdc++ -static-libgcc)
+  foreach(target cfmd cfmctl)
+    target_link_options(${target} PRIVATE -static-libstdc++ -static-libgcc)
+  endforeach()
 endif()

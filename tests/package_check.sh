@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
 # Router build packaged: builds build-pkg/ (-DCFMD_SMALL=ON, prefix /usr),
-# makes the Debian package, installs it into a scratch root, checks the files
-# and the man pages, runs the installed daemon through the init script in
-# private namespaces (as root), then removes the package. Exits non-zero on a fault.
+# makes the Debian package and checks it: lintian without error or warning,
+# Depends on libc alone, every /etc file a conffile, man pages render without
+# warning, the unit's sandbox rated by systemd-analyze. As root it then
+# installs the package for real in a throwaway copy of this machine
+# (scripts/sandbox.sh, sysvinit, no systemd running): the service is enabled
+# and started, cfmctl answers, an edited conffile survives a reinstall, removal
+# stops the daemon and its semaphore sets, purge leaves no file; the daemon
+# also runs with no more than the unit grants it.
 set -eu
 cd "$(dirname "$0")/.."
 dir=build-pkg
@@ -10,43 +15,87 @@ fail() { echo "package check: $*" >&2; exit 1; }
 
 cmake -S . -B "$dir" -DCFMD_SMALL=ON -DCFMD_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
 cmake --build "$dir" -j "${JOBS:-2}" >/dev/null
-(cd "$dir" && rm -f ./*.deb && cpack -G DEB >/dev/null)
+(cd "$dir" && rm -f ./*.deb && cpack -G DEB >/dev/null 2>&1) || fail "cpack -G DEB failed"
 deb=$(echo "$dir"/cfmd_*.deb)
-root=$(mktemp -d)
-trap 'rm -rf "$root"' EXIT
-mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" && touch "$root/var/lib/dpkg/status"
-dpkg --root="$root" --force-depends --force-script-chrootless -i "$deb" >/dev/null 2>&1 || fail "dpkg -i"
+command -v lintian >/dev/null || fail "lintian is not installed (.ci/run installs it)"
+tags=$(lintian --allow-root "$deb" 2>&1 | grep -E '^[EW]:' || true)
+[ -z "$tags" ] || fail "lintian: $tags"
+depends=$(dpkg-deb -f "$deb" Depends)
+[[ "$depends" =~ ^libc6( \([^,]*\))?$ ]] || fail "Depends: $depends (libc6 alone expected)"
+etc=$(dpkg-deb -c "$deb" | awk '$6 ~ /^\.\/etc\/.*[^\/]$/ { print substr($6, 2) }' | sort)
+[ "$etc" = "$(dpkg-deb -I "$deb" conffiles | sort)" ] || fail "not every /etc file is a conffile"
 
-files="usr/sbin/cfmd usr/bin/cfmctl usr/share/man/man8/cfmd.8 usr/share/man/man1/cfmctl.1
-       usr/lib/systemd/system/cfmd.service etc/init.d/cfmd etc/default/cfmd
-       usr/share/bash-completion/completions/cfmctl"
-for f in $files; do [ -f "$root/$f" ] || fail "missing /$f"; done
-for page in usr/share/man/man8/cfmd.8 usr/share/man/man1/cfmctl.1; do
-  warnings=$(man --warnings -l "$root/$page" 2>&1 >/dev/null)
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
+dpkg-deb -x "$deb" "$stage"
+[ -f "$stage/usr/share/bash-completion/completions/cfmctl" ] || fail "missing the bash completion"
+for page in "$stage"/usr/share/man/man*/*.gz; do
+  warnings=$(man --warnings -l "$page" 2>&1 >/dev/null)
   [ -z "$warnings" ] || fail "$page: $warnings"
 done
-grep -q @ "$root/usr/lib/systemd/system/cfmd.service" && fail "unit: unsubstituted @VARIABLE@"
+grep -qE "@[A-Z_]+@" "$stage/usr/lib/systemd/system/cfmd.service" && fail "unit: unsubstituted @VARIABLE@"
+# Exposure at most 4.0 (the threshold counts tenths).
+systemd-analyze security --offline=yes --root="$stage" --threshold=40 cfmd.service >/dev/null ||
+  fail "systemd-analyze security rates the unit above 4.0"
+[ "$(id -u)" = 0 ] || { echo "package check: not root, install not tried"; exit 0; }
 
-if [ "$(id -u)" = 0 ]; then
-  # The installed daemon, started and stopped by the installed init script.
-  unshare --net --mount --ipc --propagation private sh -euc '
-    root=$1
-    mount -t tmpfs none /var
-    ip link add wan0 type veth peer name peer0 && ip link set wan0 up && ip link set peer0 up
-    export DAEMON=$root/usr/sbin/cfmd CFMD_DEFAULTS=$root/etc/default/cfmd
-    sh "$root/etc/init.d/cfmd" start
-    sh "$root/etc/init.d/cfmd" status
-    for i in 1 2 3 4 5 6 7 8 9 10; do [ -S /var/cfm_socket ] && break; sleep 1; done
-    "$root/usr/bin/cfmctl" showdefault 2
-    grep -q "CFM Status  : enabled" /var/log/cfmd.log
-    [ -n "$(ipcs -s | grep "^0x")" ]
-    sh "$root/etc/init.d/cfmd" stop
-    if sh "$root/etc/init.d/cfmd" status >/dev/null; then exit 1; fi
-    [ -z "$(ipcs -s | grep "^0x")" ]  # SIGTERM removed the semaphore sets
-  ' sh "$root" || fail "the installed daemon did not start, answer and stop cleanly"
-fi
-
-dpkg --root="$root" --force-depends --force-script-chrootless -P cfmd >/dev/null 2>&1 || fail "dpkg -P"
-left=$(cd "$root" && find . -type f ! -path "./var/lib/dpkg/*")
-[ -z "$left" ] || fail "files left after removal: $left"
-echo "package check: $(basename "$deb") installs, runs and removes cleanly"
+scripts/sandbox.sh -f "$deb" bash -euxc '
+  # One check per line: set -e does not see a failure inside an && list.
+  deb=/tmp/$1
+  # Not counted: the scratch files of -w and the pages man formatted for itself.
+  cfm_files() { find /etc /usr /var /run -name "*cfm*" ! -path "/var/tmp/*" ! -path "/var/cache/man/*" | sort; }
+  socket() { for i in $(seq 20); do [ -S /var/cfm_socket ] && return 0; sleep 0.5; done; return 1; }
+  sems() { ipcs -s | grep -c "^0x" || true; }
+  before=$(cfm_files)
+  # A log past 1 MiB is moved aside at start (purge removes both).
+  head -c 1100000 /dev/zero >/var/log/cfmd.log
+  dpkg -i "$deb" >/dev/null
+  [ "$(wc -c </var/log/cfmd.log.1)" = 1100000 ]
+  systemd-analyze verify cfmd.service
+  [ -L /etc/systemd/system/multi-user.target.wants/cfmd.service ]
+  ls /etc/rc2.d/S??cfmd
+  /etc/init.d/cfmd status
+  socket
+  cfmctl showdefault 2
+  grep -q "CFM Status  : enabled" /var/log/cfmd.log
+  cfmctl -t /var/lib/cfmd --export rmep
+  [ -e /var/lib/cfmd/runtime/cfm/rmep_db ]
+  logrotate -d /etc/logrotate.d/cfmd 2>/dev/null
+  # The daemon as the unit runs it: the capabilities of the unit only, / read-only
+  # but for the paths the unit makes writable; it answers and removes its semaphore sets.
+  /etc/init.d/cfmd stop
+  rm -f /var/cfm_socket
+  unit=/usr/lib/systemd/system/cfmd.service
+  caps=$(sed -n "s/^CapabilityBoundingSet=//p" $unit | tr "A-Z " "a-z," | sed "s/cap_/+/g")
+  rw=$(sed -n "s/^ReadWritePaths=//p" $unit)
+  unshare -m sh -c "for p in $rw; do mount --bind \$p \$p; done && mount -o remount,bind,ro / &&
+    exec setpriv --bounding-set=-all,$caps --inh-caps=-all --no-new-privs cfmd -i wan0 -w -e -t /var/lib/cfmd" >/tmp/unit.log 2>&1 &
+  socket
+  cfmctl showdefault 2
+  grep -q "CFM Status  : enabled" /tmp/unit.log
+  [ -z "$(grep "Reason:" /tmp/unit.log)" ]  # no failed system call
+  kill -TERM $!
+  wait $! || true
+  [ "$(sems)" = 0 ]
+  /etc/init.d/cfmd start
+  # An edited conffile survives a reinstall, which restarts the daemon;
+  # force-reload restarts it again, and the edited options are used.
+  read -r pid </var/run/cfmd.pid
+  echo "CFMD_OPTS=\"-e -d -t /var/lib/cfmd\"" >>/etc/default/cfmd
+  dpkg -i "$deb" >/dev/null
+  grep -q -- "-e -d" /etc/default/cfmd
+  [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
+  read -r pid </var/run/cfmd.pid
+  /etc/init.d/cfmd force-reload
+  [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
+  grep -q "Open CFM debug message" /var/log/cfmd.log
+  read -r pid </var/run/cfmd.pid
+  [ "$(sems)" != 0 ]
+  dpkg -r cfmd >/dev/null
+  if kill -0 "$pid" 2>/dev/null; then exit 1; fi
+  [ "$(sems)" = 0 ]  # SIGTERM removed the semaphore sets
+  dpkg -P cfmd >/dev/null
+  [ "$(cfm_files)" = "$before" ]
+' sh "$(basename "$deb")" >"$dir/sandbox.log" 2>&1 ||
+  { tail -n 20 "$dir/sandbox.log"; fail "install, run, reinstall, remove or purge failed"; }
+echo "package check: $(basename "$deb") is lintian-clean, installs, runs and purges cleanly"

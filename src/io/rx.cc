@@ -18,6 +18,7 @@
 #include "engines/lb_initiator.h"
 #include "engines/lb_responder.h"
 #include "engines/lt_receiver.h"
+#include "engines/pm_session.h"
 #include "io/dump.h"
 #include "io/frame.h"
 #include "io/tx.h"
@@ -195,11 +196,11 @@ void debug_dump_packet(const CfmPacket &packet) {
 
 // Reads up to `want` WAN frames, each into its own buffer (the test source
 // one call per frame, the socket all in one). Returns how many were read.
-int read_wan_batch(uint8_t *const *bufs, long *lengths, int want) {
+int read_wan_batch(uint8_t *const *bufs, long *lengths, int want, struct timespec *stamps) {
   CfmRxSource source = g_rx_source.load();
   if (source == nullptr) {
     int fd = g_rx_fd.load();
-    return fd < 0 ? 0 : cfm_wan_socket_read_batch(fd, bufs, kRxBufferSize, lengths, want);
+    return fd < 0 ? 0 : cfm_wan_socket_read_batch(fd, bufs, kRxBufferSize, lengths, want, stamps);
   }
   int got = 0;
   while (got < want && (lengths[got] = source(bufs[got], kMaxFrame)) >= 0) ++got;
@@ -217,11 +218,12 @@ size_t drain_wan(size_t limit) {
     int want = static_cast<int>(limit - frames < kLockBatch ? limit - frames : kLockBatch);
     uint8_t *bufs[kLockBatch];
     long lengths[kLockBatch];
+    struct timespec stamps[kLockBatch] = {};
     int have = 0;
     while (have < want && (bufs[have] = static_cast<uint8_t *>(CFM_OS_Allocate_Memory(kRxBufferSize))) != nullptr) {
       ++have;
     }
-    int got = have > 0 ? read_wan_batch(bufs, lengths, have) : 0;
+    int got = have > 0 ? read_wan_batch(bufs, lengths, have, stamps) : 0;
     if (got > 0) {
       MepSycLock lock;
       for (int i = 0; i < got; ++i) {
@@ -231,6 +233,7 @@ size_t drain_wan(size_t limit) {
         CfmPacket packet;
         memset(&packet, 0, sizeof packet);
         if (classify_received(bufs[i], lengths[i], &packet) == CFM_OK) {
+          packet.rx_time = stamps[i];
           debug_dump_packet(packet);
           dispatch_held(&packet);
         }
@@ -328,6 +331,7 @@ void dispatch_held(CfmPacket *packet) {
           CFM_LTM_Process(packet, 1);
           break;
         default:
+          if (cfm_pm_enabled()) cfm_pm_dispatch(packet, opcode);
           break;
       }
     }

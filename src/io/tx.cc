@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <mutex>
 
@@ -38,6 +39,9 @@ constexpr int kGenericTraceLine = 464;
 
 // No link takes more in one frame; a larger length is a caller's fault.
 constexpr uint32_t kMaxSendLength = 65535;
+constexpr size_t kNoStamp = ~static_cast<size_t>(0);
+constexpr size_t kStampLen = 8;
+thread_local size_t t_stamp_at = kNoStamp;
 
 struct SendPath {
   CfmTxSide side;
@@ -80,7 +84,19 @@ size_t build_wire_frame(const uint8_t *frame, uint32_t length, uint8_t **out) {
     memcpy(buf, frame, length);
   }
   *out = buf;
+  // A frame that asked for its send time gets it where its field now lies.
+  if (t_stamp_at != kNoStamp && vid0_tag && t_stamp_at >= cfm::wire::kSingleTagPayload) t_stamp_at -= cfm::kTagLen;
   return wire_len;
+}
+
+void stamp_if_asked(uint8_t *buf, size_t len) {
+  size_t at = t_stamp_at;
+  t_stamp_at = kNoStamp;
+  if (at == kNoStamp || at + kStampLen > len) return;
+  struct timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  cfm::put_be32(buf + at, static_cast<uint32_t>(ts.tv_sec));
+  cfm::put_be32(buf + at + 4, static_cast<uint32_t>(ts.tv_nsec));
 }
 
 void debug_dump(const SendPath &path, const uint8_t *buf, size_t len) {
@@ -101,13 +117,20 @@ bool socket_send(int fd, int ifindex, const uint8_t *buf, size_t len) {
 }
 
 uint32_t send_packet(const SendPath &path, int fd, int ifindex, const uint8_t *frame, uint32_t length) {
-  if (frame == nullptr) return CFM_ERR_FAILURE;
   uint8_t *buf = nullptr;
+  if (frame == nullptr) {
+    t_stamp_at = kNoStamp;
+    return CFM_ERR_FAILURE;
+  }
   size_t wire_len = build_wire_frame(frame, length, &buf);
-  if (wire_len == 0) return CFM_ERR_FAILURE;
+  if (wire_len == 0) {
+    t_stamp_at = kNoStamp;
+    return CFM_ERR_FAILURE;
+  }
   bool debug = isCfmDebugOn() != 0;
   if (debug) debug_dump(path, buf, wire_len);
   std::shared_ptr<CfmTxHook> hook = current_hook();
+  stamp_if_asked(buf, wire_len);
   bool sent = (hook && *hook) ? (*hook)(path.side, buf, wire_len) : socket_send(fd, ifindex, buf, wire_len);
   CFM_OS_Deallocate_Memory(buf);
   if (debug) {
@@ -193,6 +216,8 @@ void cfm_set_tx_hook(CfmTxHook hook) {
   std::lock_guard<std::mutex> lock(g_tx_mutex);
   g_tx_hook = std::move(next);
 }
+
+void cfm_tx_stamp_next(size_t offset) { t_stamp_at = offset; }
 
 void cfm_set_system_mac(const uint8_t *mac) {
   if (mac == nullptr) return;

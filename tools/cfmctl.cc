@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "cfmctl_pm.h"
 #include "cli/mep_options.h"
 
 namespace fs = std::filesystem;
@@ -338,6 +339,10 @@ int main(int argc, char **argv) {
     }
   }
 
+  if (export_name.empty() && !words.empty() && words[0] == "pm") {
+    auto send = [&](const std::string &request) { return send_request(socket_path, request); };
+    return cfmctl_pm({words.begin() + 1, words.end()}, tree, json, send);
+  }
   if (export_name.empty()) {
     if (words.empty()) return usage_error("no command given");
     std::string request;

@@ -118,10 +118,7 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
   struct sockaddr_ll from;
   memset(&from, 0, sizeof from);
   struct iovec iov = {frame, sizeof frame};
-  union {
-    struct cmsghdr align;
-    char bytes[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
-  } control;
+  AuxControl control;
   struct msghdr msg;
   memset(&msg, 0, sizeof msg);
   msg.msg_name = &from;

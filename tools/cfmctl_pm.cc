@@ -79,6 +79,7 @@ void print_rows(const std::string &tree, bool json) {
 int cfmctl_pm(const std::vector<std::string> &args, const std::string &tree, bool json,
               const std::function<int(const std::string &)> &send) {
   for (const std::string &a : args) json = json || a == "--json";
+  if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) return fputs(kUsage, stdout), 0;
   if (!args.empty() && args[0] == "show") {
     int status = send(json ? "pmshow json" : "pmshow");
     if (status == 0 && !tree.empty()) print_rows(tree, json);

@@ -10,9 +10,9 @@ namespace fs = std::filesystem;
 namespace {
 
 const char kUsage[] =
-    "usage: cfmctl pm dm|slm start MD MA MEP TARGET [--count N] [--period 100|1000|10000]\n"
+    "usage: cfmctl pm dm|slm|1dm start MD MA MEP TARGET [--count N] [--period 100|1000|10000]\n"
     "                                 [--priority 0..7] [--test-id N]\n"
-    "       cfmctl pm dm|slm stop MD MA MEP\n"
+    "       cfmctl pm dm|slm|1dm stop MD MA MEP\n"
     "       cfmctl [-t DIR] pm show [--json]\n"
     "TARGET is a MAC address or a remote MEPID; --count 0 runs until stopped.\n"
     "The daemon must run with -y.\n";
@@ -85,7 +85,7 @@ int cfmctl_pm(const std::vector<std::string> &args, const std::string &tree, boo
     if (status == 0 && !tree.empty()) print_rows(tree, json);
     return status;
   }
-  if (args.size() < 2 || (args[0] != "dm" && args[0] != "slm")) return usage();
+  if (args.size() < 2 || (args[0] != "dm" && args[0] != "slm" && args[0] != "1dm")) return usage();
   if (args[1] == "start") return start(args, args[0], send);
   if (args[1] == "stop" && args.size() == 5) return send("pmstop " + args[0] + " " + args[2] + " " + args[3] + " " + args[4]);
   return usage();

@@ -5,8 +5,8 @@
 #include <vector>
 
 // args are the words after "pm":
-//   dm|slm start MD MA MEP TARGET [--count N] [--period MS] [--priority P] [--test-id N]
-//   dm|slm stop MD MA MEP
+//   dm|slm|1dm start MD MA MEP TARGET [--count N] [--period MS] [--priority P] [--test-id N]
+//   dm|slm|1dm stop MD MA MEP
 //   show [--json]
 // Builds the request and hands it to send (which returns cfmctl's exit
 // status). For show, the results are then read from the configuration tree

@@ -1,8 +1,8 @@
 // Performance-monitoring commands (option -y):
-//   pmstart dm|slm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]
+//   pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]
 //     TARGET a MAC ("00:11:22:33:44:55") or a remote MEPID; COUNT 0 runs
 //     until pmstop; PERIOD in milliseconds (100, 1000, 10000)
-//   pmstop dm|slm MD MA MEP
+//   pmstop dm|slm|1dm MD MA MEP
 //   pmshow [json]
 #include <cstring>
 
@@ -28,6 +28,8 @@ bool parse_kind(const char *word, PmKind *kind) {
     *kind = kPmDm;
   } else if (strcmp(word, "slm") == 0) {
     *kind = kPmSlm;
+  } else if (strcmp(word, "1dm") == 0) {
+    *kind = kPm1Dm;
   } else {
     return false;
   }
@@ -81,7 +83,7 @@ int cli_usr_cfm_pmstart(FILE *out, CliArg *args, int) {
             (n == kStartWords || parse_u32(w[8], UINT32_MAX, &req.test_id));
   req.priority = static_cast<uint8_t>(priority);
   if (!ok) {
-    fputs("\r\nError!! Usage: pmstart dm|slm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]", out);
+    fputs("\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]", out);
     return 0;
   }
   if (cfm_pm_start(req) != CFM_OK) {
@@ -98,7 +100,7 @@ int cli_usr_cfm_pmstop(FILE *out, CliArg *args, int) {
   uint32_t md = 0, ma = 0;
   uint16_t mep = 0;
   if (collect(args, w, 4) < 4 || !parse_kind(w[0], &kind) || !parse_mep(w + 1, &md, &ma, &mep)) {
-    fputs("\r\nError!! Usage: pmstop dm|slm MD MA MEP", out);
+    fputs("\r\nError!! Usage: pmstop dm|slm|1dm MD MA MEP", out);
     return 0;
   }
   if (cfm_pm_stop(kind, md, ma, mep) != CFM_OK) {

@@ -107,15 +107,15 @@ uint32_t CFM_1DM_Process(CfmPacket *packet) {
   return CFM_OK;
 }
 
-uint32_t cfm_dm_send(const MepEntry &mep, PmMep *pm, const uint8_t *dst, uint8_t level) {
-  PmSession &s = pm->s[kPmDm];
+uint32_t cfm_dm_send(const MepEntry &mep, PmMep *pm, const uint8_t *dst, uint8_t level, bool one_way) {
+  PmSession &s = pm->s[one_way ? kPm1Dm : kPmDm];
   uint8_t frame[pm_request_len(dm::kFirstTlvOffset)];
   size_t len = cfm_pm_request_build(frame, sizeof frame, dst, cfm_lb_source_mac(), s.priority, mep.vid, level,
-                                    kOpDmm, dm::kFirstTlvOffset);
+                                    one_way ? kOp1Dm : kOpDmm, one_way ? dm::kFirstTlvOffset1Dm : dm::kFirstTlvOffset);
   uint32_t sent = cfm_pm_send_stamped(frame, len, s.priority, kTaggedBody + dm::kTxStampF);
   if (sent == CFM_OK) {
     s.sent += 1;
-    pm->c.dmm_out += 1;
+    (one_way ? pm->c.one_dm_out : pm->c.dmm_out) += 1;
   }
   return sent;
 }

@@ -12,6 +12,6 @@ uint32_t CFM_DMM_Process(CfmPacket *packet);  // CFM_OK when a DMR was sent
 uint32_t CFM_DMR_Process(CfmPacket *packet);  // CFM_OK when counted for a session
 uint32_t CFM_1DM_Process(CfmPacket *packet);  // CFM_OK when recorded
 
-// Sends one DMM of the MEP's delay session to dst at the MD level. Held:
-// MEP_SYC and PmLock.
-uint32_t cfm_dm_send(const MepEntry &mep, PmMep *pm, const uint8_t *dst, uint8_t level);
+// Sends one DMM (or, one_way, one 1DM) of the MEP's delay session to dst at
+// the MD level. Held: MEP_SYC and PmLock.
+uint32_t cfm_dm_send(const MepEntry &mep, PmMep *pm, const uint8_t *dst, uint8_t level, bool one_way);

@@ -21,7 +21,7 @@ constexpr int CFM_PM_MAX_MEP = 64;
 constexpr int CFM_PM_MAX_TESTS = 64;
 
 struct PmCounters {
-  uint32_t dmm_in, dmr_out, dmm_out, dmr_in, one_dm_in;
+  uint32_t dmm_in, dmr_out, dmm_out, dmr_in, one_dm_in, one_dm_out;
   uint32_t slm_in, slr_out, slm_out, slr_in;
 };
 
@@ -32,7 +32,8 @@ struct PmSlTest {
   uint64_t last_use;  // recency, for replacement
 };
 
-enum PmKind { kPmDm = 0, kPmSlm = 1, kPmKinds = 2 };
+// A 1DM session only sends; the peer takes the one-way delay.
+enum PmKind { kPmDm = 0, kPmSlm = 1, kPm1Dm = 2, kPmKinds = 3 };
 
 struct PmSession {
   uint32_t state;  // 0 never run, 1 running, 2 finished

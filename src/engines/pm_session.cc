@@ -24,7 +24,7 @@ constexpr int kMaxSendsPerTick = 10;
 // A session that sent its last frame waits this long for late replies.
 constexpr int64_t kReplyGraceMs = 2000;
 constexpr uint8_t kMaxPriority = 7;
-const char *const kKindName[kPmKinds] = {"dm", "slm"};
+const char *const kKindName[kPmKinds] = {"dm", "slm", "1dm"};
 
 int64_t monotonic_ms() {
   struct timespec ts;
@@ -75,8 +75,8 @@ void run_session(PmMep *pm, PmKind kind, int64_t now) {
   uint8_t dst[kMacLen];
   if (!resolve_target(s, mep, dst)) return;
   for (int n = 0; n < kMaxSendsPerTick && now >= s.next_due_ms && (s.count == 0 || s.sent < s.count); ++n) {
-    if (kind == kPmDm) {
-      cfm_dm_send(mep, pm, dst, md.MdLevel);
+    if (kind != kPmSlm) {
+      cfm_dm_send(mep, pm, dst, md.MdLevel, kind == kPm1Dm);
     } else {
       cfm_slm_send(mep, pm, dst, md.MdLevel);
     }
@@ -107,7 +107,7 @@ void put_session(const PmMep &pm, PmKind kind, int row) {
       snprintf(text, sizeof text, "%" PRId64, v[i]);
       ConfigTree::setStr(text, "/runtime/cfm/pm/%s:%d/%s", k, row, names[i]);
     }
-  } else {
+  } else if (kind == kPmSlm) {
     snprintf(text, sizeof text, "%.4f", r.near_ratio);
     ConfigTree::setStr(text, "/runtime/cfm/pm/%s:%d/near_loss", k, row);
     snprintf(text, sizeof text, "%.4f", r.far_ratio);
@@ -128,13 +128,16 @@ void print_session(FILE *out, const PmMep &pm, PmKind kind, bool json, bool *fir
                    ",\"dv_avg_ns\":%" PRId64 ",\"dv_max_ns\":%" PRId64 "}",
               r.delay_min_ns, r.delay_avg_ns, r.delay_max_ns, r.dv_avg_ns, r.dv_max_ns);
     } else {
-      fprintf(out, ",\"near_loss\":%.4f,\"far_loss\":%.4f}", r.near_ratio, r.far_ratio);
+      if (kind == kPmSlm) fprintf(out, ",\"near_loss\":%.4f,\"far_loss\":%.4f", r.near_ratio, r.far_ratio);
+      fputs("}", out);
     }
   } else if (kind == kPmDm) {
     fprintf(out, "\r\nPM DM  md %u ma %u mep %u %s: sent %u received %u lost %u, delay min/avg/max %.1f/%.1f/%.1f us, "
                  "variation avg/max %.1f/%.1f us",
             pm.md_id, pm.ma_id, pm.mep_id, state, r.sent, r.received, r.lost, r.delay_min_ns / 1e3,
             r.delay_avg_ns / 1e3, r.delay_max_ns / 1e3, r.dv_avg_ns / 1e3, r.dv_max_ns / 1e3);
+  } else if (kind == kPm1Dm) {
+    fprintf(out, "\r\nPM 1DM md %u ma %u mep %u %s: sent %u", pm.md_id, pm.ma_id, pm.mep_id, state, r.sent);
   } else {
     fprintf(out, "\r\nPM SLM md %u ma %u mep %u %s: sent %u received %u lost %u, near-end loss %.2f%% (%u), "
                  "far-end loss %.2f%% (%u)",
@@ -149,6 +152,7 @@ void print_counters(FILE *out, const PmMep &pm) {
   fprintf(out, "\r\nPM md %u ma %u mep %u: DMM in %u out %u, DMR in %u out %u, SLM in %u out %u, SLR in %u out %u",
           pm.md_id, pm.ma_id, pm.mep_id, c.dmm_in, c.dmm_out, c.dmr_in, c.dmr_out, c.slm_in, c.slm_out, c.slr_in,
           c.slr_out);
+  if (c.one_dm_out > 0) fprintf(out, ", 1DM out %u", c.one_dm_out);
   if (pm.one_dm_count > 0) {
     fprintf(out, "\r\n  1DM in %u, one-way delay last/min/max %.1f/%.1f/%.1f us (valid only with synchronised clocks)",
             pm.one_dm_count, pm.one_dm_last_ns / 1e3, pm.one_dm_min_ns / 1e3, pm.one_dm_max_ns / 1e3);
@@ -240,6 +244,7 @@ PmResult cfm_pm_result(const PmSession &s, PmKind kind) {
     r.dv_max_ns = s.dv_max_ns;
     return r;
   }
+  if (kind == kPm1Dm) return r;
   // The latest SLR tells how many SLMs the peer had sent us a reply to
   // (TxFCf) and how many of them it had received (TxFCb).
   r.far_lost = s.last_txfcf > s.last_txfcb ? s.last_txfcf - s.last_txfcb : 0;
@@ -261,10 +266,12 @@ void cfm_pm_report(FILE *out, bool json) {
     if (!json) print_counters(out, *pm);
     ++mep_row;
     const PmCounters &c = pm->c;
-    const uint32_t v[] = {c.dmm_in, c.dmm_out, c.dmr_in, c.dmr_out, c.slm_in, c.slm_out, c.slr_in, c.slr_out, c.one_dm_in};
-    const char *names[] = {"dmm_in", "dmm_out", "dmr_in", "dmr_out", "slm_in", "slm_out", "slr_in", "slr_out", "1dm_in"};
+    const uint32_t v[] = {c.dmm_in, c.dmm_out, c.dmr_in, c.dmr_out, c.slm_in,
+                          c.slm_out, c.slr_in, c.slr_out, c.one_dm_in, c.one_dm_out};
+    const char *names[] = {"dmm_in", "dmm_out", "dmr_in", "dmr_out", "slm_in",
+                           "slm_out", "slr_in", "slr_out", "1dm_in", "1dm_out"};
     ConfigTree::setInt(pm->mep_id, "/runtime/cfm/pm/mep:%d/mep", mep_row);
-    for (size_t n = 0; n < 9; ++n) ConfigTree::setInt(static_cast<int>(v[n]), "/runtime/cfm/pm/mep:%d/%s", mep_row, names[n]);
+    for (size_t n = 0; n < 10; ++n) ConfigTree::setInt(static_cast<int>(v[n]), "/runtime/cfm/pm/mep:%d/%s", mep_row, names[n]);
     for (int k = 0; k < kPmKinds; ++k) {
       if (pm->s[k].state == 0) continue;
       print_session(out, *pm, static_cast<PmKind>(k), json, &first);

@@ -197,9 +197,9 @@ TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
   cfm_dispatch_packet(&p);
   EXPECT_EQ(wan_.size(), 1u);
   EXPECT_EQ(Cli("pmstart dm 1 1 7 02:11:22:33:44:55 1 10000 8"),
-            "\r\nError!! Usage: pmstart dm|slm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
+            "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
   EXPECT_EQ(Cli("pmstart slm 1 1 7 03:11:22:33:44:55 1 10000 1"),
-            "\r\nError!! Usage: pmstart dm|slm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
+            "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
   EXPECT_EQ(Cli("pmstart slm 1 1 7 02:11:22:33:44:55 0 10000 1 5"), "");
   EXPECT_EQ(session(kPmSlm).test_id, 5u);
   EXPECT_EQ(Cli("pmstop slm 1 1 7"), "");

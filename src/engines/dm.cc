@@ -27,8 +27,12 @@ bool accept(const CfmPacket *packet, uint8_t opcode, uint8_t first_tlv_offset, b
   return cfm_pm_local_mep(packet, *level, allow_group, mep);
 }
 
-void record_delay(PmSession &s, int64_t delay) {
-  if (delay < 0) delay = 0;  // clock granularity; a delay is never below zero
+void record_delay(PmMep *pm, PmSession &s, int64_t delay) {
+  if (delay < 0) {
+    s.negative += 1;
+    delay = 0;
+  }
+  pm->recent_ns[s.received % CFM_PM_RECENT] = delay;
   if (s.received == 0 || delay < s.delay_min_ns) s.delay_min_ns = delay;
   if (delay > s.delay_max_ns) s.delay_max_ns = delay;
   if (s.received > 0) {
@@ -86,7 +90,7 @@ uint32_t CFM_DMR_Process(CfmPacket *packet) {
   pm->c.dmr_in += 1;
   PmSession &s = pm->s[kPmDm];
   if (s.state != 1 || s.received >= s.sent) return CFM_ERR_FAILURE;
-  record_delay(s, delay);
+  record_delay(pm, s, delay);
   return CFM_OK;
 }
 

@@ -52,7 +52,11 @@ struct PmSession {
   int64_t dv_sum_ns, dv_max_ns;
   uint32_t dv_count;
   uint32_t last_txfcf, last_txfcb;  // of the latest SLR
+  uint32_t negative;                // delays below zero (counted as zero)
 };
+
+// The latest two-way delays of a MEP's delay session, for the median.
+constexpr int CFM_PM_RECENT = 32;
 
 struct PmMep {
   uint32_t used;
@@ -62,6 +66,7 @@ struct PmMep {
   PmSlTest tests[CFM_PM_MAX_TESTS];
   uint64_t test_clock;
   PmSession s[kPmKinds];
+  int64_t recent_ns[CFM_PM_RECENT];
   // One-way delays of received 1DMs (meaningful only with synchronised clocks).
   uint32_t one_dm_count;
   int64_t one_dm_last_ns, one_dm_min_ns, one_dm_max_ns;

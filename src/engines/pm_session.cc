@@ -1,8 +1,10 @@
 #include "engines/pm_session.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "core/config_tree.h"
 #include "core/hwaddr.h"
@@ -90,7 +92,7 @@ double ratio(uint32_t part, uint32_t whole) { return whole == 0 ? 0.0 : static_c
 
 void put_session(const PmMep &pm, PmKind kind, int row) {
   const PmSession &s = pm.s[kind];
-  PmResult r = cfm_pm_result(s, kind);
+  PmResult r = cfm_pm_result(pm, kind);
   const char *k = kKindName[kind];
   ConfigTree::setInt(static_cast<int>(pm.md_id), "/runtime/cfm/pm/%s:%d/md", k, row);
   ConfigTree::setInt(static_cast<int>(pm.ma_id), "/runtime/cfm/pm/%s:%d/ma", k, row);
@@ -101,9 +103,9 @@ void put_session(const PmMep &pm, PmKind kind, int row) {
   ConfigTree::setInt(static_cast<int>(r.lost), "/runtime/cfm/pm/%s:%d/lost", k, row);
   char text[32];
   if (kind == kPmDm) {
-    const int64_t v[] = {r.delay_min_ns, r.delay_avg_ns, r.delay_max_ns, r.dv_avg_ns, r.dv_max_ns};
-    const char *names[] = {"delay_min_ns", "delay_avg_ns", "delay_max_ns", "dv_avg_ns", "dv_max_ns"};
-    for (size_t i = 0; i < 5; ++i) {
+    const int64_t v[] = {r.delay_min_ns, r.delay_avg_ns, r.delay_max_ns, r.delay_median_ns, r.dv_avg_ns, r.dv_max_ns};
+    const char *names[] = {"delay_min_ns", "delay_avg_ns", "delay_max_ns", "delay_median_ns", "dv_avg_ns", "dv_max_ns"};
+    for (size_t i = 0; i < 6; ++i) {
       snprintf(text, sizeof text, "%" PRId64, v[i]);
       ConfigTree::setStr(text, "/runtime/cfm/pm/%s:%d/%s", k, row, names[i]);
     }
@@ -117,7 +119,7 @@ void put_session(const PmMep &pm, PmKind kind, int row) {
 
 void print_session(FILE *out, const PmMep &pm, PmKind kind, bool json, bool *first) {
   const PmSession &s = pm.s[kind];
-  PmResult r = cfm_pm_result(s, kind);
+  PmResult r = cfm_pm_result(pm, kind);
   const char *state = s.state == 1 ? "running" : "finished";
   if (json) {
     fprintf(out, "%s{\"kind\":\"%s\",\"md\":%u,\"ma\":%u,\"mep\":%u,\"state\":\"%s\",\"sent\":%u,\"received\":%u,"
@@ -125,17 +127,18 @@ void print_session(FILE *out, const PmMep &pm, PmKind kind, bool json, bool *fir
             *first ? "" : ",", kKindName[kind], pm.md_id, pm.ma_id, pm.mep_id, state, r.sent, r.received, r.lost);
     if (kind == kPmDm) {
       fprintf(out, ",\"delay_min_ns\":%" PRId64 ",\"delay_avg_ns\":%" PRId64 ",\"delay_max_ns\":%" PRId64
-                   ",\"dv_avg_ns\":%" PRId64 ",\"dv_max_ns\":%" PRId64 "}",
-              r.delay_min_ns, r.delay_avg_ns, r.delay_max_ns, r.dv_avg_ns, r.dv_max_ns);
+                   ",\"delay_median_ns\":%" PRId64 ",\"dv_avg_ns\":%" PRId64 ",\"dv_max_ns\":%" PRId64 "}",
+              r.delay_min_ns, r.delay_avg_ns, r.delay_max_ns, r.delay_median_ns, r.dv_avg_ns, r.dv_max_ns);
     } else {
       if (kind == kPmSlm) fprintf(out, ",\"near_loss\":%.4f,\"far_loss\":%.4f", r.near_ratio, r.far_ratio);
       fputs("}", out);
     }
   } else if (kind == kPmDm) {
     fprintf(out, "\r\nPM DM  md %u ma %u mep %u %s: sent %u received %u lost %u, delay min/avg/max %.1f/%.1f/%.1f us, "
-                 "variation avg/max %.1f/%.1f us",
+                 "median %.1f us, variation avg/max %.1f/%.1f us, %u below zero",
             pm.md_id, pm.ma_id, pm.mep_id, state, r.sent, r.received, r.lost, r.delay_min_ns / 1e3,
-            r.delay_avg_ns / 1e3, r.delay_max_ns / 1e3, r.dv_avg_ns / 1e3, r.dv_max_ns / 1e3);
+            r.delay_avg_ns / 1e3, r.delay_max_ns / 1e3, r.delay_median_ns / 1e3, r.dv_avg_ns / 1e3, r.dv_max_ns / 1e3,
+            r.negative);
   } else if (kind == kPm1Dm) {
     fprintf(out, "\r\nPM 1DM md %u ma %u mep %u %s: sent %u", pm.md_id, pm.ma_id, pm.mep_id, state, r.sent);
   } else {
@@ -229,7 +232,8 @@ uint32_t cfm_pm_stop(PmKind kind, uint32_t md_id, uint32_t ma_id, uint16_t mep_i
   return CFM_OK;
 }
 
-PmResult cfm_pm_result(const PmSession &s, PmKind kind) {
+PmResult cfm_pm_result(const PmMep &pm, PmKind kind) {
+  const PmSession &s = pm.s[kind];
   PmResult r = {};
   r.sent = s.sent;
   r.received = s.received;
@@ -241,6 +245,11 @@ PmResult cfm_pm_result(const PmSession &s, PmKind kind) {
       r.delay_avg_ns = s.delay_sum_ns / s.received;
     }
     if (s.dv_count > 0) r.dv_avg_ns = s.dv_sum_ns / s.dv_count;
+    r.negative = s.negative;
+    size_t n = s.received < CFM_PM_RECENT ? s.received : CFM_PM_RECENT;
+    std::vector<int64_t> recent(pm.recent_ns, pm.recent_ns + n);
+    std::nth_element(recent.begin(), recent.begin() + n / 2, recent.end());
+    if (n > 0) r.delay_median_ns = recent[n / 2];
     r.dv_max_ns = s.dv_max_ns;
     return r;
   }

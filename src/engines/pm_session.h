@@ -41,10 +41,12 @@ uint32_t cfm_pm_stop(PmKind kind, uint32_t md_id, uint32_t ma_id, uint16_t mep_i
 struct PmResult {
   uint32_t sent, received, lost;
   int64_t delay_min_ns, delay_avg_ns, delay_max_ns, dv_avg_ns, dv_max_ns;
+  int64_t delay_median_ns;  // of the latest CFM_PM_RECENT
+  uint32_t negative;
   uint32_t near_lost, far_lost;
   double near_ratio, far_ratio;  // 0..1
 };
-PmResult cfm_pm_result(const PmSession &s, PmKind kind);
+PmResult cfm_pm_result(const PmMep &pm, PmKind kind);
 
 // Prints every MEP's counters and sessions (text or JSON) and writes them to
 // the configuration tree.

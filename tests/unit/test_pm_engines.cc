@@ -46,9 +46,10 @@ class Pm : public EngineTest {
     PmMep *pm = cfm_pm_find(1, 1, 7, false);
     return pm != nullptr ? pm->c : PmCounters{};
   }
-  PmSession session(PmKind kind) {
+  PmSession session(PmKind kind) { return pm().s[kind]; }
+  PmMep pm() {
     PmLock lock(cfm_pm_mutex());
-    return cfm_pm_find(1, 1, 7, false)->s[kind];
+    return *cfm_pm_find(1, 1, 7, false);
   }
   MepEntry down;
 };
@@ -143,11 +144,12 @@ TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
   EXPECT_EQ(dmr(stamp(999, 999999800)), CFM_OK);
   CFM_PM_XMIT_Check();
   EXPECT_EQ(wan_.size(), 2u);  // the count is reached
-  PmResult r = cfm_pm_result(session(kPmDm), kPmDm);
+  PmResult r = cfm_pm_result(pm(), kPmDm);
   EXPECT_EQ(r.sent, 2u);
   EXPECT_EQ(r.received, 2u);
   EXPECT_EQ(r.delay_min_ns, 300);
   EXPECT_EQ(r.delay_avg_ns, 400);
+  EXPECT_EQ(r.delay_median_ns, 500);
   EXPECT_EQ(r.delay_max_ns, 500);
   EXPECT_EQ(r.dv_max_ns, 200);
   EXPECT_EQ(counters().dmr_in, 3u);
@@ -176,7 +178,7 @@ TEST_F(Pm, LossSessionReportsEachDirection) {
   EXPECT_NE(slr(77, 11, 9), CFM_OK);  // never sent
   for (uint32_t fcf : {1, 2, 4, 5, 7}) EXPECT_EQ(slr(77, fcf, fcf - fcf / 3), CFM_OK);
   EXPECT_EQ(slr(77, 10, 8), CFM_OK);
-  PmResult r = cfm_pm_result(session(kPmSlm), kPmSlm);
+  PmResult r = cfm_pm_result(pm(), kPmSlm);
   EXPECT_EQ(r.far_lost, 2u);
   EXPECT_EQ(r.near_lost, 2u);
   EXPECT_DOUBLE_EQ(r.far_ratio, 0.2);

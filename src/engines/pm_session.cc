@@ -135,7 +135,7 @@ void print_session(FILE *out, const PmMep &pm, PmKind kind, bool json, bool *fir
     }
   } else if (kind == kPmDm) {
     fprintf(out, "\r\nPM DM  md %u ma %u mep %u %s: sent %u received %u lost %u, delay min/avg/max %.1f/%.1f/%.1f us, "
-                 "median %.1f us, variation avg/max %.1f/%.1f us, %u below zero",
+                 "median %.1f us, variation avg/max %.1f/%.1f us, below zero %u",
             pm.md_id, pm.ma_id, pm.mep_id, state, r.sent, r.received, r.lost, r.delay_min_ns / 1e3,
             r.delay_avg_ns / 1e3, r.delay_max_ns / 1e3, r.delay_median_ns / 1e3, r.dv_avg_ns / 1e3, r.dv_max_ns / 1e3,
             r.negative);

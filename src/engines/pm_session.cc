@@ -263,6 +263,11 @@ PmResult cfm_pm_result(const PmMep &pm, PmKind kind) {
   return r;
 }
 
+void cfm_pm_print_counters(FILE *out, uint32_t md_id, uint32_t ma_id, uint16_t mep_id) {
+  PmLock lock(cfm_pm_mutex());
+  if (const PmMep *pm = cfm_pm_find(md_id, ma_id, mep_id, false)) print_counters(out, *pm);
+}
+
 void cfm_pm_report(FILE *out, bool json) {
   PmLock lock(cfm_pm_mutex());
   bool first = true;

@@ -48,6 +48,10 @@ struct PmResult {
 };
 PmResult cfm_pm_result(const PmMep &pm, PmKind kind);
 
+// Prints the DMM/DMR/SLM/SLR counters of one MEP (nothing for a MEP that
+// never saw a PM frame); showmep adds them under each MEP with -y.
+void cfm_pm_print_counters(FILE *out, uint32_t md_id, uint32_t ma_id, uint16_t mep_id);
+
 // Prints every MEP's counters and sessions (text or JSON) and writes them to
 // the configuration tree.
 void cfm_pm_report(FILE *out, bool json);

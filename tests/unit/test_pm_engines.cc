@@ -198,6 +198,7 @@ TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
   p = packet(dmm, 5, 100);
   cfm_dispatch_packet(&p);
   EXPECT_EQ(wan_.size(), 1u);
+  EXPECT_NE(Cli("showmep").find("\r\nPM md 1 ma 1 mep 7: DMM in 1 out 0, DMR in 0 out 1, SLM in 0"), std::string::npos);
   EXPECT_EQ(Cli("pmstart dm 1 1 7 02:11:22:33:44:55 1 10000 8"),
             "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
   EXPECT_EQ(Cli("pmstart slm 1 1 7 03:11:22:33:44:55 1 10000 1"),

@@ -152,6 +152,7 @@ TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
   EXPECT_EQ(r.delay_median_ns, 500);
   EXPECT_EQ(r.delay_max_ns, 500);
   EXPECT_EQ(r.dv_max_ns, 200);
+  EXPECT_EQ(r.dv_avg_ns, 200);
   EXPECT_EQ(counters().dmr_in, 3u);
   EXPECT_EQ(cfm_pm_stop(kPmDm, 1, 1, 7), CFM_OK);
   EXPECT_NE(cfm_pm_stop(kPmDm, 1, 1, 7), CFM_OK);

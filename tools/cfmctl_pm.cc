@@ -87,6 +87,8 @@ int cfmctl_pm(const std::vector<std::string> &args, const std::string &tree, boo
   }
   if (args.size() < 2 || (args[0] != "dm" && args[0] != "slm" && args[0] != "1dm")) return usage();
   if (args[1] == "start") return start(args, args[0], send);
-  if (args[1] == "stop" && args.size() == 5) return send("pmstop " + args[0] + " " + args[2] + " " + args[3] + " " + args[4]);
+  if (args[1] == "stop" && args.size() == 5) {
+    return send("pmstop " + args[0] + " " + args[2] + " " + args[3] + " " + args[4]);
+  }
   return usage();
 }

@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <vector>
 
 #include "core/config_tree.h"
@@ -105,7 +106,8 @@ void put_session(const PmMep &pm, PmKind kind, int row) {
   if (kind == kPmDm) {
     const int64_t v[] = {r.delay_min_ns, r.delay_avg_ns, r.delay_max_ns, r.delay_median_ns, r.dv_avg_ns, r.dv_max_ns};
     const char *names[] = {"delay_min_ns", "delay_avg_ns", "delay_max_ns", "delay_median_ns", "dv_avg_ns", "dv_max_ns"};
-    for (size_t i = 0; i < 6; ++i) {
+    static_assert(sizeof v / sizeof v[0] == sizeof names / sizeof names[0]);
+    for (size_t i = 0; i < std::size(v); ++i) {
       snprintf(text, sizeof text, "%" PRId64, v[i]);
       ConfigTree::setStr(text, "/runtime/cfm/pm/%s:%d/%s", k, row, names[i]);
     }
@@ -285,7 +287,10 @@ void cfm_pm_report(FILE *out, bool json) {
     const char *names[] = {"dmm_in", "dmm_out", "dmr_in", "dmr_out", "slm_in",
                            "slm_out", "slr_in", "slr_out", "1dm_in", "1dm_out"};
     ConfigTree::setInt(pm->mep_id, "/runtime/cfm/pm/mep:%d/mep", mep_row);
-    for (size_t n = 0; n < 10; ++n) ConfigTree::setInt(static_cast<int>(v[n]), "/runtime/cfm/pm/mep:%d/%s", mep_row, names[n]);
+    static_assert(sizeof v / sizeof v[0] == sizeof names / sizeof names[0]);
+    for (size_t n = 0; n < std::size(v); ++n) {
+      ConfigTree::setInt(static_cast<int>(v[n]), "/runtime/cfm/pm/mep:%d/%s", mep_row, names[n]);
+    }
     for (int k = 0; k < kPmKinds; ++k) {
       if (pm->s[k].state == 0) continue;
       print_session(out, *pm, static_cast<PmKind>(k), json, &first);

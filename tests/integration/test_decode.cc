@@ -39,10 +39,11 @@ TEST_F(Lab, TsharkDecodesEveryFrameTheDaemonSends) {
   if (Shell("command -v tshark >/dev/null") != 0) GTEST_SKIP() << "tshark is not installed";
   ASSERT_TRUE(StartDaemonReady({"-i", "wan0", "-e", "-y"}));
   const std::string mep = "1 md 1 ma 7 port 1 vid 100 dir 100 o ";
-  for (const std::string &request : std::vector<std::string>{"createmd 1 level 4 name dom", "createma 1 ma 1 name assoc", "createmep 1 md 1 ma 7 port 1 vid 100 dir 1",
-        "configmep " + mep + "2 21", "configmep " + mep + "5 51 7 1 6 02:00:00:00:0b:02 15 data",
-        "configmep " + mep + "10 02:00:00:00:0b:02 12 121", "pmstart dm 1 1 7 02:00:00:00:0b:02 1 100 5",
-        "pmstart slm 1 1 7 02:00:00:00:0b:02 1 100 5 42", "pmstart 1dm 1 1 7 02:00:00:00:0b:02 1 100 5"}) {
+  for (const std::string &request : std::vector<std::string>{
+           "createmd 1 level 4 name dom", "createma 1 ma 1 name assoc", "createmep 1 md 1 ma 7 port 1 vid 100 dir 1",
+           "configmep " + mep + "2 21", "configmep " + mep + "5 51 7 1 6 02:00:00:00:0b:02 15 data",
+           "configmep " + mep + "10 02:00:00:00:0b:02 12 121", "pmstart dm 1 1 7 02:00:00:00:0b:02 1 100 5",
+           "pmstart slm 1 1 7 02:00:00:00:0b:02 1 100 5 42", "pmstart 1dm 1 1 7 02:00:00:00:0b:02 1 100 5"}) {
     ASSERT_EQ(Command(request), "") << request;
   }
   const Frame stamp = {0x6b, 0x05, 0xd3, 0x8b, 0x07, 0x5b, 0xcd, 0x15};

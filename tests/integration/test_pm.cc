@@ -44,7 +44,8 @@ class PmLab : public Lab {
     std::vector<std::string> args = DefaultArgs();
     if (pm) args.push_back("-y");
     ASSERT_TRUE(StartDaemonReady(args));
-    for (const char *request : {"createmd 1 0 4 0 dom", "createma 1 0 1 0 assoc", "createmep 1 0 1 0 7 0 1 0 100 0 1"}) {
+    for (const char *request :
+         {"createmd 1 0 4 0 dom", "createma 1 0 1 0 assoc", "createmep 1 0 1 0 7 0 1 0 100 0 1"}) {
       ASSERT_EQ(Command(request), "");
     }
     peer().Drain();

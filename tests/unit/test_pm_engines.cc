@@ -18,7 +18,8 @@ Bytes dm_body(const Bytes &tx_f, const Bytes &rx_f = Bytes(8), const Bytes &tx_b
   return cat({tx_f, rx_f, tx_b, Bytes(8), {0}});
 }
 Bytes sl_body(uint16_t src, uint16_t rsp, uint32_t test, uint32_t fcf, uint32_t fcb) {
-  return cat({{uint8_t(src >> 8), uint8_t(src), uint8_t(rsp >> 8), uint8_t(rsp)}, be32(test), be32(fcf), be32(fcb), {0}});
+  return cat(
+      {{uint8_t(src >> 8), uint8_t(src), uint8_t(rsp >> 8), uint8_t(rsp)}, be32(test), be32(fcf), be32(fcb), {0}});
 }
 
 class Pm : public EngineTest {

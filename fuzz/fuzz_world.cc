@@ -23,6 +23,7 @@
 #include "engines/ccm_rx.h"
 #include "engines/lb_initiator.h"
 #include "engines/lt_initiator.h"
+#include "engines/pm_session.h"
 #include "io/rx.h"
 #include "io/tx.h"
 
@@ -96,12 +97,18 @@ void reset() {
   // A peer at 02:11:22:33:44:55: five LBMs from level 2, one LTM from level 4.
   cfm_cli_run_line("configmep 3 md 3 mep 3 port 1 vid 100 dir 100 o 5 51 7 5 6 02:11:22:33:44:55 15 data");
   cfm_cli_run_line("configmep 5 md 5 mep 5 port 1 vid 100 dir 100 o 10 02:11:22:33:44:55 12 121");
+  // Delay and loss sessions from the level 4 MEP towards the same peer.
+  cfm_pm_reset();
+  cfm_pm_enable(true);
+  cfm_cli_run_line("pmstart dm 5 5 5 02:11:22:33:44:55 0 100 3");
+  cfm_cli_run_line("pmstart slm 5 5 5 02:11:22:33:44:55 0 100 3 9");
   tick();
 }
 
 void apply_settings(uint8_t bits) {
   setFrameType((bits & 1) != 0 ? CFM_FRAME_TYPE_8023 : CFM_FRAME_TYPE_ETH);
   cfm_debug_msg = (bits & 2) != 0 ? 1 : 0;
+  cfm_pm_enable((bits & 4) == 0);
 }
 
 void receive(const uint8_t *frame, size_t length) {

@@ -17,11 +17,12 @@ void init();
 // off, Ethernet II framing, the clock at a fixed second, and, through
 // commands, MD n+1 at each level n = 0..7 with MA n+1 and MEP n+1 on VID
 // 100 (Down at even levels, Up at odd ones, CCMs on), a loopback running on
-// the level 2 MEP and a linktrace running on the level 4 MEP.
+// the level 2 MEP and a linktrace running on the level 4 MEP, with delay and
+// loss measurement on (option -y) and both sessions running on the level 4 MEP.
 void reset();
 
 // Settings byte used by the targets: bit 0 selects IEEE 802.3 framing,
-// bit 1 turns debug output on.
+// bit 1 turns debug output on, bit 2 turns delay and loss measurement off.
 void apply_settings(uint8_t bits);
 
 // One WAN frame through classification and the engine of its opcode.

@@ -6,7 +6,8 @@
 # routers report. A third box, host H on router A's LAN (A runs with -l),
 # has MEPs at level 5 and at level 1: B learns the first through A's relay,
 # never the second. Every box lives in its own network namespace and its
-# own mount namespace (a private /var). Needs root, iproute2 and util-linux.
+# own mount namespace (a private /var). Last, A measures the delay and the
+# synthetic loss towards B (both run with -y). Needs root, iproute2 and util-linux.
 # Everything it creates is removed on exit; any unexpected result ends it
 # with "DEMO FAILED" and a non-zero status.
 set -euo pipefail
@@ -112,8 +113,8 @@ start_router() {
     >"$WORK/$r.log" 2>&1 &
   printf -v "PID_$r" '%s' "$!"
 }
-start_router A "$NS_A" "-i wan0 -l lan0"
-start_router B "$NS_B" "-i wan0"
+start_router A "$NS_A" "-i wan0 -l lan0 -y"
+start_router B "$NS_B" "-i wan0 -y"
 start_router H "$NS_H" "-i eth0"
 
 for r in A B H; do
@@ -263,8 +264,29 @@ printf '\n-- router A: the replies as exported to its configuration tree (cfmctl
   fail "exporting A's linktrace replies"
 grep -qx "$MAC_B" "$WORK/A/var/tree/runtime/cfm/ltr:1/mac" || fail "the exported reply is not from $MAC_B"
 
+# --- delay and loss -------------------------------------------------------
+PM_COUNT=10
+say "delay and loss: $PM_COUNT DMMs and $PM_COUNT SLMs from A (MEP 1) to B (remote MEP 2), 100 ms apart"
+ctl A pm dm start 1 1 1 2 --count "$PM_COUNT" --period 100 --priority 5
+[ -z "$REPLY_TEXT" ] || fail "starting the delay session: $REPLY_TEXT"
+ctl A pm slm start 1 1 1 2 --count "$PM_COUNT" --period 100 --priority 5 --test-id 7
+[ -z "$REPLY_TEXT" ] || fail "starting the loss session: $REPLY_TEXT"
+for _ in $(seq 40); do
+  sleep 0.5
+  ctl A pm show
+  if has "PM DM  md 1 ma 1 mep 1 finished" && has "PM SLM md 1 ma 1 mep 1 finished"; then break; fi
+done
+show A "delay and loss results" pm show
+has "PM DM  md 1 ma 1 mep 1 finished: sent $PM_COUNT received $PM_COUNT lost 0" ||
+  fail "A's delay session did not get $PM_COUNT replies"
+has "PM SLM md 1 ma 1 mep 1 finished: sent $PM_COUNT received $PM_COUNT lost 0, near-end loss 0.00% (0), far-end loss 0.00% (0)" ||
+  fail "A's loss session did not report $PM_COUNT of $PM_COUNT without loss"
+show B "measurement frames it answered" pm show
+has "DMM in $PM_COUNT out 0, DMR in 0 out $PM_COUNT, SLM in $PM_COUNT out 0, SLR in 0 out $PM_COUNT" ||
+  fail "B did not answer every DMM and SLM"
+
 for r in A B H; do
   pid_var="PID_$r"
   kill -0 "${!pid_var}" 2>/dev/null || fail "box $r's cfmd is gone"
 done
-say "DEMO OK: A and B learned each other, B learned H's level-5 MEP through A and not its level-1 one, B answered all $LB_COUNT LBMs, and B's linktrace reply reached A"
+say "DEMO OK: A and B learned each other, B learned H's level-5 MEP through A and not its level-1 one, B answered all $LB_COUNT LBMs, B's linktrace reply reached A, and A measured the delay and loss towards B"

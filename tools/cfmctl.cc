@@ -21,6 +21,7 @@
 #include "cfmctl/client.h"
 #include "cfmctl/export.h"
 #include "cfmctl/named.h"
+#include "cfmctl/pm.h"
 #include "cli/mep_options.h"
 #include "cli/server.h"
 
@@ -68,6 +69,11 @@ const RawHelp kRawHelp[] = {
     {"runtime", "N: 1 selects one value (1..22) printed per MEP"},
     {"update", "N: export 1 remote MEPs (takes 1 s), 2 linktrace replies (3 s), 3 CCM,\n"
                "  4 loopback, 5 linktrace state"},
+    {"pmstart", "dm|slm|1dm N N N T N N N [N]: delay, loss or one-way session (daemon with -y):\n"
+                "  MD, MA, MEP, target MAC or remote MEPID, count (0 endless), period ms (100, 1000,\n"
+                "  10000), priority, test ID"},
+    {"pmstop", "dm|slm|1dm N N N: stop the session of MD, MA, MEP"},
+    {"pmshow", "[json]: delay and loss counters and results"},
     {"debugon", "turn the debug traces on"},
     {"debugoff", "turn the debug traces off"},
 };
@@ -75,7 +81,8 @@ const RawHelp kRawHelp[] = {
 const char kUsageText[] =
     "usage: cfmctl [-s SOCKET] [--timeout S] COMMAND...\n"
     "       cfmctl [-s SOCKET] -t DIR --export rmep|ltr|ccm|lbm|ltm [--json]\n"
-    "       cfmctl help [COMMAND]\n";
+    "       cfmctl help [COMMAND]\n"
+    "       cfmctl [-t DIR] pm dm|slm|1dm start|stop ...|pm show [--json]   (cfmctl pm --help)\n";
 
 const char kOptionsText[] =
     "options (before the command):\n"
@@ -219,7 +226,11 @@ int main(int argc, char **argv) {
     return run_export(client, tree, export_name, json);
   }
   if (words.empty()) return usage_error("no command given");
-  if (json && words[0] != "status") return usage_error("--json goes with --export or status");
+  if (words[0] == "pm") {
+    auto send = [&](const std::string &request) { return run_and_print(client, request); };
+    return cfmctl_pm({words.begin() + 1, words.end()}, tree, json, send);
+  }
+  if (json && words[0] != "status") return usage_error("--json goes with --export, status or pm show");
   if (words[0] == "help") return help({words.begin() + 1, words.end()});
   const NamedCommand *named = is_raw_word(words[0]) ? nullptr : find_named(words[0]);
   if (named != nullptr) {

@@ -33,3 +33,7 @@ int cli_usr_cfm_clearlbr(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_clearcnt(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_runtime(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_update(FILE *out, CliArg *args, int unused);
+// Performance monitoring (option -y).
+int cli_usr_cfm_pmstart(FILE *out, CliArg *args, int unused);
+int cli_usr_cfm_pmstop(FILE *out, CliArg *args, int unused);
+int cli_usr_cfm_pmshow(FILE *out, CliArg *args, int unused);

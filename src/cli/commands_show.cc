@@ -11,6 +11,7 @@
 #include "core/status.h"
 #include "db/mgmt_if.h"
 #include "engines/lb_initiator.h"
+#include "engines/pm_session.h"
 
 namespace {
 
@@ -178,6 +179,7 @@ int cli_usr_cfm_showmep(FILE *out, CliArg *args, int) {
   MepEntry mep = {};
   while (CFM_IF_GetNext_MEP_Entry(&mep) == 1) {
     print_mep_head(out, mep);
+    if (cfm_pm_enabled()) cfm_pm_print_counters(out, mep.md_id, mep.ma_id, mep.mep_id);
     if (block == 1) print_ccm_block(out, mep);
     if (block == 2) print_ltm_block(out, mep);
     if (block == 3) print_lbm_block(out, mep);

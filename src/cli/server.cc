@@ -47,6 +47,9 @@ const CliCommand cfm_cli_cmd_table[] = {
     {"update", cli_usr_cfm_update},
     {"debugon", cli_usr_cfm_debug_on},
     {"debugoff", cli_usr_cfm_debug_off},
+    {"pmstart", cli_usr_cfm_pmstart},
+    {"pmstop", cli_usr_cfm_pmstop},
+    {"pmshow", cli_usr_cfm_pmshow},
     {nullptr, nullptr},
 };
 

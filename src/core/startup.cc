@@ -24,6 +24,7 @@
 #include "engines/ccm_rx.h"
 #include "engines/lb_initiator.h"
 #include "engines/lt_initiator.h"
+#include "engines/pm_db.h"
 #include "io/rx.h"
 #include "io/tx.h"
 
@@ -99,7 +100,7 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
   opterr = 0;
   optind = 0;  // full re-initialisation, so the parser can run more than once
   int opt;
-  while ((opt = getopt(argc, argv, "def:i:wt:l:g:")) != -1) {
+  while ((opt = getopt(argc, argv, "def:i:wt:l:g:y")) != -1) {
     switch (opt) {
       case 'd':
         debug = true;
@@ -126,6 +127,9 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
         break;
       case 'g':
         if (!cfm_cli_set_socket_group(optarg)) printf("CFM: no group %s, the command socket stays mode 0600\n", optarg);
+        break;
+      case 'y':
+        cfm_pm_enable(true);
         break;
       default:
         break;  // unknown options are ignored

@@ -19,7 +19,8 @@ extern PvcMacTable g_pvc_mac_table;
 
 // Options beyond the router's standard command line: "-t DIR" backs the
 // configuration tree with a directory; "-l IFNAME" names the LAN interface
-// the router relays CFM frames to and from.
+// the router relays CFM frames to and from; "-y" answers and runs delay and
+// synthetic-loss measurements (engines/pm_db.h).
 struct CfmExtraOptions {
   char tree_dir[512];
   char lan_ifname[IFNAMSIZ];

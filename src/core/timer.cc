@@ -9,6 +9,7 @@
 #include "core/status.h"
 #include "engines/ccm_tx.h"
 #include "engines/lb_initiator.h"
+#include "engines/pm_session.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ void cfm_timer_tick() {
   MepSycLock lock;
   CFM_CCM_TIME_CHECK();
   CFM_LBI_XMIT_Check();
+  CFM_PM_XMIT_Check();
 }
 
 uint32_t CFM_Timer_Init_Tmr() {

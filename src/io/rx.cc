@@ -18,6 +18,7 @@
 #include "engines/lb_initiator.h"
 #include "engines/lb_responder.h"
 #include "engines/lt_receiver.h"
+#include "engines/pm_session.h"
 #include "io/dump.h"
 #include "io/frame.h"
 #include "io/packet_filter.h"
@@ -196,11 +197,11 @@ void debug_dump_packet(const CfmPacket &packet) {
 
 // Reads up to `want` WAN frames, each into its own buffer (the test source
 // one call per frame, the socket all in one). Returns how many were read.
-int read_wan_batch(uint8_t *const *bufs, long *lengths, int want) {
+int read_wan_batch(uint8_t *const *bufs, long *lengths, int want, struct timespec *stamps) {
   CfmRxSource source = g_rx_source.load();
   if (source == nullptr) {
     int fd = g_rx_fd.load();
-    return fd < 0 ? 0 : cfm_wan_socket_read_batch(fd, bufs, kRxBufferSize, lengths, want);
+    return fd < 0 ? 0 : cfm_wan_socket_read_batch(fd, bufs, kRxBufferSize, lengths, want, stamps);
   }
   int got = 0;
   while (got < want && (lengths[got] = source(bufs[got], kMaxFrame)) >= 0) ++got;
@@ -224,7 +225,8 @@ size_t drain_wan(size_t limit) {
   while (frames < limit) {
     int want = static_cast<int>(limit - frames < kLockBatch ? limit - frames : kLockBatch);
     long lengths[kLockBatch];
-    int got = read_wan_batch(bufs, lengths, want);
+    struct timespec stamps[kLockBatch] = {};
+    int got = read_wan_batch(bufs, lengths, want, stamps);
     // The replies and relays of the batch leave together once MEP_SYC is
     // free again, so a tick waiting for it is not held up by the sends.
     cfm_tx_batch_begin();
@@ -234,6 +236,7 @@ size_t drain_wan(size_t limit) {
         CfmPacket packet;
         memset(&packet, 0, sizeof packet);
         if (classify_received(bufs[i], lengths[i], &packet) == CFM_OK) {
+          packet.rx_time = stamps[i];
           debug_dump_packet(packet);
           dispatch_held(&packet);
         }
@@ -338,6 +341,7 @@ void dispatch_held(CfmPacket *packet) {
           CFM_LTM_Process(packet, 1);
           break;
         default:
+          if (cfm_pm_enabled()) cfm_pm_dispatch(packet, opcode);
           break;
       }
     }

@@ -4,6 +4,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 // One received frame as the engines get it.
 struct CfmPacket {
@@ -21,6 +22,8 @@ struct CfmPacket {
   uint32_t length;
   uint32_t reserved3[3];
   void (*release)(void *);
+  // Kernel receive time of the frame (real-time clock); zero when unknown.
+  struct timespec rx_time;
 };
 
 constexpr uint32_t CFM_NO_INNER_VID = 0xFFFFFFFFu;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <mutex>
 
@@ -39,6 +40,9 @@ constexpr int kGenericTraceLine = 464;
 
 // No link takes more in one frame; a larger length is a caller's fault.
 constexpr uint32_t kMaxSendLength = 65535;
+constexpr size_t kNoStamp = ~static_cast<size_t>(0);
+constexpr size_t kStampLen = 8;
+thread_local size_t t_stamp_at = kNoStamp;
 
 struct SendPath {
   CfmTxSide side;
@@ -77,6 +81,8 @@ size_t wire_form(const uint8_t *frame, uint32_t length, uint8_t *out) {
   } else {
     memcpy(out, frame, length);
   }
+  // A frame that asked for its send time gets it where its field now lies.
+  if (t_stamp_at != kNoStamp && vid0_tag && t_stamp_at >= cfm::wire::kSingleTagPayload) t_stamp_at -= cfm::kTagLen;
   return wire_len;
 }
 
@@ -87,6 +93,24 @@ size_t build_wire_frame(const uint8_t *frame, uint32_t length, uint8_t **out) {
   if (buf == nullptr) return 0;
   *out = buf;
   return wire_form(frame, length, buf);
+}
+
+// Writes the real-time clock at `at` (kNoStamp: nothing), as late as the
+// send allows.
+void stamp_at(uint8_t *buf, size_t len, size_t at) {
+  if (at == kNoStamp || at + kStampLen > len) return;
+  struct timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  cfm::put_be32(buf + at, static_cast<uint32_t>(ts.tv_sec));
+  cfm::put_be32(buf + at + 4, static_cast<uint32_t>(ts.tv_nsec));
+}
+
+// The stamp the calling thread asked for its next send, taken.
+size_t take_stamp_request() {
+  size_t at = t_stamp_at;
+  t_stamp_at = kNoStamp;
+  return at;
+}
 }
 
 void debug_dump(const SendPath &path, const uint8_t *buf, size_t len) {
@@ -124,6 +148,7 @@ struct QueuedFrame {
   int ifindex;
   size_t length;
   const char *failure_text;  // printed when the frame cannot be sent
+  size_t stamp_offset;       // where its send time goes, or kNoStamp
 };
 
 struct SendBatch {
@@ -155,6 +180,7 @@ void send_run(const QueuedFrame *frames, uint8_t (*data)[kBatchFrameRoom], size_
     msgs[i].msg_hdr.msg_iov = &iov[i];
     msgs[i].msg_hdr.msg_iovlen = 1;
   }
+  for (size_t i = 0; i < n; ++i) stamp_at(data[i], frames[i].length, frames[i].stamp_offset);
   for (size_t done = 0; done < n;) {
     int sent = frames[0].fd < 0 ? -1 : sendmmsg(frames[0].fd, msgs + done, static_cast<unsigned>(n - done), 0);
     if (sent <= 0) {
@@ -175,6 +201,7 @@ void flush_batch() {
     }
     if (hook && *hook) {
       for (size_t i = first; i < end; ++i) {
+        stamp_at(b.data[i], b.frames[i].length, b.frames[i].stamp_offset);
         if (!(*hook)(b.frames[i].side, b.data[i], b.frames[i].length)) report_failure(b.frames[i]);
       }
     } else {
@@ -189,7 +216,8 @@ uint32_t queue_frame(const SendPath &path, int fd, int ifindex, const uint8_t *f
   SendBatch &b = g_batch;
   if (b.count == kBatchFrames) flush_batch();
   QueuedFrame &q = b.frames[b.count];
-  q = {path.side, fd, ifindex, wire_form(frame, length, b.data[b.count]), nullptr};
+  size_t wire_len = wire_form(frame, length, b.data[b.count]);
+  q = {path.side, fd, ifindex, wire_len, nullptr, take_stamp_request()};
   ++b.count;
   t_last_queued = &q;
   return CFM_OK;
@@ -197,7 +225,10 @@ uint32_t queue_frame(const SendPath &path, int fd, int ifindex, const uint8_t *f
 
 uint32_t send_packet(const SendPath &path, int fd, int ifindex, const uint8_t *frame, uint32_t length) {
   t_last_queued = nullptr;
-  if (frame == nullptr) return CFM_ERR_FAILURE;
+  if (frame == nullptr) {
+    t_stamp_at = kNoStamp;
+    return CFM_ERR_FAILURE;
+  }
   // In a batch, a frame waits for the others; with debug on it leaves at
   // once (after those queued before it), so the trace reads as it always has.
   bool debug = isCfmDebugOn() != 0;
@@ -207,9 +238,13 @@ uint32_t send_packet(const SendPath &path, int fd, int ifindex, const uint8_t *f
   if (t_batching) flush_batch();
   uint8_t *buf = nullptr;
   size_t wire_len = build_wire_frame(frame, length, &buf);
-  if (wire_len == 0) return CFM_ERR_FAILURE;
+  if (wire_len == 0) {
+    t_stamp_at = kNoStamp;
+    return CFM_ERR_FAILURE;
+  }
   if (debug) debug_dump(path, buf, wire_len);
   std::shared_ptr<CfmTxHook> hook = current_hook();
+  stamp_at(buf, wire_len, take_stamp_request());
   bool sent = (hook && *hook) ? (*hook)(path.side, buf, wire_len) : socket_send(fd, ifindex, buf, wire_len);
   CFM_OS_Deallocate_Memory(buf);
   if (debug) {
@@ -317,6 +352,8 @@ void cfm_tx_report_failure(uint32_t result, const char *text) {
   }
   t_last_queued = nullptr;
 }
+
+void cfm_tx_stamp_next(size_t offset) { t_stamp_at = offset; }
 
 void cfm_set_system_mac(const uint8_t *mac) {
   if (mac == nullptr) return;

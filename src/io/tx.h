@@ -58,3 +58,9 @@ using CfmTxHook = std::function<bool(CfmTxSide side, const uint8_t *frame, size_
 void cfm_set_tx_hook(CfmTxHook hook);  // an empty hook restores the sockets
 // Sets the system MAC directly (tests, and platforms without the ioctl).
 void cfm_set_system_mac(const uint8_t *mac);
+
+// Timestamp seam: the next send of the calling thread writes the real-time
+// clock (32-bit seconds, 32-bit nanoseconds, big-endian) at byte `offset` of
+// the frame as given, as the last step before the frame is handed to the
+// socket (or the hook). Frames that carry their send time use it.
+void cfm_tx_stamp_next(size_t offset);

@@ -21,7 +21,8 @@ constexpr int kMaxBatch = 16;
 
 union AuxControl {
   struct cmsghdr align;
-  char bytes[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+  // The receive time comes before the auxiliary data: room for both.
+  char bytes[CMSG_SPACE(sizeof(struct tpacket_auxdata)) + CMSG_SPACE(sizeof(struct timespec))];
 };
 
 // The outer tag the kernel took off, from the packet's auxiliary data; false
@@ -43,6 +44,16 @@ bool outer_tag(struct msghdr *msg, uint16_t *tpid, uint16_t *tci) {
     }
   }
   return tagged;
+}
+
+// The kernel's receive time of the message; left alone when it has none.
+void receive_time(struct msghdr *msg, struct timespec *out) {
+  for (struct cmsghdr *c = CMSG_FIRSTHDR(msg); c != nullptr; c = CMSG_NXTHDR(msg, c)) {
+    if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS &&
+        c->cmsg_len >= CMSG_LEN(sizeof(struct timespec))) {
+      memcpy(out, CMSG_DATA(c), sizeof *out);
+    }
+  }
 }
 
 // Largest frame taken from the kernel in one read; longer ones are cut.
@@ -86,6 +97,9 @@ int cfm_wan_socket_open(int ifindex, const char **failed_step, bool filtered) {
   int flags = fcntl(fd, F_GETFL, 0);
   bool configured = flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0 &&
                     setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) == 0;
+  // Receive times for the delay measurement; without them the stamp is taken
+  // when the frame is handled.
+  if (configured) setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
   if (!configured) {
     *step = "open";
     close(fd);
@@ -122,10 +136,7 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
   struct sockaddr_ll from;
   memset(&from, 0, sizeof from);
   struct iovec iov = {frame, sizeof frame};
-  union {
-    struct cmsghdr align;
-    char bytes[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
-  } control;
+  AuxControl control;
   struct msghdr msg;
   memset(&msg, 0, sizeof msg);
   msg.msg_name = &from;
@@ -166,7 +177,8 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
   return static_cast<long>(out);
 }
 
-int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max) {
+int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max,
+                              struct timespec *stamps) {
   if (bufs == nullptr || lengths == nullptr || cap <= cfm::kTagLen || max < 1) return 0;
   int n = max < kMaxBatch ? max : kMaxBatch;
   struct mmsghdr msgs[kMaxBatch];
@@ -191,6 +203,10 @@ int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *le
     uint8_t *buf = bufs[i];
     size_t length = msgs[i].msg_len;
     uint16_t tpid = 0, tci = 0;
+    if (stamps != nullptr) {
+      stamps[i] = {0, 0};
+      receive_time(&msgs[i].msg_hdr, &stamps[i]);
+    }
     if (from[i].sll_pkttype == PACKET_OUTGOING) {
       lengths[i] = 0;
     } else if (outer_tag(&msgs[i].msg_hdr, &tpid, &tci) && length >= cfm::wire::kTpid) {

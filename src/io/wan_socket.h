@@ -8,6 +8,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 // Opens, configures (non-blocking) and binds the socket; -1 on failure, with
 // `*failed_step` set to "open" or "bind". `filtered`: the kernel keeps only
@@ -24,8 +25,10 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap);
 // its own buffer of bufs[i] (`cap` bytes, cap > 4), with the outer tag put
 // back and cut to cap - 4 bytes. lengths[i] is the frame's length, or 0 for a
 // frame that was skipped (an own outgoing frame). Returns how many frames
-// were read: 0 when none was queued (or the read failed).
-int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max);
+// were read: 0 when none was queued (or the read failed). When stamps is
+// given, stamps[i] is the kernel's receive time of frame i (zero if none).
+int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max,
+                              struct timespec *stamps = nullptr);
 
 // Blocks until the socket is readable or timeout_ms passes (-1: no limit).
 // True when readable.

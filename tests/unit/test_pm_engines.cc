@@ -1,0 +1,216 @@
+// Delay and synthetic-loss measurement driven in-process: requests in through
+// the engine entry points, replies out through the transmit hook.
+#include "engines/dm.h"
+#include "engines/pm_pdu.h"
+#include "engines/pm_session.h"
+#include "engines/slm.h"
+#include "harness.h"
+
+using namespace harness;
+
+namespace {
+
+const uint8_t kClass1[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x34};
+const uint8_t kOther[6] = {0x02, 0x99, 0x99, 0x99, 0x99, 0x99};
+
+Bytes stamp(uint32_t sec, uint32_t nsec) { return cat({be32(sec), be32(nsec)}); }
+Bytes dm_body(const Bytes &tx_f, const Bytes &rx_f = Bytes(8), const Bytes &tx_b = Bytes(8)) {
+  return cat({tx_f, rx_f, tx_b, Bytes(8), {0}});
+}
+Bytes sl_body(uint16_t src, uint16_t rsp, uint32_t test, uint32_t fcf, uint32_t fcb) {
+  return cat(
+      {{uint8_t(src >> 8), uint8_t(src), uint8_t(rsp >> 8), uint8_t(rsp)}, be32(test), be32(fcf), be32(fcb), {0}});
+}
+
+class Pm : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    cfm_pm_reset();
+    cfm_pm_enable(true);
+    add_md(1, 4);
+    add_ma(1, 1, "ma");
+    down = add_mep(1, 1, 7, 1, 100, 1);
+  }
+  void TearDown() override {
+    cfm_pm_enable(false);
+    EngineTest::TearDown();
+  }
+  // Hands a frame over as received at 1000 s + 500 ns, vid 100, priority 5.
+  uint32_t run(uint32_t (*engine)(CfmPacket *), Bytes frame, uint32_t inner_vid = CFM_NO_INNER_VID) {
+    CfmPacket p = packet(frame, 5, 100, inner_vid, 6);
+    p.rx_time = {1000, 500};
+    return engine(&p);
+  }
+  PmCounters counters() {
+    PmLock lock(cfm_pm_mutex());
+    PmMep *pm = cfm_pm_find(1, 1, 7, false);
+    return pm != nullptr ? pm->c : PmCounters{};
+  }
+  PmSession session(PmKind kind) { return pm().s[kind]; }
+  PmMep pm() {
+    PmLock lock(cfm_pm_mutex());
+    return *cfm_pm_find(1, 1, 7, false);
+  }
+  MepEntry down;
+};
+
+TEST_F(Pm, DmmIsAnsweredWithTheRequestTurnedRoundAndStamped) {
+  Bytes dmm = cfm_frame(kSelf, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)));
+  ASSERT_EQ(run(CFM_DMM_Process, dmm), CFM_OK);
+  ASSERT_EQ(wan_.size(), 1u);
+  const Bytes &r = wan_[0];
+  EXPECT_EQ(slice(r, 0, 22), cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0xA0, 100, 0x89, 0x02, 0x80, 46, 0, 32}}));
+  EXPECT_EQ(slice(r, 22, 38), cat({stamp(7, 8), stamp(1000, 500)}));  // TxTimeStampf kept, receive time
+  CfmStamp tx_b = cfm_stamp_get(r.data() + 38);
+  EXPECT_GT(tx_b.sec, 1000u);  // taken from the clock when sent
+  EXPECT_EQ(slice(r, 46, 55), Bytes(9));
+  // Version 1 is echoed; the class 1 address of a Down MEP is answered from
+  // the system MAC; a double tag is kept whole.
+  Bytes v1 = dmm;
+  v1[14] |= 1;
+  ASSERT_EQ(run(CFM_DMM_Process, v1, 200), CFM_OK);
+  EXPECT_EQ(slice(wan_[1], 12, 24), Bytes({0x81, 0x00, 0xA0, 100, 0x81, 0x00, 0xC0, 200, 0x89, 0x02, 0x81, 46}));
+  EXPECT_EQ(wan_[1].size(), 64u);
+  ASSERT_EQ(run(CFM_DMM_Process, cfm_frame(kClass1, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
+  EXPECT_EQ(slice(wan_[2], 0, 12), cat({mac(kPeer), mac(kSelf)}));
+  EXPECT_EQ(counters().dmm_in, 3u);
+  EXPECT_EQ(counters().dmr_out, 3u);
+}
+
+TEST_F(Pm, MalformedOrForeignRequestsGetNothing) {
+  Bytes good_dm = cfm_frame(kSelf, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)));
+  Bytes good_sl = cfm_frame(kSelf, kPeer, 4, 55, 0, 16, sl_body(3, 0, 9, 1, 0));
+  auto with = [](Bytes f, size_t at, uint8_t v) { return f[at] = v, f; };
+  std::vector<Bytes> dms = {with(good_dm, 14, 0x82),  // version 2
+                            with(good_dm, 16, 1),     // flags
+                            with(good_dm, 17, 4),     // first TLV offset
+                            with(good_dm, 14, 0x60),  // level 3: no MEP
+                            with(good_dm, 12, 0x88),  // EtherType
+                            with(good_dm, 6, 0x03),   // group source
+                            cat({slice(good_dm, 0, 50), {3, 0, 9}}),  // TLV runs past the end
+                            slice(good_dm, 0, 49),    // cut before the End TLV
+                            cfm_frame(kOther, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8))),
+                            cfm_frame(kClass1, kPeer, 5, 47, 0, 32, dm_body(stamp(7, 8)))};
+  for (const Bytes &f : dms) EXPECT_NE(run(CFM_DMM_Process, f), CFM_OK);
+  EXPECT_NE(run(CFM_SLM_Process, with(good_sl, 14, 0x81)), CFM_OK);  // SLM has only version 0
+  EXPECT_NE(run(CFM_SLM_Process, cfm_frame(kClass1, kPeer, 4, 55, 0, 16, sl_body(3, 0, 9, 1, 0))), CFM_OK);
+  // Another VID, and an Up MEP at the class 1 address.
+  Bytes f = good_dm;
+  CfmPacket p = packet(f, 5, 101);
+  EXPECT_NE(CFM_DMM_Process(&p), CFM_OK);
+  CFM_Delete_MEP_Entry(&down);
+  add_mep(1, 1, 7, 1, 100, 2);
+  EXPECT_NE(run(CFM_DMM_Process, cfm_frame(kClass1, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
+  EXPECT_TRUE(wan_.empty());
+}
+
+TEST_F(Pm, SlrCountsSlmsPerSourceAndTestWithBoundedMemory) {
+  auto slm = [&](uint16_t src, uint32_t test, uint32_t fcf) {
+    EXPECT_EQ(run(CFM_SLM_Process, cfm_frame(kSelf, kPeer, 4, 55, 0, 16, sl_body(src, 0, test, fcf, 0))), CFM_OK);
+    return wan_.back();
+  };
+  Bytes r = slm(3, 9, 41);
+  EXPECT_EQ(slice(r, 0, 22), cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0xA0, 100, 0x89, 0x02, 0x80, 54, 0, 16}}));
+  EXPECT_EQ(slice(r, 22, 39), sl_body(3, 7, 9, 41, 1));
+  EXPECT_EQ(slice(slm(3, 9, 42), 34, 38), be32(2));
+  EXPECT_EQ(slice(slm(4, 9, 1), 34, 38), be32(1));  // another source
+  EXPECT_EQ(slice(slm(3, 10, 1), 34, 38), be32(1));  // another test
+  // A further CFM_PM_MAX_TESTS tests push out the one heard from longest ago.
+  slm(3, 10, 2);
+  for (uint32_t t = 100; t < 100 + CFM_PM_MAX_TESTS - 1; ++t) slm(5, t, 1);
+  EXPECT_EQ(slice(slm(3, 10, 3), 34, 38), be32(3));
+  EXPECT_EQ(slice(slm(3, 9, 43), 34, 38), be32(1));
+  EXPECT_EQ(counters().slm_in, counters().slr_out);
+}
+
+TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
+  PmStartRequest req = {kPmDm, 1, 1, 7, {}, 0, false, 2, 100, 3, 0};
+  memcpy(req.target_mac, kPeer, 6);
+  EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 8, {}, 0, false, 2, 100, 3, 0}), CFM_OK);  // no such MEP
+  EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 7, {}, 0, false, 2, 50, 3, 0}), CFM_OK);   // period
+  ASSERT_EQ(cfm_pm_start(req), CFM_OK);
+  CFM_PM_XMIT_Check();
+  ASSERT_EQ(wan_.size(), 1u);
+  EXPECT_EQ(slice(wan_[0], 0, 22), cat({mac(kPeer), mac(kSelf), {0x81, 0x00, 0x60, 100, 0x89, 0x02, 0x80, 47, 0, 32}}));
+  EXPECT_GT(cfm_stamp_get(wan_[0].data() + 22).sec, 1000u);
+  auto dmr = [&](const Bytes &tx_f) {
+    return run(CFM_DMR_Process, cfm_frame(kSelf, kPeer, 4, 46, 0, 32, dm_body(tx_f, stamp(50, 0), stamp(50, 200))));
+  };
+  // Received at 1000 s + 500 ns, 200 ns spent in the responder: 300 ns, then 500.
+  EXPECT_EQ(dmr(stamp(1000, 0)), CFM_OK);
+  EXPECT_NE(dmr(stamp(1000, 0)), CFM_OK);  // more replies than requests
+  usleep(110000);
+  CFM_PM_XMIT_Check();
+  EXPECT_EQ(dmr(stamp(999, 999999800)), CFM_OK);
+  CFM_PM_XMIT_Check();
+  EXPECT_EQ(wan_.size(), 2u);  // the count is reached
+  PmResult r = cfm_pm_result(pm(), kPmDm);
+  EXPECT_EQ(r.sent, 2u);
+  EXPECT_EQ(r.received, 2u);
+  EXPECT_EQ(r.delay_min_ns, 300);
+  EXPECT_EQ(r.delay_avg_ns, 400);
+  EXPECT_EQ(r.delay_median_ns, 500);
+  EXPECT_EQ(r.delay_max_ns, 500);
+  EXPECT_EQ(r.dv_max_ns, 200);
+  EXPECT_EQ(r.dv_avg_ns, 200);
+  EXPECT_EQ(counters().dmr_in, 3u);
+  EXPECT_EQ(cfm_pm_stop(kPmDm, 1, 1, 7), CFM_OK);
+  EXPECT_NE(cfm_pm_stop(kPmDm, 1, 1, 7), CFM_OK);
+}
+
+TEST_F(Pm, LossSessionReportsEachDirection) {
+  RemoteMepEntry rmep = {};
+  rmep.md_id = 1, rmep.ma_id = 1, rmep.rmep_id = 3, rmep.AgeTime = 100000;
+  memcpy(rmep.src_mac, kPeer, 6);
+  CFM_MEP_DB_Store_RemEntry(&rmep);
+  ASSERT_EQ(cfm_pm_start({kPmSlm, 1, 1, 7, {}, 3, true, 0, 100, 0, 77}), CFM_OK);
+  for (int i = 0; i < 10; ++i) {
+    CFM_PM_XMIT_Check();
+    usleep(101000);
+  }
+  ASSERT_EQ(wan_.size(), 10u);
+  EXPECT_EQ(slice(wan_[9], 0, 6), mac(kPeer));
+  EXPECT_EQ(slice(wan_[9], 22, 39), sl_body(7, 0, 77, 10, 0));
+  // The peer got 8 of 10 (TxFCb 8 with TxFCf 10); 6 of its 8 replies came back.
+  auto slr = [&](uint32_t test, uint32_t fcf, uint32_t fcb) {
+    return run(CFM_SLR_Process, cfm_frame(kSelf, kPeer, 4, 54, 0, 16, sl_body(7, 3, test, fcf, fcb)));
+  };
+  EXPECT_NE(slr(78, 1, 1), CFM_OK);  // another test
+  EXPECT_NE(slr(77, 11, 9), CFM_OK);  // never sent
+  for (uint32_t fcf : {1, 2, 4, 5, 7}) EXPECT_EQ(slr(77, fcf, fcf - fcf / 3), CFM_OK);
+  EXPECT_EQ(slr(77, 10, 8), CFM_OK);
+  PmResult r = cfm_pm_result(pm(), kPmSlm);
+  EXPECT_EQ(r.far_lost, 2u);
+  EXPECT_EQ(r.near_lost, 2u);
+  EXPECT_DOUBLE_EQ(r.far_ratio, 0.2);
+  EXPECT_DOUBLE_EQ(r.near_ratio, 0.25);
+  EXPECT_EQ(r.lost, 4u);
+}
+
+TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
+  Bytes dmm = cfm_frame(kSelf, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)));
+  cfm_pm_enable(false);
+  CfmPacket p = packet(dmm, 5, 100);
+  p.release = nullptr;
+  cfm_dispatch_packet(&p);
+  EXPECT_TRUE(wan_.empty());
+  EXPECT_EQ(Cli("pmshow"), "\r\nError!! Performance monitoring is off (start with -y)");
+  cfm_pm_enable(true);
+  p = packet(dmm, 5, 100);
+  cfm_dispatch_packet(&p);
+  EXPECT_EQ(wan_.size(), 1u);
+  EXPECT_NE(Cli("showmep").find("\r\nPM md 1 ma 1 mep 7: DMM in 1 out 0, DMR in 0 out 1, SLM in 0"), std::string::npos);
+  EXPECT_EQ(Cli("pmstart dm 1 1 7 02:11:22:33:44:55 1 10000 8"),
+            "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
+  EXPECT_EQ(Cli("pmstart slm 1 1 7 03:11:22:33:44:55 1 10000 1"),
+            "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
+  EXPECT_EQ(Cli("pmstart slm 1 1 7 02:11:22:33:44:55 0 10000 1 5"), "");
+  EXPECT_EQ(session(kPmSlm).test_id, 5u);
+  EXPECT_EQ(Cli("pmstop slm 1 1 7"), "");
+  EXPECT_EQ(Cli("pmshow json"),
+            "{\"sessions\":[{\"kind\":\"slm\",\"md\":1,\"ma\":1,\"mep\":7,\"state\":\"finished\",\"sent\":0,"
+            "\"received\":0,\"lost\":0,\"near_loss\":0.0000,\"far_loss\":0.0000}]}\n");
+}
+
+}  // namespace

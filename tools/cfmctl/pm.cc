@@ -1,0 +1,94 @@
+#include "cfmctl/pm.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kUsage[] =
+    "usage: cfmctl pm dm|slm|1dm start MD MA MEP TARGET [--count N] [--period 100|1000|10000]\n"
+    "                                 [--priority 0..7] [--test-id N]\n"
+    "       cfmctl pm dm|slm|1dm stop MD MA MEP\n"
+    "       cfmctl [-t DIR] pm show [--json]\n"
+    "TARGET is a MAC address or a remote MEPID; --count 0 runs until stopped.\n"
+    "The daemon must run with -y.\n";
+
+int usage() {
+  fputs(kUsage, stderr);
+  return 2;
+}
+
+int start(const std::vector<std::string> &args, const std::string &kind,
+          const std::function<int(const std::string &)> &send) {
+  if (args.size() < 6) return usage();
+  std::map<std::string, std::string> opt = {
+      {"--count", "10"}, {"--period", "1000"}, {"--priority", "0"}, {"--test-id", "1"}};
+  for (size_t i = 6; i < args.size(); i += 2) {
+    if (opt.count(args[i]) == 0 || i + 1 >= args.size()) return usage();
+    opt[args[i]] = args[i + 1];
+  }
+  std::string request = "pmstart " + kind;
+  for (size_t i = 2; i < 6; ++i) request += " " + args[i];
+  for (const char *name : {"--count", "--period", "--priority", "--test-id"}) request += " " + opt[name];
+  return send(request);
+}
+
+std::string read_value(const fs::path &file) {
+  std::ifstream in(file);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
+
+// Rows DIR/runtime/cfm/pm/<kind>:<n>/<field>, printed one per line.
+void print_rows(const std::string &tree, bool json) {
+  fs::path base = fs::path(tree) / "runtime" / "cfm" / "pm";
+  std::error_code ec;
+  std::map<std::string, std::map<std::string, std::string>> rows;
+  for (const auto &dir : fs::directory_iterator(base, ec)) {
+    for (const auto &file : fs::directory_iterator(dir.path(), ec)) {
+      rows[dir.path().filename().string()][file.path().filename().string()] = read_value(file.path());
+    }
+  }
+  if (json) printf("{");
+  bool first_row = true;
+  for (const auto &[name, fields] : rows) {
+    printf(json ? "%s\"%s\":{" : "%s%s:", json && !first_row ? "," : "", name.c_str());
+    bool first = true;
+    for (const auto &[key, value] : fields) {
+      bool number = !value.empty() && value.find_first_not_of("-.0123456789") == std::string::npos;
+      if (json) {
+        printf(number ? "%s\"%s\":%s" : "%s\"%s\":\"%s\"", first ? "" : ",", key.c_str(), value.c_str());
+      } else {
+        printf(" %s=%s", key.c_str(), value.c_str());
+      }
+      first = false;
+    }
+    printf(json ? "}" : "\n");
+    first_row = false;
+  }
+  if (json) printf("}\n");
+}
+
+}  // namespace
+
+int cfmctl_pm(const std::vector<std::string> &args, const std::string &tree, bool json,
+              const std::function<int(const std::string &)> &send) {
+  for (const std::string &a : args) json = json || a == "--json";
+  if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) return fputs(kUsage, stdout), 0;
+  if (!args.empty() && args[0] == "show") {
+    int status = send(json ? "pmshow json" : "pmshow");
+    if (status == 0 && !tree.empty()) print_rows(tree, json);
+    return status;
+  }
+  if (args.size() < 2 || (args[0] != "dm" && args[0] != "slm" && args[0] != "1dm")) return usage();
+  if (args[1] == "start") return start(args, args[0], send);
+  if (args[1] == "stop" && args.size() == 5) {
+    return send("pmstop " + args[0] + " " + args[2] + " " + args[3] + " " + args[4]);
+  }
+  return usage();
+}

@@ -111,7 +111,6 @@ size_t take_stamp_request() {
   t_stamp_at = kNoStamp;
   return at;
 }
-}
 
 void debug_dump(const SendPath &path, const uint8_t *buf, size_t len) {
   puts(path.banner);

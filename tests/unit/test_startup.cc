@@ -2,9 +2,12 @@
 // PVC MAC table.
 #include "core/startup.h"
 
+#include <sys/sem.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "harness.h"
 
@@ -95,6 +98,55 @@ TEST_F(StartupInput, PvcMacFile) {
     EXPECT_EQ(checkPvcMac(c.probe.data()), c.match) << c.text;
   }
   EXPECT_EQ(checkPvcMac(nullptr), 0);
+}
+
+long long ChangeTime(int id) {
+  semid_ds ds = {};
+  return semctl(id, 0, IPC_STAT, &ds) == 0 ? static_cast<long long>(ds.sem_ctime) : -1;
+}
+
+// A dead run's record removes only the sets that still look as recorded
+// (private key, mode 0, one semaphore, the recorded change time; records
+// without times: changed before the record); a pid of 1 or less or out of
+// range removes nothing. The record is written with times, never through a
+// link left at its temporary name.
+TEST_F(StartupInput, StaleSetRecord) {
+  pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  waitpid(dead, nullptr, 0);
+  int ours = semget(IPC_PRIVATE, 1, IPC_CREAT), older = semget(IPC_PRIVATE, 1, IPC_CREAT);
+  int foreign = semget(0x5e000000 + getpid(), 1, IPC_CREAT | 0644);  // as ipcmk -S 1 makes it
+  const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
+  for (const char *pid : {"0", "-5", "1", "4194305"}) {
+    CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+    EXPECT_GE(ChangeTime(ours), 0) << pid;
+  }
+  std::ostringstream record;
+  record << dead << " " << foreign << ":" << ChangeTime(foreign) << " " << older << ":" << ChangeTime(older) - 5 << set;
+  CFM_OS_Remove_Stale_Sets(Scratch(record.str()));
+  EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0),
+            std::make_tuple(false, true, true));
+  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(older) + " " + std::to_string(foreign)));
+  EXPECT_EQ(std::make_pair(ChangeTime(older), ChangeTime(foreign) >= 0), std::make_pair(-1LL, true));
+  semctl(foreign, 0, IPC_RMID);
+
+  const std::string target = kScratch + ".target", tmp = kScratch + ".tmp";
+  std::ofstream(target) << "keep";
+  ASSERT_EQ(symlink(target.c_str(), tmp.c_str()), 0);
+  CFM_OS_Init(kScratch.c_str());
+  int mine = CFM_OS_Create_Semaphore("t", 1, 1);
+  CFM_OS_Init("");
+  std::ifstream written(kScratch), kept(target);
+  std::string text((std::istreambuf_iterator<char>(written)), {}), keep((std::istreambuf_iterator<char>(kept)), {});
+  CfmStaleRecord parsed;
+  ASSERT_TRUE(cfm_parse_stale_record(text.data(), text.size(), &parsed)) << text;
+  EXPECT_EQ(parsed.pid, getpid());
+  EXPECT_EQ(parsed.sets[parsed.count - 1].id, mine);
+  EXPECT_EQ(parsed.sets[parsed.count - 1].ctime, ChangeTime(mine));
+  EXPECT_EQ(keep, "keep");
+  CFM_OS_Delete_Semaphore(mine);
+  unlink(target.c_str());
+  unlink(tmp.c_str());
 }
 
 }  // namespace

@@ -101,12 +101,16 @@ TEST_F(CliCommands, MdAndMaFieldsTextsAndDeleteRules) {
 
 TEST_F(CliCommands, MepCreateConfigDelete) {
   MakeMdMa(false);
-  // An unknown direction still creates the MEP, as Down (deleted below).
+  // An unknown direction still creates the MEP, as Down (deleted below), and
+  // finds it when repeated; 2 creates an Up MEP.
   ExpectCli({{"createmep 1 0 3 0 10 0 1 0 0 0 1", "\r\nError!! MA Index doesn't exist"},
              {"createmep 4 0 2 0 10 0 1 0 0 0 1", "\r\nError!! MD Index doesn't exist"},
              {"createmep 1 0 2 0 10 0 1 0 0 0 1", ""}, {"createmep 1 0 2 0 11 0 1 0 0 0 7", ""},
+             {"createmep 1 0 2 0 11 0 1 0 0 0 0", "\r\nError!! MEP Index exist"},
+             {"createmep 1 0 2 0 12 0 1 0 0 0 2", ""},
              {"createmep 1 0 2 0 10 0 1 0 0 0 1", "\r\nError!! MEP Index exist"},
              {"createmep 1 0 2 0 9000 0 1 0 0 0 1", "\r\nError!! MEP Table is full, status: 12000011 "}});
+  EXPECT_EQ(Mep(12, CFM_DIRECTION_UP).direction, CFM_DIRECTION_UP);
 
   EXPECT_EQ(ConfigMep("1 120 2 22 3 5 4 44 6 00:11:22:33:44:55 7 3 8 6 9 92 10 aa:bb:cc:dd:ee:ff 11 9 "
                       "13 77 14 257 15 hello 16 88 17 1"),

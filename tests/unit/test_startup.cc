@@ -56,6 +56,8 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
        CFM_FRAME_TYPE_8023},
       {{"-x", "-i", "a0", "-q", "-i", "b0", "-f", "ethernet"}, 1, "b0", "", CFM_FRAME_TYPE_ETH},
       {{"-i", std::string(40, 'x'), "-f", "8023", "-f", "802"}, 1, "xxxxxxxxxxxxxxx", "", CFM_FRAME_TYPE_UNKNOWN},
+      {{"-i", "wan0", "-l", "wan0"}, 1, "wan0", "CFM: LAN interface wan0 is the WAN interface, nothing is relayed\n",
+       CFM_FRAME_TYPE_UNKNOWN},
       {{"-e", "-w", "-f", "eth"}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_ETH},
   };
   for (Case &c : cases) {
@@ -74,6 +76,7 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
     EXPECT_EQ(frame_type, c.frame_type) << out;
   }
   EXPECT_EQ(isCfmEnable(), 1u);  // -e of the second case stays
+  EXPECT_STREQ(g_cfm_extra_options.lan_ifname, "");
 }
 
 // Lines past the announced count are ignored and blank lines not counted; a

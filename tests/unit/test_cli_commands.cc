@@ -91,12 +91,17 @@ TEST_F(CliCommands, MdAndMaFieldsTextsAndDeleteRules) {
                         "CcmInterval : rfc2865vpnid\r\n\r\nMdIndex : 1\r\nMaIndex : 5\r\nFormat : charstring\r\n"
                         "Name : renamed\r\nCcmInterval : 10min\r\n\r\nMdIndex : 3\r\nMaIndex : 7\r\n"
                         "Format : charstring\r\nName : seven\r\nCcmInterval : unsignedint16\r\n"},
+             {"createma 1 0 6 0 " + std::string(46, 'a'), "\r\nError!! MA Table is full"},  // 45 at most
+             {"createma 1 0 6 0 " + std::string(46, 'a') + " 2 six", ""},
              {"createmep 1 0 5 0 9 0 1 0 0 0 1", ""},
              {"deletemd 1", "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n"},
              {"deletema 1 0 5", "\r\n This MA has MEP entry, need to delete all this MA's MEP!\r\n"},
              {"deletemep 1 0 5 0 9 0 1 0 0 0 1", ""}, {"deletemd 1", md_has_ma}, {"deletemd 3", ""},
              {"deletemd 3", "\r\n This MD is not exist!\r\n"}, {"deletema 1 0 4", ""},
              {"deletema 1 0 4", "\r\n This MA is not exist!\r\n"}});
+  MaNetEntry six = {.MdIndex = 1, .MaIndex = 6};
+  ASSERT_EQ(CFM_IF_Get_MA_Net_Entry(&six), 1);
+  EXPECT_EQ(std::make_pair(std::string(six.MaName), int(six.CcmInterval)), std::make_pair(std::string("six"), 4));
 }
 
 TEST_F(CliCommands, MepCreateConfigDelete) {

@@ -148,7 +148,8 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
   EXPECT_EQ(harness::stdout_of([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
   EXPECT_EQ(strlen(Mep().LbmDataTlv), 1201u);
   // deletemep's Down is 1, so 100 deletes nothing.
-  ExpectCli({{"deletemep 1 0 2 0 11 0 1 0 0 0 100", ""}, {"deletemep 1 0 2 0 11 0 1 0 0 0 1", ""},
+  EXPECT_EQ(cfm_cli_run_line("deletemep 1 0 2 0 11 0 1 0 0 0 100"), 0);
+  ExpectCli({{"deletemep 1 0 2 0 11 0 1 0 0 0 1", ""},
              {"deletemep 1 0 2 0 11 0 1 0 0 0 1", "\r\n This MEP is not exist!\r\n"}});
   // A loopback still running refuses the request.
   mep = Mep();

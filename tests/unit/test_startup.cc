@@ -147,7 +147,12 @@ TEST_F(StartupInput, StaleSetRecord) {
   EXPECT_EQ(parsed.sets[parsed.count - 1].id, mine);
   EXPECT_EQ(parsed.sets[parsed.count - 1].ctime, ChangeTime(mine));
   EXPECT_EQ(keep, "keep");
+  int sets = CFM_OS_Semaphore_Count();
   CFM_OS_Delete_Semaphore(mine);
+  EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
+  // A number too long to be one is where reading stops.
+  ASSERT_TRUE(cfm_parse_stale_record("77 4:9 12345678901234567899 5", 29, &parsed));
+  EXPECT_EQ(std::make_pair(parsed.count, parsed.sets[0].ctime), std::make_pair(size_t{1}, 9LL));
   unlink(target.c_str());
   unlink(tmp.c_str());
 }

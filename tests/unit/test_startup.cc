@@ -143,9 +143,8 @@ TEST_F(StartupInput, StaleSetRecord) {
   std::string text((std::istreambuf_iterator<char>(written)), {}), keep((std::istreambuf_iterator<char>(kept)), {});
   CfmStaleRecord parsed;
   ASSERT_TRUE(cfm_parse_stale_record(text.data(), text.size(), &parsed)) << text;
-  EXPECT_EQ(parsed.pid, getpid());
-  EXPECT_EQ(parsed.sets[parsed.count - 1].id, mine);
-  EXPECT_EQ(parsed.sets[parsed.count - 1].ctime, ChangeTime(mine));
+  const CfmStaleSet &last = parsed.sets[parsed.count - 1];
+  EXPECT_EQ(std::make_tuple(parsed.pid, last.id, last.ctime), std::make_tuple(long{getpid()}, mine, ChangeTime(mine)));
   EXPECT_EQ(keep, "keep");
   int sets = CFM_OS_Semaphore_Count();
   CFM_OS_Delete_Semaphore(mine);
@@ -154,7 +153,6 @@ TEST_F(StartupInput, StaleSetRecord) {
   ASSERT_TRUE(cfm_parse_stale_record("77 4:9 12345678901234567899 5", 29, &parsed));
   EXPECT_EQ(std::make_pair(parsed.count, parsed.sets[0].ctime), std::make_pair(size_t{1}, 9LL));
   unlink(target.c_str());
-  unlink(tmp.c_str());
 }
 
 }  // namespace

@@ -120,10 +120,8 @@ TEST_F(StartupInput, StaleSetRecord) {
   int ours = semget(IPC_PRIVATE, 1, IPC_CREAT), older = semget(IPC_PRIVATE, 1, IPC_CREAT);
   int foreign = semget(0x5e000000 + getpid(), 1, IPC_CREAT | 0644);  // as ipcmk -S 1 makes it
   const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
-  for (const char *pid : {"0", "-5", "1", "4194305"}) {
-    CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
-    EXPECT_GE(ChangeTime(ours), 0) << pid;
-  }
+  for (const char *pid : {"0", "-5", "1", "4194305"}) CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+  EXPECT_GE(ChangeTime(ours), 0);
   std::ostringstream record;
   record << dead << " " << foreign << ":" << ChangeTime(foreign) << " " << older << ":" << ChangeTime(older) - 5 << set;
   CFM_OS_Remove_Stale_Sets(Scratch(record.str()));
@@ -137,7 +135,7 @@ TEST_F(StartupInput, StaleSetRecord) {
   std::ofstream(target) << "keep";
   ASSERT_EQ(symlink(target.c_str(), tmp.c_str()), 0);
   CFM_OS_Init(kScratch.c_str());
-  int mine = CFM_OS_Create_Semaphore("t", 1, 1);
+  int mine = CFM_OS_Create_Semaphore("t", 1, 1), sets = CFM_OS_Semaphore_Count();
   CFM_OS_Init("");
   std::ifstream written(kScratch), kept(target);
   std::string text((std::istreambuf_iterator<char>(written)), {}), keep((std::istreambuf_iterator<char>(kept)), {});
@@ -146,7 +144,6 @@ TEST_F(StartupInput, StaleSetRecord) {
   const CfmStaleSet &last = parsed.sets[parsed.count - 1];
   EXPECT_EQ(std::make_tuple(parsed.pid, last.id, last.ctime), std::make_tuple(long{getpid()}, mine, ChangeTime(mine)));
   EXPECT_EQ(keep, "keep");
-  int sets = CFM_OS_Semaphore_Count();
   CFM_OS_Delete_Semaphore(mine);
   EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
   // A number too long to be one is where reading stops.

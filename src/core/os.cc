@@ -111,8 +111,9 @@ void write_state_file() {
   size_t len = static_cast<size_t>(snprintf(text, sizeof text, "%d", static_cast<int>(getpid())));
   for (SemSlot &slot : g_sem_slots) {
     int id = slot.id.load();
-    if (id >= 0 && len < sizeof text)
+    if (id >= 0 && len < sizeof text) {
       len += static_cast<size_t>(snprintf(text + len, sizeof text - len, " %d:%lld", id, set_change_time(id)));
+    }
   }
   if (len >= sizeof text - 1) len = sizeof text - 2;
   text[len++] = '\n';
@@ -170,17 +171,16 @@ void remove_stale_sets(const char *path) {
 
 uint32_t wall_clock_seconds() { return static_cast<uint32_t>(time(nullptr)); }
 
-}  // namespace
+bool is_digit(const char *text, size_t len, size_t at) { return at < len && text[at] >= '0' && text[at] <= '9'; }
 
-namespace {
-
-// Reads a decimal number (optionally negative) at *pos, at most 19 digits.
+// Reads a decimal number (optionally negative) at *pos; more than 18 digits
+// (which could overflow) is no number.
 bool read_number(const char *text, size_t len, size_t *pos, long long *value) {
   bool negative = *pos < len && text[*pos] == '-';
   size_t at = *pos + (negative ? 1 : 0), digits = 0;
   long long number = 0;
-  for (; at < len && text[at] >= '0' && text[at] <= '9' && digits < 19; ++at, ++digits) number = number * 10 + (text[at] - '0');
-  if (digits == 0 || (at < len && text[at] >= '0' && text[at] <= '9')) return false;
+  for (; is_digit(text, len, at) && digits < 18; ++at, ++digits) number = number * 10 + (text[at] - '0');
+  if (digits == 0 || is_digit(text, len, at)) return false;
   *pos = at;
   *value = negative ? -number : number;
   return true;

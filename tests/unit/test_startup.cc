@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "harness.h"
 
@@ -122,9 +121,8 @@ TEST_F(StartupInput, StaleSetRecord) {
   const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
   for (const char *pid : {"0", "-5", "1", "4194305"}) CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
   EXPECT_GE(ChangeTime(ours), 0);
-  std::ostringstream record;
-  record << dead << " " << foreign << ":" << ChangeTime(foreign) << " " << older << ":" << ChangeTime(older) - 5 << set;
-  CFM_OS_Remove_Stale_Sets(Scratch(record.str()));
+  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(foreign) + ":" + std::to_string(ChangeTime(foreign)) +
+                                   " " + std::to_string(older) + ":" + std::to_string(ChangeTime(older) - 5) + set));
   EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0),
             std::make_tuple(false, true, true));
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(older) + " " + std::to_string(foreign)));
@@ -146,9 +144,13 @@ TEST_F(StartupInput, StaleSetRecord) {
   EXPECT_EQ(keep, "keep");
   CFM_OS_Delete_Semaphore(mine);
   EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
-  // A number too long to be one is where reading stops.
-  ASSERT_TRUE(cfm_parse_stale_record("77 4:9 12345678901234567899 5", 29, &parsed));
-  EXPECT_EQ(std::make_pair(parsed.count, parsed.sets[0].ctime), std::make_pair(size_t{1}, 9LL));
+  // Negative ids are passed over, at most 64 sets are read, and a number of
+  // more than 18 digits is none (leading zeros too).
+  std::string many = "77 -3 4:9";
+  for (int i = 0; i < 70; ++i) many += " 5";
+  ASSERT_TRUE(cfm_parse_stale_record(many.data(), many.size(), &parsed));
+  EXPECT_EQ(std::make_tuple(parsed.count, parsed.sets[0].id, parsed.sets[0].ctime), std::make_tuple(size_t{64}, 4, 9LL));
+  EXPECT_FALSE(cfm_parse_stale_record("0000000000000000000077 5", 24, &parsed));
   unlink(target.c_str());
 }
 

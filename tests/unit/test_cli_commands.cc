@@ -70,13 +70,13 @@ TEST_F(CliCommands, MdAndMaFieldsTextsAndDeleteRules) {
   const char ok[] = "\r\nMD config Success!!";
   const char md_has_ma[] = "\r\n This MD has MA entry, need to delete all this MD's MA!\r\n";
   ExpectCli({{"createmd 3 0 5 4 core", ""}, {"createmd 3 0 5 4 core", "\r\nError!! MD Index exist"},
-             {"createmd 1 0 2 0 one 1 12 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
+             {"createmd 1 0 2 0 one 1 14 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
              {"configmd 3 0 8", "\r\nError!! MD config fail"}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
              {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok},
              {"createmd 5 0 1 0 " + std::string(44, 'n'), "\r\nError!! MD Table is full"},
              {"createmd 5 0 1 0 12345", ""},            // a numeric name is the text as sent
              {"createmd 6 x 2 x six 0 4 renamed", ""},  // code 0 is configmd's alone
-             {"showmd", "\r\nMdIndex : 1\r\nMdFormat : dnslikename\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
+             {"showmd", "\r\nMdIndex : 1\r\nMdFormat : charstring\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
                         "MdName : one\r\n\r\nMdIndex : 3\r\nMdFormat : none\r\nMdLevel : 6\r\n"
                         "MhfCreation : defmhfnone\r\nMdName : 0123456789012345678901234567890123456789012\r\n\r\n"
                         "MdIndex : 5\r\nMdFormat : charstring\r\nMdLevel : 1\r\nMhfCreation : defmhfdefault\r\n"
@@ -169,7 +169,7 @@ TEST_F(CliCommands, GuardsLeaveTheDatabaseUnchanged) {
              {"configmd 1 0 6 1", kMissing},     {"configmd 1 0 six", kInvalid},
              {"configma 1 0 2 3 29 2", kMissing}, {"createmep 1 0 2 0 10 0 1 0 0 0", kMissing},
              {mep + "7", kMissing},              {mep + "7 many", kInvalid},
-             {mep + "-4 1", kInvalid},           {"update", kMissing}});
+             {mep + "-4 1", kInvalid},           {"update", kMissing}, {"configmd 1 0 6 zz 1", kInvalid}});
   EXPECT_EQ(snapshot(), before);
   EXPECT_EQ(Cli("createmd 7 x 1 0 name"), "");  // skipped words are never read
 }

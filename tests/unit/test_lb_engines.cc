@@ -164,8 +164,8 @@ TEST_F(Initiator, TargetResolutionAndFailedSend) {
 // and bounded.
 TEST_F(Initiator, LbrDropsCountingAndRows) {
   const Bytes good = {3, 0, 3, 'a', 'b', 'c'};
-  EXPECT_EQ(lbr(20, good), CFM_OK);  // no run
   MepEntry mep = start_run(3, kPeer, "abc", 20);
+  EXPECT_EQ(lbr(20, good), CFM_OK);  // the run has not started
   CFM_LBI_XMIT_Check();
   // Dropped, and counted nowhere (the counts below would show it).
   const Bytes lbm_opcode = cfm_frame(kSelf, kPeer, 2, 3, 0, 4, {0, 0, 0, 20, 0});

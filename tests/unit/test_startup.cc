@@ -145,12 +145,12 @@ TEST_F(StartupInput, StaleSetRecord) {
   CFM_OS_Delete_Semaphore(mine);
   EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
   // Negative ids are passed over, at most 64 sets are read, and a number of
-  // more than 18 digits is none (leading zeros too).
+  // more than 18 digits (leading zeros too) ends the record.
   std::string many = "77 -3 4:9";
   for (int i = 0; i < 70; ++i) many += " 5";
   ASSERT_TRUE(cfm_parse_stale_record(many.data(), many.size(), &parsed));
   EXPECT_EQ(std::make_tuple(parsed.count, parsed.sets[0].id, parsed.sets[0].ctime), std::make_tuple(size_t{64}, 4, 9LL));
-  EXPECT_FALSE(cfm_parse_stale_record("0000000000000000000077 5", 24, &parsed));
+  EXPECT_TRUE(cfm_parse_stale_record("77 4 0000000000000000000077 5", 29, &parsed) && parsed.count == 1);
   unlink(target.c_str());
 }
 

@@ -1,5 +1,6 @@
 #include "fuzz_world.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,9 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "cli/server.h"
+#include "core/config_tree.h"
 #include "core/frame_type.h"
 #include "core/global.h"
 #include "core/os.h"
@@ -26,6 +30,7 @@
 #include "engines/pm_session.h"
 #include "io/rx.h"
 #include "io/tx.h"
+#include "io/vlan_aux.h"
 
 // The commands "update", "clearltr" and "clearcnt" sleep for one to three
 // seconds (through CFM_OS_Sleep, which calls usleep). This definition takes
@@ -41,6 +46,18 @@ constexpr uint32_t kStartSecond = 1000000;
 uint32_t g_now = kStartSecond;
 
 uint32_t fuzz_clock() { return g_now; }
+
+// The configuration tree's scratch directory, removed at exit.
+char g_tree[64];
+// The LAN socket's far end: a datagram written there is what the receive
+// task reads from the LAN.
+int g_lan_peer = -1;
+
+void remove_scratch_tree() {
+  ConfigTree::detach();
+  std::error_code ignored;
+  std::filesystem::remove_all(g_tree, ignored);
+}
 
 void clear_tables() {
   for (MepEntry m{}; CFM_GetNext_MEP_Entry(&m) == 1; m = MepEntry{}) CFM_Delete_MEP_Entry(&m);
@@ -76,6 +93,15 @@ void init() {
   CFM_LT_Init();
   cfm_set_tx_hook([](CfmTxSide, const uint8_t *, size_t) { return true; });
   CFM_OS_Set_Clock_Source(fuzz_clock);
+  // The tree in a scratch directory (on tmpfs where there is one), so rows,
+  // exports and removals run for real.
+  snprintf(g_tree, sizeof g_tree, "%s/cfm_fuzz_XXXXXX", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
+  if (mkdtemp(g_tree) == nullptr || !ConfigTree::attachDirectory(g_tree)) abort();
+  atexit(remove_scratch_tree);
+  int lan[2];
+  if (socketpair(AF_UNIX, SOCK_DGRAM, 0, lan) != 0 || fcntl(lan[0], F_SETFL, O_NONBLOCK) != 0) abort();
+  _cfm_lan_sock_fd = lan[0];
+  g_lan_peer = lan[1];
 }
 
 void reset() {
@@ -83,6 +109,7 @@ void reset() {
   cfm_debug_msg = 0;
   setFrameType(CFM_FRAME_TYPE_ETH);
   clear_tables();
+  ConfigTree::delStr("/runtime");
   CFM_Global_Reset();
   cfm_force_enable();
   CFM_LB_Init();
@@ -116,6 +143,12 @@ void receive(const uint8_t *frame, size_t length) {
   if (cfm_classify_wan_frame(frame, length, &packet) == CFM_OK) cfm_dispatch_packet(&packet);
 }
 
+void receive_from_lan(const uint8_t *frame, size_t length) {
+  if (send(g_lan_peer, frame, length, MSG_DONTWAIT) != static_cast<ssize_t>(length)) return;
+  CfmPacket packet = {};
+  rx_lan_packet(&packet);
+}
+
 void serve(const uint8_t *request, size_t length) {
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) abort();
@@ -137,13 +170,71 @@ void frame_input(const uint8_t *data, size_t size) {
   if (size < 1) return;
   apply_settings(data[0]);
   // The frame ends where the input ends, so any read past it is caught.
-  receive(data + 1, size - 1);
+  if ((data[0] & kSettingLan) != 0) {
+    receive_from_lan(data + 1, size - 1);
+  } else {
+    receive(data + 1, size - 1);
+  }
+}
+
+void tree_input(const uint8_t *data, size_t size) {
+  if (size < 1) return;
+  // "/runtime/" + key, and a value after the first '=' (reset removes it all).
+  std::string text(reinterpret_cast<const char *>(data + 1), size - 1);
+  size_t eq = text.find('=');
+  std::string key = "/runtime/" + text.substr(0, eq), value = eq == std::string::npos ? "" : text.substr(eq + 1);
+  char out[CFM_CONFIG_VALUE_SIZE] = "";
+  uint16_t rows = 0;
+  switch (data[0] % 5) {
+    case 0:
+      ConfigTree::setStr(value.c_str(), "%s", key.c_str());
+      break;
+    case 1:
+      ConfigTree::delStr("%s", key.c_str());
+      break;
+    case 2:
+      ConfigTree::getRow(key.c_str(), &rows);
+      break;
+    case 3:
+      ConfigTree::ConfigGet(key.c_str(), out);
+      break;
+    default:
+      ConfigTree::setInt(ConfigTree::getInt(out, key.c_str()) + 1, "%s", key.c_str());
+      break;
+  }
+}
+
+void tag_input(const uint8_t *data, size_t size) {
+  if (size < 5) return;
+  const bool tagged = (data[0] & 1) != 0;
+  const uint16_t tpid = static_cast<uint16_t>(data[1] << 8 | data[2]), tci = static_cast<uint16_t>(data[3] << 8 | data[4]);
+  const uint8_t *frame = data + 5;
+  size_t length = size - 5;
+  // Bit 1: an output shorter than the frame with its tag.
+  size_t cap = (data[0] & 2) != 0 ? length / 2 : length + 4;
+  std::vector<uint8_t> apart(cap), in_place(length + 4);
+  size_t written = cfm_vlan_reinsert(frame, length, tagged, tpid, tci, apart.data(), cap);
+  // The same rebuilt in place, from 4 bytes into the buffer, must agree.
+  memcpy(in_place.data() + 4, frame, length);
+  size_t rebuilt = cfm_vlan_reinsert(in_place.data() + 4, length, tagged, tpid, tci, in_place.data(), cap);
+  if (written > cap || rebuilt != written) abort();
+  if (written > 0 && memcmp(apart.data(), in_place.data(), written) != 0) abort();
+  if (written > 0) receive(apart.data(), written);
+}
+
+void stale_record_input(const uint8_t *data, size_t size) {
+  CfmStaleRecord record;
+  bool valid = cfm_parse_stale_record(reinterpret_cast<const char *>(data), size, &record);
+  if (valid && (record.pid <= 1 || record.count > CFM_STALE_MAX_SETS)) abort();
+  for (size_t i = 0; valid && i < record.count; ++i) {
+    if (record.sets[i].id < 0 || record.sets[i].ctime < -1) abort();
+  }
 }
 
 void mixed_input(const uint8_t *data, size_t size) {
   size_t at = 0;
   while (size - at >= 3) {
-    uint8_t kind = data[at] % 4;
+    uint8_t kind = data[at] % 8;
     size_t length = std::min<size_t>(static_cast<size_t>(data[at + 1]) << 8 | data[at + 2], size - at - 3);
     const uint8_t *payload = data + at + 3;
     at += 3 + length;
@@ -157,8 +248,20 @@ void mixed_input(const uint8_t *data, size_t size) {
       case 2:
         for (int n = length > 0 ? 1 + payload[0] % 8 : 1; n > 0; --n) tick();
         break;
-      default:
+      case 3:
         if (length > 0) apply_settings(payload[0]);
+        break;
+      case 4:
+        receive_from_lan(payload, length);
+        break;
+      case 5:
+        tree_input(payload, length);
+        break;
+      case 6:
+        tag_input(payload, length);
+        break;
+      default:
+        stale_record_input(payload, length);
         break;
     }
   }

@@ -133,3 +133,26 @@ write("mixed", "debug_8023", record(3, bytes([IEEE8023 | DEBUG])) + record(0, cc
       + record(0, ltm(eth=False)) + ticks(4) + req("update 3"))
 write("mixed", "reconfigure", req("deletemd 3") + record(0, lb(2, SELF, trans=1)) + req("createmep 1 md 1 mep 30 port 1 vid 100 dir 1")
       + record(0, lb(3, SELF, level=0)) + ticks(1) + req("showmep"))
+
+# The LAN side, the configuration tree, the tag put back and the stale-set record.
+LAN = 8
+write("frame", "lan_ccm_forwarded", bytes([ETH | LAN]) + ccm(5))
+write("frame", "lan_lbm_double_tag_dropped", bytes([ETH | LAN | DEBUG]) + lb(3, SELF, level=1, inner_vid=7))
+
+
+def tree(op, text):  # op: 0 set, 1 delete, 2 row count, 3 get, 4 increment
+    return record(5, bytes([op]) + text.encode())
+
+
+def stripped(data, flags=1):  # as a packet socket delivers it: outer tag in the auxiliary data
+    return record(6, bytes([flags]) + data[12:16] + data[:12] + data[16:])
+
+
+write("mixed", "lan_relay", record(4, ccm(5)) + record(4, lb(3, SELF, level=1, inner_vid=7))
+      + record(3, bytes([DEBUG])) + record(4, ltm(level=6)))
+write("mixed", "tree_rows", tree(0, "cfm/lbr:1/transID=5") + tree(0, "cfm/lbr:2/src_mac=x") + tree(2, "cfm/lbr")
+      + tree(3, "cfm/lbr:1/transID") + tree(4, "cfm/count") + tree(1, "cfm") + req("update 1") + req("update 4"))
+write("mixed", "lbr_rows_cleared", ticks(1) + record(0, lb(2, SELF, trans=1)) + record(0, lb(2, SELF, trans=2))
+      + req("update 4") + req("clearlbr") + req("clearcnt"))
+write("mixed", "tag_put_back", stripped(ccm(2)) + stripped(lb(3, SELF), flags=3) + stripped(ltm(), flags=0))
+write("mixed", "stale_record", record(7, b"1234 5:1700000000 6 7:-1\n") + record(7, b"0 5") + record(7, b"99999999999 1"))

@@ -1,5 +1,6 @@
 // MD and MA commands: create, configure, list and delete through the
 // management interface.
+#include <cstdio>
 #include <cstring>
 
 #include "cli/args.h"
@@ -165,8 +166,10 @@ int cli_usr_cfm_createmd(FILE *out, CliArg *args, int) {
   md.MdLevel = static_cast<uint8_t>(head[1]);
   // A name that does not fit the field is refused like any other name the
   // table does not take, unless an option replaces it.
+  // The copy is bounded by the field whatever the check says, so the field
+  // is never written past.
   bool name_fits = strlen(name) < sizeof md.MdName;
-  if (name_fits) memcpy(md.MdName, name, strlen(name) + 1);
+  if (name_fits) snprintf(md.MdName, sizeof md.MdName, "%s", name);
   bool name_set = false;
   if (!apply_md_options(out, cli_arg_at(args, 6), &md, false, &name_set)) return 0;
   md.RowStatus = CFM_ROW_CREATE;
@@ -260,7 +263,7 @@ int cli_usr_cfm_createma(FILE *out, CliArg *args, int) {
   ma.MdIndex = static_cast<uint32_t>(head[0]);
   ma.MaIndex = static_cast<uint32_t>(head[1]);
   bool name_fits = strlen(name) < sizeof ma.MaName;
-  if (name_fits) memcpy(ma.MaName, name, strlen(name) + 1);
+  if (name_fits) snprintf(ma.MaName, sizeof ma.MaName, "%s", name);
   MaNetEntry probe = ma;
   if (CFM_IF_Get_MA_Net_Entry(&probe) != 0) {
     fputs("\r\nError!! MA Index exist", out);

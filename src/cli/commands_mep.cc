@@ -105,7 +105,9 @@ int cli_usr_cfm_createmep(FILE *out, CliArg *args, int) {
   uint32_t result = 0;
   {
     MepSycLock lock;
+    // A record without a direction is stored as Down: look for that one.
     MepEntry probe = mep;
+    if (probe.direction == 0) probe.direction = CFM_DIRECTION_DOWN;
     exists = CFM_IF_Get_MEP_Entry(&probe) != 0;
     if (!exists) {
       mep.RowStatus = CFM_ROW_CREATE;

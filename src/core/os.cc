@@ -18,7 +18,11 @@ namespace {
 // Identifiers of the sets this process created, for removal at exit. A fixed
 // array of atomics so a signal handler can walk it without locks; -1 marks a
 // free slot (0 is a valid set id, and may belong to another program).
-constexpr int kMaxSemaphores = 64;
+constexpr int kMaxSemaphores = CFM_STALE_MAX_SETS;
+// Longest record: a pid and 64 "id:ctime" pairs; longer files are not read past it.
+constexpr size_t kMaxStateRecord = 16 + 44 * kMaxSemaphores;
+// Highest pid the kernel can hand out (PID_MAX_LIMIT).
+constexpr long long kMaxPid = 4194304;
 struct SemSlot {
   std::atomic<int> id{-1};
 };
@@ -65,6 +69,11 @@ void block_termination_signals(sigset_t *saved) {
   pthread_sigmask(SIG_BLOCK, &blocked, saved);
 }
 
+union SemctlArg {
+  int val;
+  struct semid_ds *buf;
+};
+
 void remember_semaphore(int id) {
   int slot = g_sem_used.fetch_add(1);
   if (slot < kMaxSemaphores) {
@@ -72,25 +81,55 @@ void remember_semaphore(int id) {
   }
 }
 
-// "PID ID ID ...", written beside the file and renamed over it, so a reader
-// never sees a partial list.
+// Change time of a set, or -1 when it cannot be read.
+long long set_change_time(int id) {
+  struct semid_ds ds = {};
+  SemctlArg arg;
+  arg.buf = &ds;
+  return semctl(id, 0, IPC_STAT, arg) == 0 ? static_cast<long long>(ds.sem_ctime) : -1;
+}
+
+// Serialises writers of the record (sets may be created on several threads).
+pthread_mutex_t g_state_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Opens the temporary record file fresh: never through a link, never one
+// that is already there. A leftover of a killed run (or a link put in its
+// place) is removed once and the open tried again.
+int open_fresh(const char *path) {
+  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  int fd = open(path, flags, 0644);
+  if (fd < 0 && errno == EEXIST && unlink(path) == 0) fd = open(path, flags, 0644);
+  return fd;
+}
+
+// "PID ID:CTIME ID:CTIME ...", written beside the file and renamed over it,
+// so a reader never sees a partial list.
 void write_state_file() {
   if (g_state_path[0] == '\0') return;
-  char text[16 + 12 * kMaxSemaphores];
+  pthread_mutex_lock(&g_state_mutex);
+  char text[kMaxStateRecord];
   size_t len = static_cast<size_t>(snprintf(text, sizeof text, "%d", static_cast<int>(getpid())));
   for (SemSlot &slot : g_sem_slots) {
     int id = slot.id.load();
-    if (id >= 0 && len < sizeof text) len += static_cast<size_t>(snprintf(text + len, sizeof text - len, " %d", id));
+    if (id >= 0 && len < sizeof text) {
+      len += static_cast<size_t>(snprintf(text + len, sizeof text - len, " %d:%lld", id, set_change_time(id)));
+    }
   }
   if (len >= sizeof text - 1) len = sizeof text - 2;
   text[len++] = '\n';
   char tmp[sizeof g_state_path + 4];
   snprintf(tmp, sizeof tmp, "%s.tmp", g_state_path);
-  int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  bool whole = write(fd, text, len) == static_cast<ssize_t>(len);
-  close(fd);
-  if (whole && rename(tmp, g_state_path) == 0) g_state_written = true;
+  int fd = open_fresh(tmp);
+  if (fd >= 0) {
+    bool whole = write(fd, text, len) == static_cast<ssize_t>(len);
+    close(fd);
+    if (whole && rename(tmp, g_state_path) == 0) {
+      g_state_written = true;
+    } else {
+      unlink(tmp);
+    }
+  }
+  pthread_mutex_unlock(&g_state_mutex);
 }
 
 // A process other than this one that still exists.
@@ -98,38 +137,77 @@ bool other_process_alive(long pid) {
   return pid > 0 && pid != getpid() && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
 }
 
-union SemctlArg {
-  int val;
-  struct semid_ds *buf;
-};
+// Whether the set still looks like the one this daemon created and recorded:
+// private key, mode 0, one semaphore, and (when the record has it) the same
+// change time. Records without times only vouch for sets last changed before
+// the record was written. Any set a live process operated on last is kept.
+bool looks_recorded(const CfmStaleSet &set, time_t written) {
+  struct semid_ds ds = {};
+  SemctlArg arg;
+  arg.buf = &ds;
+  if (set.id < 0 || semctl(set.id, 0, IPC_STAT, arg) < 0) return false;
+  if (ds.sem_perm.__key != IPC_PRIVATE || (ds.sem_perm.mode & 0777) != 0 || ds.sem_nsems != 1) return false;
+  // One second of slack: file times come from a coarser clock.
+  if (set.ctime >= 0 ? ds.sem_ctime != set.ctime : ds.sem_ctime > written + 1) return false;
+  return !other_process_alive(semctl(set.id, 0, GETPID));
+}
 
 // Removes the sets a killed earlier run left behind: those listed in the
-// state file while its process is gone, that still exist, were last changed
-// before the file was written (an id reused later is someone else's), and
-// that no live process operated on last.
+// record while its process is gone, that still look as recorded.
 void remove_stale_sets(const char *path) {
-  FILE *file = fopen(path, "r");
-  if (file == nullptr) return;
+  int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  char text[kMaxStateRecord];
   struct stat written = {};
-  long pid = 0;
-  if (fstat(fileno(file), &written) == 0 && fscanf(file, "%ld", &pid) == 1 && !other_process_alive(pid)) {
-    for (int id = 0; fscanf(file, "%d", &id) == 1;) {
-      struct semid_ds ds = {};
-      SemctlArg arg;
-      arg.buf = &ds;
-      if (id < 0 || semctl(id, 0, IPC_STAT, arg) < 0) continue;
-      // One second of slack: file times come from a coarser clock.
-      if (ds.sem_nsems != 1 || ds.sem_ctime > written.st_mtime + 1) continue;
-      if (other_process_alive(semctl(id, 0, GETPID))) continue;
-      semctl(id, 0, IPC_RMID);
-    }
+  ssize_t got = fstat(fd, &written) == 0 ? read(fd, text, sizeof text) : -1;
+  close(fd);
+  CfmStaleRecord record;
+  if (got <= 0 || !cfm_parse_stale_record(text, static_cast<size_t>(got), &record)) return;
+  if (other_process_alive(record.pid)) return;
+  for (size_t i = 0; i < record.count; ++i) {
+    if (looks_recorded(record.sets[i], written.st_mtime)) semctl(record.sets[i].id, 0, IPC_RMID);
   }
-  fclose(file);
 }
 
 uint32_t wall_clock_seconds() { return static_cast<uint32_t>(time(nullptr)); }
 
+bool is_digit(const char *text, size_t len, size_t at) { return at < len && text[at] >= '0' && text[at] <= '9'; }
+
+// Reads a decimal number (optionally negative) at *pos; more than 18 digits
+// (which could overflow) is no number.
+bool read_number(const char *text, size_t len, size_t *pos, long long *value) {
+  bool negative = *pos < len && text[*pos] == '-';
+  size_t at = *pos + (negative ? 1 : 0), digits = 0;
+  long long number = 0;
+  for (; is_digit(text, len, at) && digits < 18; ++at, ++digits) number = number * 10 + (text[at] - '0');
+  if (digits == 0 || is_digit(text, len, at)) return false;
+  *pos = at;
+  *value = negative ? -number : number;
+  return true;
+}
+
+void skip_blanks(const char *text, size_t len, size_t *pos) {
+  while (*pos < len && (text[*pos] == ' ' || text[*pos] == '\t' || text[*pos] == '\n')) ++*pos;
+}
+
 }  // namespace
+
+bool cfm_parse_stale_record(const char *text, size_t len, CfmStaleRecord *out) {
+  *out = {};
+  size_t pos = 0;
+  long long pid = 0;
+  skip_blanks(text, len, &pos);
+  if (!read_number(text, len, &pos, &pid) || pid <= 1 || pid > kMaxPid) return false;
+  out->pid = static_cast<long>(pid);
+  for (skip_blanks(text, len, &pos); pos < len && out->count < kMaxSemaphores; skip_blanks(text, len, &pos)) {
+    long long id = 0, ctime = -1;
+    if (!read_number(text, len, &pos, &id)) break;
+    if (pos < len && text[pos] == ':' && (++pos, !read_number(text, len, &pos, &ctime))) break;
+    if (id < 0 || id > INT32_MAX || ctime < -1) continue;
+    out->sets[out->count++] = {static_cast<int>(id), ctime};
+  }
+  return true;
+}
 
 void CFM_OS_Init(const char *state_file) {
   if (state_file == nullptr || strlen(state_file) >= sizeof g_state_path) return;
@@ -141,13 +219,15 @@ void CFM_OS_Init(const char *state_file) {
     *slash = '\0';
     mkdir(dir, 0755);
   }
-  remove_stale_sets(state_file);
+  CFM_OS_Remove_Stale_Sets(state_file);
   sigset_t saved;
   block_termination_signals(&saved);
   snprintf(g_state_path, sizeof g_state_path, "%s", state_file);
   if (g_sem_used.load() > 0) write_state_file();
   pthread_sigmask(SIG_SETMASK, &saved, nullptr);
 }
+
+void CFM_OS_Remove_Stale_Sets(const char *state_file) { remove_stale_sets(state_file); }
 
 void *CFM_OS_Allocate_Memory(size_t size) { return malloc(size); }
 

@@ -15,6 +15,26 @@
 // Removes the sets a killed earlier run listed in state_file, then keeps
 // that file up to date with this process's sets.
 void CFM_OS_Init(const char *state_file = CFM_SEM_STATE_FILE);
+// The removal step of CFM_OS_Init alone: the sets of a dead recorded process
+// that still look as recorded are removed.
+void CFM_OS_Remove_Stale_Sets(const char *state_file);
+
+// The record "PID ID:CTIME ID:CTIME ...\n" (older records: "PID ID ID ...").
+// A set without a time has ctime -1.
+constexpr int CFM_STALE_MAX_SETS = 64;
+struct CfmStaleSet {
+  int id;
+  long long ctime;
+};
+struct CfmStaleRecord {
+  long pid;
+  size_t count;
+  CfmStaleSet sets[CFM_STALE_MAX_SETS];
+};
+// Parses the first `len` bytes of a record; false when the pid is missing,
+// at most 1 or beyond the kernel's range. Reading stops at the first word
+// that is not a set; negative ids are skipped.
+bool cfm_parse_stale_record(const char *text, size_t len, CfmStaleRecord *out);
 void *CFM_OS_Allocate_Memory(size_t size);
 void CFM_OS_Deallocate_Memory(void *ptr);
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <net/if.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -138,6 +139,12 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
   if (!named) {
     puts("CFM need interface");
     return kParseError;
+  }
+  char *lan = g_cfm_extra_options.lan_ifname;
+  if (lan[0] != '\0' && strcmp(lan, ifname) == 0) {
+    // Relaying an interface to itself would send every frame back where it came from.
+    printf("CFM: LAN interface %s is the WAN interface, nothing is relayed\n", lan);
+    lan[0] = '\0';
   }
   if (debug) {
     cli_usr_cfm_debug_on(stdout, nullptr, 0);
@@ -285,14 +292,16 @@ int cfm_main(int argc, char **argv) {
 
   char ifname[IFNAMSIZ] = {0};
   const char *lan = g_cfm_extra_options.lan_ifname;
+  bool wait_lan = false;
   switch (cfm_parse_args(argc, argv, ifname, &frame_type)) {
     case kParseError:
       puts("cfm parse arg failed");
       fflush(stdout);
       return -1;
     case kParseWait:
+      // Only the WAN is waited for; a missing LAN is opened when it appears.
       cfm_wait_interface(ifname);
-      if (lan[0] != '\0') cfm_wait_interface(lan);
+      wait_lan = lan[0] != '\0' && if_nametoindex(lan) == 0;
       break;
     case kParseGo:
       break;
@@ -307,7 +316,11 @@ int cfm_main(int argc, char **argv) {
   }
 
   CFM_Get_Ifindex(ifname);
-  if (lan[0] != '\0') CFM_Open_Lan(ifname, lan);
+  if (wait_lan) {
+    CFM_Open_Lan_When_Present(lan);
+  } else if (lan[0] != '\0') {
+    CFM_Open_Lan(ifname, lan);
+  }
   cfm_read_pvc_mac();
   if (isUnknownFrameType(frame_type)) readFrameTypeFile(&frame_type);
   if (isUnknownFrameType(frame_type)) {

@@ -352,8 +352,6 @@ uint32_t CFM_LBR_Process(CfmPacket *packet) {
     return CFM_ERR_FAILURE;
   uint32_t trans_id = get_be32(frame + off.body + lb::kBodyTransId);
 
-  write_lbr_row(frame + wire::kSrc, trans_id);
-
   if (get_be16(frame + off.ether_type) != kCfmEtherType || cfm_version(frame[off.level_version]) != 0 ||
       frame[off.opcode] != kOpLbr || frame[off.flags] != 0 || frame[off.first_tlv_offset] != lb::kFirstTlvOffset)
     return CFM_ERR_FAILURE;
@@ -363,12 +361,18 @@ uint32_t CFM_LBR_Process(CfmPacket *packet) {
   uint32_t walk = walk_lbr_tlvs(frame, len, tlv_start, &data);
   if (walk != CFM_OK) return walk;
 
+  // Only a reply that passed the checks and answers a running loopback gets
+  // a row: anything else from the line would fill the tree.
+  bool answered = false;
   MdEntry md = {};
   while (CFM_GetNext_MD_Entry(&md) == 1) {
     if (md.MdLevel != level) continue;
     MepEntry mep = {};
-    if (cfm_find_mep_in_md(md.MdIndex, packet->vid, packet->rx_port, &mep) && mep.LbmRunning == 1)
+    if (cfm_find_mep_in_md(md.MdIndex, packet->vid, packet->rx_port, &mep) && mep.LbmRunning == 1) {
       count_lbr(&mep, trans_id, data);
+      answered = true;
+    }
   }
+  if (answered) write_lbr_row(frame + wire::kSrc, trans_id);
   return CFM_OK;
 }

@@ -13,11 +13,13 @@ uint32_t cfm_send_lbm(const uint8_t *destination, uint32_t port, uint8_t priorit
                       uint32_t *trans_id, uint8_t md_level, const char *data, size_t data_length);
 uint32_t CFM_LBR_Process(CfmPacket *packet);
 
-// Rows "/runtime/cfm/lbr:N" kept for the LBRs addressed to this router. The
-// count lives in memory (only this daemon writes the tree; it is read once
-// at start), so no LBR lists a directory. At most CFM_MAX_LBR_ROWS rows are
-// written; later LBRs are counted as unwritten until clearlbr.
-constexpr uint32_t CFM_MAX_LBR_ROWS = 4096;
+// Rows "/runtime/cfm/lbr:N" kept for the LBRs that passed the checks and
+// answer a running loopback. The count lives in memory (only this daemon
+// writes the tree; it is read once at start), so no LBR lists a directory.
+// At most CFM_MAX_LBR_ROWS rows are written (a row is two files, about 8 KiB
+// on a tmpfs: 256 KiB in all); later LBRs are counted as unwritten until
+// clearlbr.
+constexpr uint32_t CFM_MAX_LBR_ROWS = 32;
 uint32_t cfm_lbr_rows();
 uint32_t cfm_lbr_rows_unwritten();
 // Deletes every row (clearlbr) and starts counting from 0 again.

@@ -1,11 +1,13 @@
 #include "io/rx.h"
 
+#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "core/frame_type.h"
 #include "core/global.h"
@@ -280,7 +282,7 @@ void cfm_set_rx_source(CfmRxSource source) { g_rx_source.store(source); }
 
 void cfm_rx_follow_debug() {
   bool debug = isCfmDebugOn() != 0;
-  for (int fd : {g_rx_fd.load(), _cfm_lan_sock_fd}) {
+  for (int fd : {g_rx_fd.load(), _cfm_lan_sock_fd.load()}) {
     if (fd >= 0) packet_filter_attach(fd, debug);
   }
 }
@@ -487,12 +489,51 @@ uint32_t CFM_Receive_Packet(CfmPacket *packet) {
   return result;
 }
 
+namespace {
+
+// A LAN named with -w that did not exist yet; set before the receive task
+// starts and then read and cleared by that task alone.
+char g_pending_lan[IFNAMSIZ];
+
+// Opens the LAN socket on the interface index already known.
+bool open_lan_socket(const char *lan_name) {
+  const char *failed_step = nullptr;
+  int fd = _ifc_lan_index > 0 ? cfm_wan_socket_open(_ifc_lan_index, &failed_step, true) : -1;
+  if (fd < 0) {
+    printf("CFM: LAN interface %s cannot be used, nothing is relayed\n", lan_name);
+    _ifc_lan_index = 0;
+    return false;
+  }
+  reserve_receive_queue(fd);
+  _cfm_lan_sock_fd = fd;
+  return true;
+}
+
+// On the receive task, at most once a second: opens the pending LAN once it
+// exists.
+void open_pending_lan() {
+  static time_t last_look = 0;
+  time_t now = time(nullptr);
+  if (g_pending_lan[0] == '\0' || now == last_look) return;
+  last_look = now;
+  unsigned index = if_nametoindex(g_pending_lan);
+  if (index == 0) return;
+  if (isCfmDebugOn()) printf("CFM endof waiting %s\n", g_pending_lan);
+  _ifc_lan_index = static_cast<int>(index);
+  open_lan_socket(g_pending_lan);
+  fflush(stdout);
+  g_pending_lan[0] = '\0';
+}
+
+}  // namespace
+
 void *cfm_rx_task(void *) {
   int fd = g_rx_fd.load();
   if (fd < 0) fd = open_rx_socket();
   if (fd < 0) return nullptr;
-  const int fds[2] = {fd, _cfm_lan_sock_fd};
   for (;;) {
+    open_pending_lan();
+    const int fds[2] = {fd, _cfm_lan_sock_fd};
     // Sleep in the kernel until a frame is queued on either side (a quiet
     // second ends the wait without a read), then take a bounded batch from
     // each side in turn, so a flood on one side never starves the other. A
@@ -509,16 +550,11 @@ void *cfm_rx_task(void *) {
 
 bool CFM_Open_Lan(const char *wan_name, const char *lan_name) {
   CFM_Get_Wan_Lan_Ifindex(wan_name, lan_name);
-  const char *failed_step = nullptr;
-  int fd = _ifc_lan_index > 0 ? cfm_wan_socket_open(_ifc_lan_index, &failed_step, true) : -1;
-  if (fd < 0) {
-    printf("CFM: LAN interface %s cannot be used, nothing is relayed\n", lan_name);
-    _ifc_lan_index = 0;
-    return false;
-  }
-  reserve_receive_queue(fd);
-  _cfm_lan_sock_fd = fd;
-  return true;
+  return open_lan_socket(lan_name);
+}
+
+void CFM_Open_Lan_When_Present(const char *lan_name) {
+  snprintf(g_pending_lan, sizeof g_pending_lan, "%s", lan_name);
 }
 
 uint32_t CFM_Create_Rx_Task() {

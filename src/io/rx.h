@@ -33,6 +33,9 @@ void *cfm_rx_task(void *);
 // way the WAN's is opened; the receive task then reads both sides. False,
 // after one line of report, when the LAN interface cannot be used.
 bool CFM_Open_Lan(const char *wan_name, const char *lan_name);
+// For -w: the receive task opens the LAN once the interface exists, without
+// holding anything else up.
+void CFM_Open_Lan_When_Present(const char *lan_name);
 uint32_t CFM_Create_Rx_Task();  // CFM_OK, or CFM_ERR_FAILURE if not created
 
 uint32_t rx_wan_packet(CfmPacket *packet);

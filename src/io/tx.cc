@@ -21,10 +21,10 @@
 #include "io/frame.h"
 
 int _cfm_wan_sock_fd = -1;
-int _cfm_lan_sock_fd = -1;
+std::atomic<int> _cfm_lan_sock_fd{-1};
 int _cfm_sock_fd = -1;
 int _ifc_wan_index = 0;
-int _ifc_lan_index = 0;
+std::atomic<int> _ifc_lan_index{0};
 
 namespace {
 

@@ -1,6 +1,7 @@
 // Transmission towards the WAN and the LAN, and the platform facts the
 // engines ask for (interface index, system MAC, port and interface status).
 #pragma once
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -10,10 +11,11 @@
 // start-up, or on the first WAN send. The receive task opens its own socket
 // with cfm_wan_socket_open (src/io/wan_socket.h) and never writes this one.
 extern int _cfm_wan_sock_fd;
-extern int _cfm_lan_sock_fd;
+// The LAN side may be opened late, by the receive task, while other tasks send.
+extern std::atomic<int> _cfm_lan_sock_fd;
 extern int _cfm_sock_fd;
 extern int _ifc_wan_index;
-extern int _ifc_lan_index;
+extern std::atomic<int> _ifc_lan_index;
 
 // Frames shorter than 64 bytes are padded with zeros; a tag with VID 0 is
 // removed and the wire length kept. The last three arguments are not used.

@@ -14,6 +14,7 @@
 #include "core/global.h"
 #include "io/frame.h"
 #include "io/packet_filter.h"
+#include "io/vlan_aux.h"
 
 namespace {
 
@@ -157,24 +158,7 @@ long cfm_wan_socket_read(int fd, uint8_t *buf, size_t cap) {
   uint16_t tpid = cfm::kTpid8021Q;
   bool tagged = outer_tag(&msg, &tpid, &tci);
 
-  size_t out = 0;
-  auto put = [&](const uint8_t *src, size_t n) {
-    size_t room = cap - out;
-    size_t take = n < room ? n : room;
-    if (take != 0) memcpy(buf + out, src, take);
-    out += take;
-  };
-  if (tagged && length >= cfm::wire::kTpid) {
-    uint8_t tag[cfm::kTagLen];
-    cfm::put_be16(tag, tpid);
-    cfm::put_be16(tag + 2, tci);
-    put(frame, cfm::wire::kTpid);
-    put(tag, sizeof tag);
-    put(frame + cfm::wire::kTpid, length - cfm::wire::kTpid);
-  } else {
-    put(frame, length);
-  }
-  return static_cast<long>(out);
+  return static_cast<long>(cfm_vlan_reinsert(frame, length, tagged, tpid, tci, buf, cap));
 }
 
 int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *lengths, int max,
@@ -209,15 +193,10 @@ int cfm_wan_socket_read_batch(int fd, uint8_t *const *bufs, size_t cap, long *le
     }
     if (from[i].sll_pkttype == PACKET_OUTGOING) {
       lengths[i] = 0;
-    } else if (outer_tag(&msgs[i].msg_hdr, &tpid, &tci) && length >= cfm::wire::kTpid) {
-      memmove(buf, buf + cfm::kTagLen, cfm::wire::kTpid);
-      cfm::put_be16(buf + cfm::wire::kTpid, tpid);
-      cfm::put_be16(buf + cfm::wire::kTpid + 2, tci);
-      size_t total = length + cfm::kTagLen;
-      lengths[i] = static_cast<long>(total < cap - cfm::kTagLen ? total : cap - cfm::kTagLen);
     } else {
-      memmove(buf, buf + cfm::kTagLen, length);
-      lengths[i] = static_cast<long>(length);
+      bool tagged = outer_tag(&msgs[i].msg_hdr, &tpid, &tci);
+      size_t rebuilt = cfm_vlan_reinsert(buf + cfm::kTagLen, length, tagged, tpid, tci, buf, cap - cfm::kTagLen);
+      lengths[i] = static_cast<long>(rebuilt);
     }
   }
   return got;

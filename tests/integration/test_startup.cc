@@ -105,9 +105,10 @@ TEST_F(Startup, NoSemaphoreSetOutlivesSignalsOrKills) {
   EXPECT_EQ(semctl(foreign, 0, GETVAL), 7);
 }
 
+// -w waits for the WAN only; a LAN named with -l is opened once it appears.
 TEST_F(Startup, WaitOptionWaitsUntilTheInterfaceExists) {
   ASSERT_EQ(Shell("command -v ifconfig >/dev/null"), 0) << "ifconfig (net-tools) is needed for -w";
-  ASSERT_TRUE(StartDaemon({"-i", "late0", "-w", "-d"}));
+  ASSERT_TRUE(StartDaemon({"-i", "late0", "-w", "-d", "-l", "late2"}));
   std::this_thread::sleep_for(std::chrono::milliseconds(1000));
   EXPECT_TRUE(Running());
   EXPECT_EQ(Output().find("CFM endof waiting"), std::string::npos) << Output();
@@ -115,6 +116,9 @@ TEST_F(Startup, WaitOptionWaitsUntilTheInterfaceExists) {
   EXPECT_TRUE(WaitForOutput("CFM endof waiting late0\n", 5000)) << Output();
   EXPECT_TRUE(WaitForOutput("CFM: CFM_Get_Ifindex\n", 1000)) << Output();
   EXPECT_EQ(Output().find("Can't get late0 mac"), std::string::npos) << Output();
+  ASSERT_TRUE(AddLink("late2", "late3"));
+  EXPECT_TRUE(WaitForOutput("CFM endof waiting late2\n", 3000)) << Output();
+  EXPECT_EQ(Output().find("cannot be used"), std::string::npos) << Output();
   EXPECT_EQ(Stop().signal, SIGTERM);
 }
 

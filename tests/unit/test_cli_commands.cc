@@ -73,13 +73,13 @@ TEST_F(CliCommands, MdAndMaFieldsTextsAndDeleteRules) {
   const char ok[] = "\r\nMD config Success!!";
   const char md_has_ma[] = "\r\n This MD has MA entry, need to delete all this MD's MA!\r\n";
   ExpectCli({{"createmd 3 0 5 4 core", ""}, {"createmd 3 0 5 4 core", "\r\nError!! MD Index exist"},
-             {"createmd 1 0 2 0 one 1 12 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
+             {"createmd 1 0 2 0 one 1 14 2 21", ""}, {"configmd 9 0 6", "\r\nError!! MD Index doenn't exist"},
              {"configmd 3 0 8", "\r\nError!! MD config fail"}, {"configmd 3 1 11 2 21", ok}, {"configmd 3 2 23", ok},
              {"configmd 3 3 7 0 6 4 0123456789012345678901234567890123456789012345678", ok},
              {"createmd 5 0 1 0 " + std::string(44, 'n'), "\r\nError!! MD Table is full"},
              {"createmd 5 0 1 0 12345", ""},            // a numeric name is the text as sent
              {"createmd 6 x 2 x six 0 4 renamed", ""},  // code 0 is configmd's alone
-             {"showmd", "\r\nMdIndex : 1\r\nMdFormat : dnslikename\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
+             {"showmd", "\r\nMdIndex : 1\r\nMdFormat : charstring\r\nMdLevel : 2\r\nMhfCreation : defmhfnone\r\n"
                         "MdName : one\r\n\r\nMdIndex : 3\r\nMdFormat : none\r\nMdLevel : 6\r\n"
                         "MhfCreation : defmhfnone\r\nMdName : 0123456789012345678901234567890123456789012\r\n\r\n"
                         "MdIndex : 5\r\nMdFormat : charstring\r\nMdLevel : 1\r\nMhfCreation : defmhfdefault\r\n"
@@ -94,22 +94,31 @@ TEST_F(CliCommands, MdAndMaFieldsTextsAndDeleteRules) {
                         "CcmInterval : rfc2865vpnid\r\n\r\nMdIndex : 1\r\nMaIndex : 5\r\nFormat : charstring\r\n"
                         "Name : renamed\r\nCcmInterval : 10min\r\n\r\nMdIndex : 3\r\nMaIndex : 7\r\n"
                         "Format : charstring\r\nName : seven\r\nCcmInterval : unsignedint16\r\n"},
+             {"createma 1 0 6 0 " + std::string(46, 'a'), "\r\nError!! MA Table is full"},  // 45 at most
+             {"createma 1 0 6 0 " + std::string(46, 'a') + " 2 six", ""},
              {"createmep 1 0 5 0 9 0 1 0 0 0 1", ""},
              {"deletemd 1", "\r\n This MD has MEP entry, need to delete all this MD's MEP!\r\n"},
              {"deletema 1 0 5", "\r\n This MA has MEP entry, need to delete all this MA's MEP!\r\n"},
              {"deletemep 1 0 5 0 9 0 1 0 0 0 1", ""}, {"deletemd 1", md_has_ma}, {"deletemd 3", ""},
              {"deletemd 3", "\r\n This MD is not exist!\r\n"}, {"deletema 1 0 4", ""},
              {"deletema 1 0 4", "\r\n This MA is not exist!\r\n"}});
+  MaNetEntry six = {.MdIndex = 1, .MaIndex = 6};
+  CFM_IF_Get_MA_Net_Entry(&six);
+  EXPECT_EQ(std::make_pair(std::string(six.MaName), int(six.CcmInterval)), std::make_pair(std::string("six"), 4));
 }
 
 TEST_F(CliCommands, MepCreateConfigDelete) {
   MakeMdMa(false);
-  // An unknown direction still creates the MEP, as Down (deleted below).
+  // An unknown direction still creates the MEP, as Down (deleted below), and
+  // finds it when repeated; 2 creates an Up MEP.
   ExpectCli({{"createmep 1 0 3 0 10 0 1 0 0 0 1", "\r\nError!! MA Index doesn't exist"},
              {"createmep 4 0 2 0 10 0 1 0 0 0 1", "\r\nError!! MD Index doesn't exist"},
              {"createmep 1 0 2 0 10 0 1 0 0 0 1", ""}, {"createmep 1 0 2 0 11 0 1 0 0 0 7", ""},
+             {"createmep 1 0 2 0 11 0 1 0 0 0 0", "\r\nError!! MEP Index exist"},
+             {"createmep 1 0 2 0 12 0 1 0 0 0 2", ""},
              {"createmep 1 0 2 0 10 0 1 0 0 0 1", "\r\nError!! MEP Index exist"},
              {"createmep 1 0 2 0 9000 0 1 0 0 0 1", "\r\nError!! MEP Table is full, status: 12000011 "}});
+  EXPECT_EQ(Mep(12, CFM_DIRECTION_UP).direction, CFM_DIRECTION_UP);
 
   EXPECT_EQ(ConfigMep("1 120 2 22 3 5 4 44 6 00:11:22:33:44:55 7 3 8 6 9 92 10 aa:bb:cc:dd:ee:ff 11 9 "
                       "13 77 14 257 15 hello 16 88 17 1"),
@@ -142,7 +151,8 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
   EXPECT_EQ(harness::stdout_of([&] { EXPECT_EQ(cfm_cli_run_command(list.data()), 2); }), "");
   EXPECT_EQ(strlen(Mep().LbmDataTlv), 1201u);
   // deletemep's Down is 1, so 100 deletes nothing.
-  ExpectCli({{"deletemep 1 0 2 0 11 0 1 0 0 0 100", ""}, {"deletemep 1 0 2 0 11 0 1 0 0 0 1", ""},
+  EXPECT_EQ(cfm_cli_run_line("deletemep 1 0 2 0 11 0 1 0 0 0 100"), 0);
+  ExpectCli({{"deletemep 1 0 2 0 11 0 1 0 0 0 1", ""},
              {"deletemep 1 0 2 0 11 0 1 0 0 0 1", "\r\n This MEP is not exist!\r\n"}});
   // A loopback still running refuses the request.
   mep = Mep();
@@ -162,7 +172,7 @@ TEST_F(CliCommands, GuardsLeaveTheDatabaseUnchanged) {
              {"configmd 1 0 6 1", kMissing},     {"configmd 1 0 six", kInvalid},
              {"configma 1 0 2 3 29 2", kMissing}, {"createmep 1 0 2 0 10 0 1 0 0 0", kMissing},
              {mep + "7", kMissing},              {mep + "7 many", kInvalid},
-             {mep + "-4 1", kInvalid},           {"update", kMissing}});
+             {mep + "-4 1", kInvalid},           {"update", kMissing}, {"configmd 1 0 6 zz 1", kInvalid}});
   EXPECT_EQ(snapshot(), before);
   EXPECT_EQ(Cli("createmd 7 x 1 0 name"), "");  // skipped words are never read
 }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/config_tree.h"
+#include "core/timer.h"
 
 namespace fs = std::filesystem;
 
@@ -65,6 +66,16 @@ TEST_F(ConfigTreeDir, ConcurrentWritersAndReadersSeeWholeValues) {
   b.join();
   EXPECT_EQ(torn, 0);
   EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/shared") % 100000, 299);
+}
+
+// The timer's period is read from /cfm/ccm_interval: 10ms, 100ms or 1s;
+// anything else, or no value, gives one second.
+TEST_F(ConfigTreeDir, TimerPeriodFromTheTree) {
+  EXPECT_EQ(cfm_timer_period_ms(), 1000u);
+  for (auto [text, ms] : {std::pair<const char *, uint32_t>{"10ms", 10}, {"100ms", 100}, {"1s", 1000}, {"10", 1000}}) {
+    ConfigTree::setStr(text, "/cfm/ccm_interval");
+    EXPECT_EQ(cfm_timer_period_ms(), ms) << text;
+  }
 }
 
 }  // namespace

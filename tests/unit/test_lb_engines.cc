@@ -160,8 +160,12 @@ TEST_F(Initiator, TargetResolutionAndFailedSend) {
   EXPECT_EQ(read_mep(mep).NextLbmTransId, 40u);
 }
 
-TEST_F(Initiator, LbrDropsAndCounting) {
+// Rows: only for a reply that passed the checks and answers a running run,
+// and bounded.
+TEST_F(Initiator, LbrDropsCountingAndRows) {
+  const Bytes good = {3, 0, 3, 'a', 'b', 'c'};
   MepEntry mep = start_run(3, kPeer, "abc", 20);
+  EXPECT_EQ(lbr(20, good), CFM_OK);  // the run has not started
   CFM_LBI_XMIT_Check();
   // Dropped, and counted nowhere (the counts below would show it).
   const Bytes lbm_opcode = cfm_frame(kSelf, kPeer, 2, 3, 0, 4, {0, 0, 0, 20, 0});
@@ -171,8 +175,6 @@ TEST_F(Initiator, LbrDropsAndCounting) {
   EXPECT_EQ(lbr(cfm_frame(kPeer, kPeer, 2, 2, 0, 4, {0, 0, 0, 20, 0})), CFM_ERR_FAILURE);       // not for us
   EXPECT_EQ(lbr(lbm_opcode), CFM_ERR_FAILURE);
   EXPECT_EQ(lbr(slice(lbm_opcode, 0, 20)), CFM_ERR_FAILURE);
-
-  const Bytes good = {3, 0, 3, 'a', 'b', 'c'};
   EXPECT_EQ(lbr(20, good), CFM_OK);
   EXPECT_EQ(lbr(22, good), CFM_OK);  // 21 expected: out of order, expects 22
   EXPECT_EQ(lbr(22, good), CFM_OK);  // now in order
@@ -181,6 +183,8 @@ TEST_F(Initiator, LbrDropsAndCounting) {
   MepEntry m = read_mep(mep);
   EXPECT_EQ(Bytes({uint8_t(m.LbrIn), uint8_t(m.LbrInOutOfOrder), uint8_t(m.LbrBadMsdu), uint8_t(m.LbrExpectedTransId)}),
             Bytes({4, 1, 2, 25}));
+  for (uint32_t id = 25; id < 65; ++id) lbr(id, good);
+  EXPECT_EQ(std::make_pair(cfm_lbr_rows(), cfm_lbr_rows_unwritten()), std::make_pair(CFM_MAX_LBR_ROWS, 13u));
 }
 
 }  // namespace

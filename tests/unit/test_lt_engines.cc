@@ -158,10 +158,12 @@ TEST_F(Linktrace, LtrsAreRecordedAndNumberedOrRefused) {
   EXPECT_EQ(Bytes({uint8_t(all[1].ReplyNumber), all[1].relay, uint8_t(all[1].forward), uint8_t(all[2].ReplyNumber)}),
             Bytes({1, 2, 1, 2}));
   // With its Hit row gone (a full table drops it first) the transaction is
-  // still expected through its other replies.
+  // still expected through its other replies, and only it (the next row of
+  // an earlier one is not its own).
   ASSERT_EQ(CFM_DB_Del_LtrEntry(&all[0]), CFM_DB_FOUND);
   EXPECT_EQ(ltr_in(5, 2, 0x40, {0}), CFM_OK);
-  EXPECT_EQ(read_mep(mep).UnexpectedLtrIn, 1u);
+  EXPECT_EQ(ltr_in(4, 2, 0x40, {0}), CFM_ERR_FAILURE);
+  EXPECT_EQ(read_mep(mep).UnexpectedLtrIn, 2u);
 }
 
 }  // namespace

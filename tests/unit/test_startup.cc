@@ -2,6 +2,8 @@
 // PVC MAC table.
 #include "core/startup.h"
 
+#include <sys/sem.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -53,6 +55,8 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
        CFM_FRAME_TYPE_8023},
       {{"-x", "-i", "a0", "-q", "-i", "b0", "-f", "ethernet"}, 1, "b0", "", CFM_FRAME_TYPE_ETH},
       {{"-i", std::string(40, 'x'), "-f", "8023", "-f", "802"}, 1, "xxxxxxxxxxxxxxx", "", CFM_FRAME_TYPE_UNKNOWN},
+      {{"-i", "wan0", "-l", "wan0"}, 1, "wan0", "CFM: LAN interface wan0 is the WAN interface, nothing is relayed\n",
+       CFM_FRAME_TYPE_UNKNOWN},
       {{"-e", "-w", "-f", "eth"}, 0, "", "CFM need interface\n", CFM_FRAME_TYPE_ETH},
   };
   for (Case &c : cases) {
@@ -71,6 +75,7 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
     EXPECT_EQ(frame_type, c.frame_type) << out;
   }
   EXPECT_EQ(isCfmEnable(), 1u);  // -e of the second case stays
+  EXPECT_STREQ(g_cfm_extra_options.lan_ifname, "");
 }
 
 // Lines past the announced count are ignored and blank lines not counted; a
@@ -95,6 +100,58 @@ TEST_F(StartupInput, PvcMacFile) {
     EXPECT_EQ(checkPvcMac(c.probe.data()), c.match) << c.text;
   }
   EXPECT_EQ(checkPvcMac(nullptr), 0);
+}
+
+long long ChangeTime(int id) {
+  semid_ds ds = {};
+  return semctl(id, 0, IPC_STAT, &ds) == 0 ? static_cast<long long>(ds.sem_ctime) : -1;
+}
+
+// A dead run's record removes only the sets that still look as recorded
+// (private key, mode 0, one semaphore, the recorded change time; records
+// without times: changed before the record); a pid of 1 or less or out of
+// range removes nothing. The record is written with times, never through a
+// link left at its temporary name.
+TEST_F(StartupInput, StaleSetRecord) {
+  pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  waitpid(dead, nullptr, 0);
+  int ours = semget(IPC_PRIVATE, 1, IPC_CREAT), older = semget(IPC_PRIVATE, 1, IPC_CREAT);
+  int foreign = semget(0x5e000000 + getpid(), 1, IPC_CREAT | 0644);  // as ipcmk -S 1 makes it
+  const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
+  for (const char *pid : {"0", "-5", "1", "4194305"}) CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+  EXPECT_GE(ChangeTime(ours), 0);
+  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(foreign) + ":" + std::to_string(ChangeTime(foreign)) +
+                                   " " + std::to_string(older) + ":" + std::to_string(ChangeTime(older) - 5) + set));
+  EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0),
+            std::make_tuple(false, true, true));
+  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(older) + " " + std::to_string(foreign)));
+  EXPECT_EQ(std::make_pair(ChangeTime(older), ChangeTime(foreign) >= 0), std::make_pair(-1LL, true));
+  semctl(foreign, 0, IPC_RMID);
+
+  const std::string target = kScratch + ".target", tmp = kScratch + ".tmp";
+  std::ofstream(target) << "keep";
+  ASSERT_EQ(symlink(target.c_str(), tmp.c_str()), 0);
+  CFM_OS_Init(kScratch.c_str());
+  int mine = CFM_OS_Create_Semaphore("t", 1, 1), sets = CFM_OS_Semaphore_Count();
+  CFM_OS_Init("");
+  std::ifstream written(kScratch), kept(target);
+  std::string text((std::istreambuf_iterator<char>(written)), {}), keep((std::istreambuf_iterator<char>(kept)), {});
+  CfmStaleRecord parsed;
+  ASSERT_TRUE(cfm_parse_stale_record(text.data(), text.size(), &parsed)) << text;
+  const CfmStaleSet &last = parsed.sets[parsed.count - 1];
+  EXPECT_EQ(std::make_tuple(parsed.pid, last.id, last.ctime), std::make_tuple(long{getpid()}, mine, ChangeTime(mine)));
+  EXPECT_EQ(keep, "keep");
+  CFM_OS_Delete_Semaphore(mine);
+  EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
+  // Negative ids are passed over, at most 64 sets are read, and a number of
+  // more than 18 digits (leading zeros too) ends the record.
+  std::string many = "77 -3 4:9";
+  for (int i = 0; i < 70; ++i) many += " 5";
+  ASSERT_TRUE(cfm_parse_stale_record(many.data(), many.size(), &parsed));
+  EXPECT_EQ(std::make_tuple(parsed.count, parsed.sets[0].id, parsed.sets[0].ctime), std::make_tuple(size_t{64}, 4, 9LL));
+  EXPECT_TRUE(cfm_parse_stale_record("77 4 0000000000000000000077 5", 29, &parsed) && parsed.count == 1);
+  unlink(target.c_str());
 }
 
 }  // namespace

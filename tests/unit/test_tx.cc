@@ -1,6 +1,8 @@
 // Transmission through the tx hook: the edges of VID-0 tag removal and
 // padding, the hook's side and answer, and the hook swapped while other
 // threads send.
+#include <sys/socket.h>
+
 #include <atomic>
 #include <thread>
 
@@ -73,8 +75,10 @@ TEST_F(Tx, BatchedSendsLeaveInOrderAndReportTheirOwnFailures) {
 }
 
 // Senders on several threads while the hook is set and cleared: every
-// send goes to exactly one hook or the (absent) LAN socket, nothing crashes.
+// send goes to exactly one hook or the LAN socket, which refuses it (a UDP
+// socket given a packet address), nothing crashes.
 TEST(TxHookThreads, HookSwappedWhileSending) {
+  _cfm_lan_sock_fd = socket(AF_INET, SOCK_DGRAM, 0);
   std::atomic<int> hooked{0}, sent{0}, ok{0};
   std::atomic<bool> stop{false};
   Bytes f = tagged(5, 64);
@@ -87,10 +91,11 @@ TEST(TxHookThreads, HookSwappedWhileSending) {
   for (int round = 0; round < 200; ++round) {
     cfm_set_tx_hook([&](CfmTxSide, const uint8_t *, size_t len) { return ++hooked, len == 64; });
     std::this_thread::yield();
-    cfm_set_tx_hook(nullptr);  // the LAN socket is not open: those sends fail
+    cfm_set_tx_hook(nullptr);
   }
   stop = true;
   for (auto &t : senders) t.join();
+  close(_cfm_lan_sock_fd.exchange(-1));
   EXPECT_EQ(ok.load(), hooked.load());
   EXPECT_GT(sent.load(), 0);
 }

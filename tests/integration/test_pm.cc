@@ -40,7 +40,7 @@ auto Opcode(uint8_t op) {
 
 class PmLab : public Lab {
  protected:
-  void Setup(bool pm) {
+  void StartLab(bool pm) {
     std::vector<std::string> args = DefaultArgs();
     if (pm) args.push_back("-y");
     ASSERT_TRUE(StartDaemonReady(args));
@@ -53,7 +53,7 @@ class PmLab : public Lab {
 };
 
 TEST_F(PmLab, AnswersDmmAndSlmExactlyOnlyWithOptionY) {
-  Setup(true);
+  StartLab(true);
   Frame dmm = Pm(47, 32);
   Put32(dmm, 22, 0x12345678), Put32(dmm, 26, 0x9abcdef0);
   int64_t before = NowNs();
@@ -109,7 +109,7 @@ TEST_F(PmLab, AnswersDmmAndSlmExactlyOnlyWithOptionY) {
 }
 
 TEST_F(PmLab, WithoutOptionYNothingAnswers) {
-  Setup(false);
+  StartLab(false);
   ASSERT_TRUE(peer().Send(Pm(47, 32)));
   ASSERT_TRUE(peer().Send(Pm(55, 16)));
   EXPECT_TRUE(peer().ReceiveAll(500, [](const Frame &f) { return Opcode(46)(f) || Opcode(54)(f); }).empty());

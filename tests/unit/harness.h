@@ -67,7 +67,8 @@ inline std::string Cli(const std::string &line) {
 // table commands (create, config, delete, showmd) answer 0 when that text is
 // a refusal, 1 for showmd, 2 otherwise.
 inline void ExpectCli(std::initializer_list<std::pair<std::string, std::string>> steps) {
-  for (const auto &[line, text] : steps) {
+  for (const auto &step : steps) {
+    const std::string &line = step.first, &text = step.second;  // a lambda captures these
     int result = -1;
     EXPECT_EQ(stdout_of([&] { result = cfm_cli_run_line(line.c_str()); }), text) << line;
     bool refused = text.find("Error!!") != text.npos || text.find(" not exist") != text.npos ||

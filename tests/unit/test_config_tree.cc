@@ -43,6 +43,9 @@ TEST_F(ConfigTreeDir, KeysStayInsideAndRowsAreCounted) {
   ConfigTree::delStr("/..");
   EXPECT_TRUE(fs::exists(root_));
   EXPECT_EQ(ConfigTree::getInt(nullptr, "/../etc/passwd"), 0);
+  ConfigTree::setInt(7, "/x/y");  // one-character components are keys like any other
+  EXPECT_EQ(ConfigTree::getInt(nullptr, "/x/y"), 7);
+  ConfigTree::delStr("/x");
 
   // (Deleting a row with everything under it is checked through the export.)
   for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/lbr:%d/transID", n);

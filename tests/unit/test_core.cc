@@ -14,6 +14,8 @@ TEST(Hwaddr, ParsesSixHexPairsOnly) {
   uint8_t mac[6];
   ASSERT_EQ(hwaddr_aton("00:1A:2b:3C:4d:5Exyz", mac), 0);  // text after the sixth pair is not examined
   EXPECT_EQ(std::vector<uint8_t>(mac, mac + 6), (std::vector<uint8_t>{0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}));
+  ASSERT_EQ(hwaddr_aton("09:af:AF:f9:F0:90", mac), 0);  // the last digit of each range
+  EXPECT_EQ(std::vector<uint8_t>(mac, mac + 6), (std::vector<uint8_t>{0x09, 0xaf, 0xaf, 0xf9, 0xf0, 0x90}));
   for (const char *bad : {"00-1a-2b-3c-4d-5e", "0:1:2:3:4:5", "00:11:22:33:44", "00:11:22:33:44:5", "",
                           "g0:11:22:33:44:55", "00:11:22:33:44:5g", "00::11:22:33:44:55", (const char *)nullptr}) {
     EXPECT_EQ(hwaddr_aton(bad, mac), -1) << (bad ? bad : "null");

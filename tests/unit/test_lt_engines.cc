@@ -111,8 +111,9 @@ TEST_F(Linktrace, LtmsThatGetNoAnswerAndAnUpperLevelOneCrossesToTheLan) {
                               ltm(kLtmGroup2, kSelf, 1), slice(good, 0, 45), slice(good, 0, 34),
                               cfm_frame(kLtmGroup2, kPeer, 2, 5, 0, 17,
                                         cat({{0, 0, 0, 9, 16}, mac(kPeer), mac(kSelf), {1, 0, 0, 0}}))};
-  // Egress identifier too short, group original MAC, first TLV offset 16.
-  for (auto [at, value] : {std::pair<size_t, uint8_t>{37, 7}, {23, 0x03}, {17, 16}}) {
+  // Egress identifier too short, group original MAC, first TLV offset 16,
+  // version 1.
+  for (auto [at, value] : {std::pair<size_t, uint8_t>{37, 7}, {23, 0x03}, {17, 16}, {14, 0x41}}) {
     cases.push_back(good);
     cases.back()[at] = value;
   }

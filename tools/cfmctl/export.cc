@@ -4,14 +4,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <utility>
 #include <vector>
 
+#include "files.h"
 #include "status.h"
-
-namespace fs = std::filesystem;
 
 namespace cfmctl {
 
@@ -51,43 +48,33 @@ const std::vector<ExportKind> &export_kinds() {
   return kinds;
 }
 
-std::string read_value(const fs::path &path) {
-  std::ifstream in(path);
-  std::string line;
-  if (!in || !std::getline(in, line)) return "";
-  return line;
-}
-
 using Row = std::vector<std::pair<std::string, std::string>>;
 
 // Rows "<table>:<n>" under DIR/runtime/cfm, in the order of n.
-std::vector<Row> read_table_rows(const fs::path &base, const ExportKind &kind) {
-  std::vector<std::pair<long, fs::path>> found;
-  std::error_code ec;
+std::vector<Row> read_table_rows(const std::string &base, const ExportKind &kind) {
+  std::vector<std::pair<long, std::string>> found;
   std::string prefix = std::string(kind.table) + ":";
-  for (fs::directory_iterator it(base, ec), end; !ec && it != end; it.increment(ec)) {
-    std::string name = it->path().filename().string();
-    if (name.compare(0, prefix.size(), prefix) != 0 || name.size() == prefix.size()) continue;
-    std::string digits = name.substr(prefix.size());
-    if (!std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) continue;
-    if (digits.size() > 9) continue;
-    found.emplace_back(std::stol(digits), it->path());
+  for (const std::string &name : list_dir(base)) {
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    long number = small_number(name.substr(prefix.size()));
+    if (number >= 0) found.emplace_back(number, base + "/" + name);
   }
   std::sort(found.begin(), found.end());
   std::vector<Row> rows;
   for (const auto &[number, path] : found) {
     Row row = {{"row", std::to_string(number)}};
-    for (const char *column : kind.columns) row.emplace_back(column, read_value(path / column));
+    for (const char *column : kind.columns) row.emplace_back(column, read_first_line(path + "/" + column));
     rows.push_back(row);
   }
   return rows;
 }
 
-std::vector<Row> read_rows(const fs::path &tree, const ExportKind &kind) {
-  fs::path base = tree / "runtime" / "cfm";
+std::vector<Row> read_rows(const std::string &tree, const ExportKind &kind) {
+  std::string base = tree + "/runtime/cfm";
   if (kind.table != nullptr) return read_table_rows(base, kind);
   Row row;
-  for (const char *column : kind.columns) row.emplace_back(column, read_value(base / kind.dir / column));
+  std::string dir = base + "/" + kind.dir + "/";
+  for (const char *column : kind.columns) row.emplace_back(column, read_first_line(dir + column));
   return {row};
 }
 

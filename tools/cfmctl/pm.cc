@@ -1,11 +1,12 @@
 #include "cfmctl/pm.h"
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <map>
 
-namespace fs = std::filesystem;
+#include "cfmctl/files.h"
+
+using cfmctl::list_dir;
+using cfmctl::read_first_line;
 
 namespace {
 
@@ -37,22 +38,12 @@ int start(const std::vector<std::string> &args, const std::string &kind,
   return send(request);
 }
 
-std::string read_value(const fs::path &file) {
-  std::ifstream in(file);
-  std::string line;
-  std::getline(in, line);
-  return line;
-}
-
 // Rows DIR/runtime/cfm/pm/<kind>:<n>/<field>, printed one per line.
 void print_rows(const std::string &tree, bool json) {
-  fs::path base = fs::path(tree) / "runtime" / "cfm" / "pm";
-  std::error_code ec;
+  std::string base = tree + "/runtime/cfm/pm/";
   std::map<std::string, std::map<std::string, std::string>> rows;
-  for (const auto &dir : fs::directory_iterator(base, ec)) {
-    for (const auto &file : fs::directory_iterator(dir.path(), ec)) {
-      rows[dir.path().filename().string()][file.path().filename().string()] = read_value(file.path());
-    }
+  for (const std::string &dir : list_dir(base)) {
+    for (const std::string &file : list_dir(base + dir)) rows[dir][file] = read_first_line(base + dir + "/" + file);
   }
   if (json) printf("{");
   bool first_row = true;

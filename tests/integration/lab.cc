@@ -295,3 +295,13 @@ std::string Lab::RunCfmctl(const std::vector<std::string> &args, int *status) {
 }
 
 }  // namespace cfmlab
+
+std::string Lab::SchemaErrors(const std::string &json, const std::string &schema, bool lines) {
+  static int n = 0;
+  std::string in = "/var/lab/json." + std::to_string(++n), out = in + ".errors";
+  WriteFile(in, json);
+  int status = Shell(std::string("/usr/bin/python3 ") + CFMD_JSON_CHECK + (lines ? " --lines " : " ") +
+                     CFMD_JSON_SCHEMAS + "/" + schema + ".schema.json <" + in + " >" + out + " 2>&1");
+  std::string errors = ReadFile(out);
+  return status == 0 ? "" : errors.empty() ? "json_check failed" : errors;
+}

@@ -86,6 +86,10 @@ class Lab : public ::testing::Test {
   // Runs build/cfmctl; its stdout, and its exit status through *status.
   std::string RunCfmctl(const std::vector<std::string> &args, int *status);
 
+  // What is wrong with `json` as a document of dist/json/<schema>.schema.json
+  // (every line one document when `lines`); "" when it is valid.
+  static std::string SchemaErrors(const std::string &json, const std::string &schema, bool lines = false);
+
   Peer &peer() { return peer_; }
 
  private:

@@ -294,8 +294,6 @@ std::string Lab::RunCfmctl(const std::vector<std::string> &args, int *status) {
   return ReadFile(out_path);
 }
 
-}  // namespace cfmlab
-
 std::string Lab::SchemaErrors(const std::string &json, const std::string &schema, bool lines) {
   static int n = 0;
   std::string in = "/var/lab/json." + std::to_string(++n), out = in + ".errors";
@@ -305,3 +303,5 @@ std::string Lab::SchemaErrors(const std::string &json, const std::string &schema
   std::string errors = ReadFile(out);
   return status == 0 ? "" : errors.empty() ? "json_check failed" : errors;
 }
+
+}  // namespace cfmlab

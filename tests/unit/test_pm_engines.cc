@@ -12,6 +12,8 @@ namespace {
 
 const uint8_t kClass1[6] = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x34};
 const uint8_t kOther[6] = {0x02, 0x99, 0x99, 0x99, 0x99, 0x99};
+int64_t g_ms = 0;  // the sessions' clock while a test sets it
+int64_t test_clock() { return g_ms; }
 
 Bytes stamp(uint32_t sec, uint32_t nsec) { return cat({be32(sec), be32(nsec)}); }
 Bytes dm_body(const Bytes &tx_f, const Bytes &rx_f = Bytes(8), const Bytes &tx_b = Bytes(8)) {
@@ -34,7 +36,14 @@ class Pm : public EngineTest {
   }
   void TearDown() override {
     cfm_pm_enable(false);
+    cfm_pm_set_clock(nullptr);
     EngineTest::TearDown();
+  }
+  static void learn(uint32_t ma, uint16_t id, const uint8_t *at) {
+    RemoteMepEntry r = {};
+    r.md_id = 1, r.ma_id = ma, r.rmep_id = id, r.AgeTime = 100000;
+    memcpy(r.src_mac, at, 6);
+    CFM_MEP_DB_Store_RemEntry(&r);
   }
   // Hands a frame over as received at 1000 s + 500 ns, vid 100, priority 5.
   uint32_t run(uint32_t (*engine)(CfmPacket *), Bytes frame, uint32_t inner_vid = CFM_NO_INNER_VID) {
@@ -42,15 +51,15 @@ class Pm : public EngineTest {
     p.rx_time = {1000, 500};
     return engine(&p);
   }
-  PmCounters counters() {
+  PmCounters counters(uint32_t ma = 1, uint16_t mep = 7) {
     PmLock lock(cfm_pm_mutex());
-    PmMep *pm = cfm_pm_find(1, 1, 7, false);
+    PmMep *pm = cfm_pm_find(1, ma, mep, false);
     return pm != nullptr ? pm->c : PmCounters{};
   }
-  PmSession session(PmKind kind) { return pm().s[kind]; }
-  PmMep pm() {
+  PmSession session(PmKind kind, uint32_t ma = 1, uint16_t mep = 7) { return pm(ma, mep).s[kind]; }
+  PmMep pm(uint32_t ma = 1, uint16_t mep = 7) {
     PmLock lock(cfm_pm_mutex());
-    return *cfm_pm_find(1, 1, 7, false);
+    return *cfm_pm_find(1, ma, mep, false);
   }
   MepEntry down;
 };
@@ -125,10 +134,10 @@ TEST_F(Pm, SlrCountsSlmsPerSourceAndTestWithBoundedMemory) {
 }
 
 TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
-  PmStartRequest req = {kPmDm, 1, 1, 7, {}, 0, false, 2, 100, 3, 0};
+  PmStartRequest req = {kPmDm, 1, 1, 7, {}, 0, false, 2, 100, 3, 0, false};
   memcpy(req.target_mac, kPeer, 6);
-  EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 8, {}, 0, false, 2, 100, 3, 0}), CFM_OK);  // no such MEP
-  EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 7, {}, 0, false, 2, 50, 3, 0}), CFM_OK);   // period
+  EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 8, {}, 0, false, 2, 100, 3, 0, false}), CFM_OK);  // no such MEP
+  EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 7, {}, 0, false, 2, 50, 3, 0, false}), CFM_OK);   // period
   ASSERT_EQ(cfm_pm_start(req), CFM_OK);
   CFM_PM_XMIT_Check();
   ASSERT_EQ(wan_.size(), 1u);
@@ -160,11 +169,8 @@ TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
 }
 
 TEST_F(Pm, LossSessionReportsEachDirection) {
-  RemoteMepEntry rmep = {};
-  rmep.md_id = 1, rmep.ma_id = 1, rmep.rmep_id = 3, rmep.AgeTime = 100000;
-  memcpy(rmep.src_mac, kPeer, 6);
-  CFM_MEP_DB_Store_RemEntry(&rmep);
-  ASSERT_EQ(cfm_pm_start({kPmSlm, 1, 1, 7, {}, 3, true, 0, 100, 0, 77}), CFM_OK);
+  learn(1, 3, kPeer);
+  ASSERT_EQ(cfm_pm_start({kPmSlm, 1, 1, 7, {}, 3, true, 0, 100, 0, 77, true}), CFM_OK);
   for (int i = 0; i < 10; ++i) {
     CFM_PM_XMIT_Check();
     usleep(101000);
@@ -172,20 +178,30 @@ TEST_F(Pm, LossSessionReportsEachDirection) {
   ASSERT_EQ(wan_.size(), 10u);
   EXPECT_EQ(slice(wan_[9], 0, 6), mac(kPeer));
   EXPECT_EQ(slice(wan_[9], 22, 39), sl_body(7, 0, 77, 10, 0));
-  // The peer got 8 of 10 (TxFCb 8 with TxFCf 10); 6 of its 8 replies came back.
-  auto slr = [&](uint32_t test, uint32_t fcf, uint32_t fcb) {
-    return run(CFM_SLR_Process, cfm_frame(kSelf, kPeer, 4, 54, 0, 16, sl_body(7, 3, test, fcf, fcb)));
+  // Between the first SLR (TxFCf 1, TxFCb 1) and the last (10, 8) the peer
+  // got 7 of 9 SLMs; 5 of its 7 replies came back. The responder's count
+  // goes on from an earlier session (+1000): only differences count.
+  auto slr = [&](uint32_t test, uint32_t fcf, uint32_t fcb, uint16_t rsp = 3) {
+    return run(CFM_SLR_Process, cfm_frame(kSelf, kPeer, 4, 54, 0, 16, sl_body(7, rsp, test, fcf, fcb + 1000)));
   };
-  EXPECT_NE(slr(78, 1, 1), CFM_OK);  // another test
-  EXPECT_NE(slr(77, 11, 9), CFM_OK);  // never sent
-  for (uint32_t fcf : {1, 2, 4, 5, 7}) EXPECT_EQ(slr(77, fcf, fcf - fcf / 3), CFM_OK);
-  EXPECT_EQ(slr(77, 10, 8), CFM_OK);
+  EXPECT_NE(slr(78, 1, 1), CFM_OK);      // another test
+  EXPECT_NE(slr(77, 1, 1, 4), CFM_OK);   // another responder
+  EXPECT_NE(slr(77, 11, 9), CFM_OK);     // never sent: invalid
+  EXPECT_NE(slr(77, 0, 9), CFM_OK);      // invalid
   PmResult r = cfm_pm_result(pm(), kPmSlm);
+  EXPECT_FALSE(r.has_far || r.has_near);
+  for (auto [fcf, fcb] : {std::pair{2, 2}, {4, 3}, {5, 4}, {1, 1}, {10, 8}, {7, 5}}) EXPECT_EQ(slr(77, fcf, fcb), CFM_OK);
+  r = cfm_pm_result(pm(), kPmSlm);
   EXPECT_EQ(r.far_lost, 2u);
   EXPECT_EQ(r.near_lost, 2u);
-  EXPECT_DOUBLE_EQ(r.far_ratio, 0.2);
-  EXPECT_DOUBLE_EQ(r.near_ratio, 0.25);
-  EXPECT_EQ(r.lost, 4u);
+  EXPECT_DOUBLE_EQ(r.far_ratio, 2.0 / 9);
+  EXPECT_DOUBLE_EQ(r.near_ratio, 2.0 / 7);
+  EXPECT_EQ(r.lost, 2u);
+  EXPECT_EQ(r.invalid, 2u);
+  EXPECT_EQ(slr(77, 3, 2), CFM_OK);
+  EXPECT_EQ(slr(77, 6, 4), CFM_OK);
+  EXPECT_NE(slr(77, 8, 6), CFM_OK);  // more replies than requests
+  EXPECT_EQ(counters().slr_in, 13u);
 }
 
 TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
@@ -209,8 +225,97 @@ TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
   EXPECT_EQ(session(kPmSlm).test_id, 5u);
   EXPECT_EQ(Cli("pmstop slm 1 1 7"), "");
   EXPECT_EQ(Cli("pmshow json"),
-            "{\"sessions\":[{\"kind\":\"slm\",\"md\":1,\"ma\":1,\"mep\":7,\"state\":\"finished\",\"sent\":0,"
-            "\"received\":0,\"lost\":0,\"near_loss\":0.0000,\"far_loss\":0.0000}]}\n");
+            "{\"meps\":[{\"md\":1,\"ma\":1,\"mep\":7,\"dmm_in\":1,\"dmm_out\":0,\"dmr_in\":0,\"dmr_out\":1,\"slm_in\":0,"
+            "\"slm_out\":0,\"slr_in\":0,\"slr_out\":0,\"one_dm_in\":0,\"one_dm_out\":0,\"one_dm\":null}],\"sessions\":[{"
+            "\"kind\":\"slm\",\"md\":1,\"ma\":1,\"mep\":7,\"state\":\"finished\",\"test_id\":5,\"target_mac\":"
+            "\"02:11:22:33:44:55\",\"target_rmep\":null,\"period_ms\":10000,\"count\":0,\"sent\":0,\"received\":0,"
+            "\"lost\":0,\"invalid\":0,\"near_loss\":null,\"far_loss\":null,\"near_lost\":null,\"far_lost\":null}]}\n");
+  // A remote MEPID the MA has not learnt is refused and the session before stays.
+  EXPECT_EQ(Cli("pmstart slm 1 1 7 3 0 100 1"), "\r\nError!! Cannot start: remote MEP 3 is unknown in the MEP's MA");
+  EXPECT_EQ(session(kPmSlm).test_id, 5u);
+  EXPECT_EQ(session(kPmSlm).state, 2u);
+}
+
+TEST_F(Pm, ForgedDmrsAreInvalidAndNoSumOverflows) {
+  cfm_pm_set_clock(test_clock);
+  ASSERT_EQ(Cli("pmstart dm 1 1 7 02:11:22:33:44:55 0 100 0"), "");
+  for (int i = 0; i < 11; ++i, g_ms += 100) CFM_PM_XMIT_Check();
+  ASSERT_EQ(wan_.size(), 11u);
+  // Received at 1000 s + 500 ns: TxTimeStampf, RxTimeStampf, TxTimeStampb.
+  const Bytes forged[][3] = {
+      {stamp(1000, 0), stamp(~0u, ~0u), stamp(0, 0)},                      // all ones, the attack
+      {stamp(1000, 0), stamp(~0u, 999999999), stamp(0, 0)},                // residence far below zero
+      {stamp(999, 1000000500), stamp(50, 0), stamp(50, 0)},                // nanoseconds of 10^9
+      {stamp(1000, 500), stamp(50, 1000000000), stamp(51, 0)},
+      {stamp(1000, 500), stamp(51, 0), stamp(50, 1000000000)},
+      {stamp(1000, 500), stamp(50, 1), stamp(50, 0)},                      // residence -1 ns
+      {stamp(980, 499), stamp(50, 0), stamp(60, 1)},                       // residence 10 s + 1 ns
+      {stamp(980, 499), stamp(50, 0), stamp(60, 0)},                       // delay 10 s + 1 ns
+      {stamp(1000, 501), stamp(50, 0), stamp(50, 0)}};                     // delay -1 ns
+  auto dmr = [&](const Bytes *t) { return run(CFM_DMR_Process, cfm_frame(kSelf, kPeer, 4, 46, 0, 32, dm_body(t[0], t[1], t[2]))); };
+  for (const auto &t : forged) EXPECT_NE(dmr(t), CFM_OK);
+  const Bytes bounds[][3] = {{stamp(980, 500), stamp(50, 0), stamp(60, 0)}, {stamp(1000, 500), stamp(7, 0), stamp(7, 0)}};
+  for (const auto &t : bounds) EXPECT_EQ(dmr(t), CFM_OK);  // 10 s in a 10 s residence, and 0
+  EXPECT_NE(dmr(bounds[1]), CFM_OK);  // every DMM answered
+  PmResult r = cfm_pm_result(pm(), kPmDm);
+  EXPECT_EQ(r.invalid, 9u);
+  EXPECT_EQ(r.received, 2u);
+  EXPECT_EQ(r.lost, 0u);
+  EXPECT_EQ(r.delay_avg_ns, 5000000000);
+  EXPECT_EQ(r.dv_avg_ns, 10000000000);
+  EXPECT_EQ(r.delay_median_ns, 10000000000);
+  EXPECT_NE(Cli("pmshow").find("invalid 9"), std::string::npos);
+  // Four thousand million samples of 10 s, and carries of the nanoseconds.
+  EXPECT_EQ(cfm_pm_sum_mean({uint64_t(UINT32_MAX) * 10, 0}, UINT32_MAX), 10000000000);
+  PmSum sum = {};
+  for (int64_t ns : {int64_t(1999999999), int64_t(500000001), int64_t(1)}) cfm_pm_sum_add(&sum, ns);
+  EXPECT_EQ(sum.sec, 2u);
+  EXPECT_EQ(sum.ns, 500000001u);
+  EXPECT_EQ(cfm_pm_sum_mean(sum, 3), 833333333);
+}
+
+TEST_F(Pm, EachFrameLeavesAtItsOwnTimeAndASessionEndsAfterItsReplies) {
+  cfm_pm_set_clock(test_clock);
+  g_ms = 0;
+  ASSERT_EQ(Cli("pmstart 1dm 1 1 7 02:11:22:33:44:55 5 100 0"), "");
+  // A late wake sends one frame, keeps the period's times when less than a
+  // period late, and starts them anew from now when more.
+  const std::pair<int64_t, size_t> steps[] = {{0, 1},   {50, 1},  {103, 2}, {199, 2},  {200, 3},
+                                              {650, 4}, {749, 4}, {750, 5}, {2749, 5}, {2750, 5}};
+  for (auto [ms, frames] : steps) {
+    g_ms = ms;
+    CFM_PM_XMIT_Check();
+    EXPECT_EQ(wan_.size(), frames) << ms;
+    EXPECT_EQ(session(kPm1Dm).state, ms < 2750 ? 1u : 2u) << ms;
+  }
+}
+
+TEST_F(Pm, RepliesAndRequestsGoToTheMepTheyAreFor) {
+  // MEP 8 of MA 2 shares MEP 7's VID and level; only MEP 8 runs sessions,
+  // and the peer is a remote MEP of MA 2.
+  add_ma(1, 2, "mb");
+  add_mep(1, 2, 8, 1, 100, 1);
+  learn(2, 3, kPeer);
+  cfm_pm_set_clock(test_clock);
+  ASSERT_EQ(Cli("pmstart dm 1 2 8 3 0 100 0"), "");
+  ASSERT_EQ(Cli("pmstart slm 1 2 8 3 0 100 0"), "");
+  ASSERT_EQ(Cli("pmstart dm 1 1 7 02:99:99:99:99:99 0 100 0"), "");
+  CFM_PM_XMIT_Check();
+  uint32_t test = session(kPmSlm, 2, 8).test_id;
+  EXPECT_EQ(run(CFM_DMR_Process, cfm_frame(kSelf, kPeer, 4, 46, 0, 32, dm_body(stamp(1000, 0)))), CFM_OK);
+  EXPECT_EQ(run(CFM_SLR_Process, cfm_frame(kSelf, kPeer, 4, 54, 0, 16, sl_body(8, 3, test, 1, 1))), CFM_OK);
+  EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kSelf, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
+  EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kSelf, kOther, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
+  EXPECT_EQ(session(kPmDm, 2, 8).received, 1u);
+  EXPECT_EQ(session(kPmSlm, 2, 8).received, 1u);
+  EXPECT_EQ(counters(2, 8).dmm_in, 1u);
+  EXPECT_EQ(counters().dmm_in, 1u);  // a stranger's request: the first MEP
+  EXPECT_EQ(counters().dmr_in + counters().slr_in, 0u);
+  // A second loss session gets a test ID of its own.
+  ASSERT_EQ(Cli("pmstart slm 1 1 7 02:11:22:33:44:55 0 100 0 " + std::to_string(test + 1)), "");
+  ASSERT_EQ(Cli("pmstart slm 1 2 8 3 0 100 0"), "");
+  EXPECT_NE(session(kPmSlm, 2, 8).test_id, test);
+  EXPECT_NE(session(kPmSlm, 2, 8).test_id, test + 1);
 }
 
 }  // namespace

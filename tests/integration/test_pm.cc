@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <thread>
 
@@ -112,33 +113,24 @@ TEST_F(PmLab, AnswersDmmAndSlmExactlyOnlyWithOptionY) {
   EXPECT_NE(shown.find("DMM in 1 out 1, DMR in 1 out 1, SLM in 3 out 0, SLR in 0 out 3"), std::string::npos) << shown;
 }
 
-// The peer answers for ms: every DMM (its arrival time kept), and the SLMs
-// as a responder counting per test ID. In the first loss test it meets it
-// loses SLMs 2 and 4 on the way in and the SLR of SLM 5 on the way out.
+// The peer answers for ms every DMM (its arrival time kept) and, counting
+// per test ID, the SLMs; while lossy it loses SLMs 2 and 4 on the way in and
+// the SLR of SLM 5 on the way out.
 struct Responder {
   std::vector<int64_t> dmm_ns;
-  std::vector<uint32_t> tests;
   std::map<uint32_t, uint32_t> count;
+  std::atomic<bool> lossy{true};
   void Serve(cfmlab::Peer &peer, int ms) {
     for (int64_t end = NowNs(CLOCK_MONOTONIC) + ms * 1000000LL; NowNs(CLOCK_MONOTONIC) < end;) {
       auto f = peer.Receive(20, [](const Frame &f) { return Opcode(47)(f) || Opcode(55)(f); });
-      if (!f) continue;
-      bool dmm = (*f)[19] == 47;
+      bool dmm = f && (*f)[19] == 47;
+      uint32_t n = f ? Get32(*f, 30) : 0;
+      if (!f || (!dmm && lossy && (n == 2 || n == 4))) continue;
       Frame reply = dmm ? Pm(46, 32) : Pm(54, 16);
-      std::copy(f->begin() + 22, f->begin() + (dmm ? 30 : 38), reply.begin() + 22);
-      if (dmm) {
-        dmm_ns.push_back(NowNs(CLOCK_MONOTONIC));
-        Put32(reply, 30, 10), Put32(reply, 38, 10);  // no time spent here
-      } else {
-        uint32_t test = Get32(*f, 26), n = Get32(*f, 30);
-        if (std::find(tests.begin(), tests.end(), test) == tests.end()) tests.push_back(test);
-        bool first = test == tests[0];
-        if (first && (n == 2 || n == 4)) continue;
-        Put32(reply, 22, (uint32_t(f->at(22)) << 24 | uint32_t(f->at(23)) << 16) | 3);
-        Put32(reply, 34, ++count[test]);
-        if (first && n == 5) continue;
-      }
-      peer.Send(reply);
+      std::copy(f->begin() + 22, f->begin() + 38, reply.begin() + 22);  // DMR: RxTimeStampf = TxTimeStampb
+      if (dmm) dmm_ns.push_back(NowNs(CLOCK_MONOTONIC));
+      if (!dmm) reply[25] = 3, Put32(reply, 34, ++count[Get32(*f, 26)]);  // responder MEP 3, TxFCb
+      if (dmm || !lossy || n != 5) peer.Send(reply);
     }
   }
 };
@@ -147,46 +139,40 @@ TEST_F(PmLab, SessionsSendOnTimeAndCountRepliesForTheirOwnMep) {
   WriteFile("/var/tree/cfm/ccm_interval", "1s\n");  // the tick does not pace the sessions
   StartLab(true, {"-i", "wan0", "-e", "-t", "/var/tree"});
   // MEP 8 of MA 2 on MEP 7's VID and level; the sessions are MEP 8's.
-  ASSERT_EQ(Command("createma 1 0 2 0 other"), "");
-  ASSERT_EQ(Command("createmep 1 0 2 0 8 0 1 0 100 0 1"), "");
+  for (const char *r : {"createma 1 0 2 0 other", "createmep 1 0 2 0 8 0 1 0 100 0 1"}) ASSERT_EQ(Command(r), "");
   int status = 0;
-  RunCfmctl({"pm", "dm", "start", "1", "2", "8", "99"}, &status);
-  EXPECT_EQ(status, 1);  // a remote MEP never learnt
   Responder peer_side;
   std::thread serve([&] { peer_side.Serve(peer(), 12500); });
   auto start = [&](const char *kind, const char *count) {
     EXPECT_EQ(RunCfmctl({"pm", kind, "start", "1", "2", "8", "02:00:00:00:0b:02", "--count", count, "--period", "100"},
                         &status), "");
   };
-  start("dm", "100");
-  start("slm", "6");
+  start("dm", "100"), start("slm", "6");
   usleep(3000000);
   // Between its first and last SLR, 2 of 5 SLMs and 1 of 3 SLRs were lost.
   EXPECT_NE(Command("pmshow json").find("\"near_loss\":0.3333,\"far_loss\":0.4000,\"near_lost\":1,\"far_lost\":2"),
             std::string::npos);
+  peer_side.lossy = false;
   start("slm", "6");
   serve.join();
   ASSERT_EQ(peer_side.dmm_ns.size(), 100u);
-  std::vector<int64_t> gaps;
-  for (size_t i = 1; i < 100; ++i) gaps.push_back((peer_side.dmm_ns[i] - peer_side.dmm_ns[i - 1]) / 1000);
-  auto near = [](int64_t us, int64_t by) { return us >= 100000 - by && us <= 100000 + by; };
-  std::string all;
-  for (int64_t g : gaps) all += std::to_string(g) + " ";
-  EXPECT_TRUE(std::all_of(gaps.begin(), gaps.end(), [&](int64_t g) { return near(g, 50000); })) << all;
-  EXPECT_GE(std::count_if(gaps.begin(), gaps.end(), [&](int64_t g) { return near(g, 5000); }), 90) << all;
-  ASSERT_EQ(peer_side.tests.size(), 2u);  // each session a test ID of its own
-  // One JSON document, with -t too; the lossy session was replaced by the
-  // lossless one, whose figures start from its own first SLR.
+  int on_time = 0;  // of 99 gaps, within 100 ms +- 5 ms (none beyond +- 50 ms, on a loaded machine)
+  for (size_t i = 1; i < 100; ++i) {
+    int64_t off_us = std::abs((peer_side.dmm_ns[i] - peer_side.dmm_ns[i - 1]) / 1000 - 100000);
+    EXPECT_LE(off_us, 50000) << i;
+    on_time += off_us <= 5000;
+  }
+  EXPECT_GE(on_time, 90);
+  EXPECT_EQ(peer_side.count.size(), 2u);  // each loss session a test ID of its own
+  // One JSON document, with -t too; the lossless session replaced the lossy one.
   std::string json = RunCfmctl({"-t", "/var/tree", "pm", "show", "--json"}, &status);
   EXPECT_EQ(SchemaErrors(json, "pm"), "") << json;
   EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 1) << json;
+  for (const char *want : {"\"mep\":8,\"state\":\"finished\",\"test_id\":null,\"target_mac\":\"02:00:00:00:0b:02\","
+                           "\"target_rmep\":null,\"period_ms\":100,\"count\":100,\"sent\":100,\"received\":100,",
+                           "\"sent\":6,\"received\":6,\"lost\":0,\"invalid\":0,\"near_loss\":0.0000,\"far_loss\":0.0000"})
+    EXPECT_NE(json.find(want), std::string::npos) << want << "\n" << json;
   EXPECT_EQ(json.find("\"mep\":7"), std::string::npos) << json;  // nothing landed on MEP 7
-  EXPECT_NE(json.find("\"mep\":8,\"state\":\"finished\",\"test_id\":null,\"target_mac\":\"02:00:00:00:0b:02\",\"target_rmep\":null,"
-                      "\"period_ms\":100,\"count\":100,\"sent\":100,\"received\":100,\"lost\":0,\"invalid\":0,"),
-            std::string::npos) << json;
-  EXPECT_NE(json.find("\"test_id\":" + std::to_string(peer_side.tests[1]) + ","), std::string::npos) << json;
-  EXPECT_NE(json.find("\"sent\":6,\"received\":6,\"lost\":0,\"invalid\":0,\"near_loss\":0.0000,\"far_loss\":0.0000"),
-            std::string::npos) << json;
 }
 
 TEST_F(PmLab, WithoutOptionYNothingAnswers) {

@@ -299,6 +299,31 @@ void json_mep(FILE *out, const PmMep &pm) {
   }
 }
 
+// One document: every MEP's counters, then every session.
+void print_json(FILE *out) {
+  fputs("{\"meps\":[", out);
+  const char *sep = "";
+  for (int i = 0; i < CFM_PM_MAX_MEP; ++i) {
+    if (const PmMep *pm = cfm_pm_at(i)) {
+      fputs(sep, out);
+      json_mep(out, *pm);
+      sep = ",";
+    }
+  }
+  fputs("],\"sessions\":[", out);
+  sep = "";
+  for (int i = 0; i < CFM_PM_MAX_MEP; ++i) {
+    const PmMep *pm = cfm_pm_at(i);
+    for (int k = 0; pm != nullptr && k < kPmKinds; ++k) {
+      if (pm->s[k].state == 0) continue;
+      fputs(sep, out);
+      json_session(out, *pm, static_cast<PmKind>(k));
+      sep = ",";
+    }
+  }
+  fputs("]}\n", out);
+}
+
 void put_tree_counters(const PmMep &pm, int row) {
   ConfigTree::setInt(pm.mep_id, "/runtime/cfm/pm/mep:%d/mep", row);
   uint32_t v[kCounters];
@@ -438,22 +463,6 @@ void cfm_pm_report(FILE *out, bool json) {
       if (!json) text_session(out, *pm, static_cast<PmKind>(k));
     }
   }
-  if (json) {
-    // Every MEP's counters, then every session.
-    const char *sep = "";
-    fputs("{\"meps\":[", out);
-    for (int i = 0; i < CFM_PM_MAX_MEP; ++i) {
-      if (const PmMep *pm = cfm_pm_at(i)) fputs(sep, out), json_mep(out, *pm), sep = ",";
-    }
-    sep = "";
-    fputs("],\"sessions\":[", out);
-    for (int i = 0; i < CFM_PM_MAX_MEP; ++i) {
-      const PmMep *pm = cfm_pm_at(i);
-      for (int k = 0; pm != nullptr && k < kPmKinds; ++k) {
-        if (pm->s[k].state != 0) fputs(sep, out), json_session(out, *pm, static_cast<PmKind>(k)), sep = ",";
-      }
-    }
-    fputs("]}\n", out);
-  }
+  if (json) print_json(out);
   fflush(out);
 }

@@ -1,13 +1,13 @@
 #include "engines/pm_session.h"
 
+#include <pthread.h>
+
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <cinttypes>
-#include <condition_variable>
 #include <cstring>
 #include <ctime>
 #include <iterator>
-#include <mutex>
 #include <vector>
 
 #include "core/config_tree.h"
@@ -40,10 +40,13 @@ int64_t monotonic_ms() {
 }
 int64_t (*g_clock)() = monotonic_ms;
 
-// The task sleeps on this until the next due time or a new session.
-std::mutex g_wake_mutex;
-std::condition_variable g_wake;
+// The task sleeps on g_wake (monotonic clock) until the next due time or a
+// new session; plain POSIX calls, as the standard library's would bring its
+// exception machinery into the small build.
+pthread_mutex_t g_wake_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_wake;
 bool g_kicked = false;
+std::atomic<bool> g_task_started{false};
 
 bool find_mep(uint32_t md_id, uint32_t ma_id, uint16_t mep_id, MepEntry *mep) {
   *mep = {};
@@ -108,12 +111,12 @@ int64_t next_wake(int64_t now) {
 void *pm_task(void *) {
   for (;;) {
     int64_t wake = next_wake(g_clock());
-    {
-      std::unique_lock<std::mutex> lock(g_wake_mutex);
-      g_wake.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::milliseconds(wake)),
-                        [] { return g_kicked; });
-      g_kicked = false;
+    struct timespec at = {static_cast<time_t>(wake / 1000), static_cast<long>(wake % 1000) * 1000000};
+    pthread_mutex_lock(&g_wake_mutex);
+    while (!g_kicked && pthread_cond_timedwait(&g_wake, &g_wake_mutex, &at) == 0) {
     }
+    g_kicked = false;
+    pthread_mutex_unlock(&g_wake_mutex);
     GlobalEntry global;
     CFM_IF_Get_Global_Entry(&global);
     if (global.status != 1) {
@@ -127,11 +130,11 @@ void *pm_task(void *) {
 }
 
 void kick_task() {
-  {
-    std::lock_guard<std::mutex> lock(g_wake_mutex);
-    g_kicked = true;
-  }
-  g_wake.notify_one();
+  if (!g_task_started.load()) return;
+  pthread_mutex_lock(&g_wake_mutex);
+  g_kicked = true;
+  pthread_cond_signal(&g_wake);
+  pthread_mutex_unlock(&g_wake_mutex);
 }
 
 double ratio(uint32_t part, uint32_t whole) { return whole == 0 ? 0.0 : static_cast<double>(part) / whole; }
@@ -370,6 +373,12 @@ void CFM_PM_XMIT_Check() {
 }
 
 void cfm_pm_task_start() {
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  pthread_cond_init(&g_wake, &attr);
+  pthread_condattr_destroy(&attr);
+  g_task_started.store(true);
   pthread_t thread;
   if (CFM_OS_Create_Task(&thread, "CFM-PM", pm_task, 0, 0) != 1) printf("\r\nCreate CFM-PM task failed.");
 }

@@ -91,33 +91,16 @@ TEST_F(PmLab, AnswersDmmAndSlmExactlyOnlyWithOptionY) {
   for (const Frame &f : {flags, offset, cut}) ASSERT_TRUE(peer().Send(f));
   EXPECT_TRUE(peer().ReceiveAll(300, [](const Frame &f) { return Opcode(46)(f) || Opcode(54)(f); }).empty());
   EXPECT_TRUE(Running());
-
-  // The daemon's own delay session: one DMM to the peer, whose DMR (with 1 ms
-  // spent in the peer) is taken into the results.
-  ASSERT_EQ(Command("pmstart dm 1 1 7 02:00:00:00:0b:02 1 100 5"), "");
-  auto out = peer().Receive(3000, Opcode(47));
-  ASSERT_TRUE(out);
-  EXPECT_EQ((*out)[14], 0xA0);
-  Frame reply = Pm(46, 32);
-  std::copy(out->begin() + 22, out->begin() + 30, reply.begin() + 22);
-  Put32(reply, 30, 10), Put32(reply, 34, 0), Put32(reply, 38, 10), Put32(reply, 42, 1000000);
-  usleep(2000);  // the 1 ms is really spent: a longer residence than the round trip is invalid
-  ASSERT_TRUE(peer().Send(reply));
-  std::string shown;
-  for (int i = 0; i < 20 && shown.find("received 1") == std::string::npos; ++i) {
-    usleep(50000);
-    shown = Command("pmshow");
-  }
-  EXPECT_NE(shown.find("PM DM  md 1 ma 1 mep 7"), std::string::npos) << shown;
-  EXPECT_NE(shown.find("sent 1 received 1 lost 0"), std::string::npos) << shown;
-  EXPECT_NE(shown.find("DMM in 1 out 1, DMR in 1 out 1, SLM in 3 out 0, SLR in 0 out 3"), std::string::npos) << shown;
+  EXPECT_EQ(Command("pmshow"), "\r\nPM md 1 ma 1 mep 7: DMM in 1 out 0, DMR in 0 out 1, SLM in 3 out 0, SLR in 0 out 3");
 }
 
-// The peer answers for ms every DMM (its arrival time kept) and, counting
-// per test ID, the SLMs; while lossy it loses SLMs 2 and 4 on the way in and
-// the SLR of SLM 5 on the way out.
+// The peer answers for ms every DMM (its arrival time and first tag byte
+// kept; 1.5 ms spent, 1 ms of them as its residence time) and, counting per
+// test ID, the SLMs; while lossy it loses SLMs 2 and 4 on the way in and the
+// SLR of SLM 5 on the way out.
 struct Responder {
   std::vector<int64_t> dmm_ns;
+  uint8_t tci = 0;
   std::map<uint32_t, uint32_t> count;
   std::atomic<bool> lossy{true};
   void Serve(cfmlab::Peer &peer, int ms) {
@@ -128,7 +111,7 @@ struct Responder {
       if (!f || (!dmm && lossy && (n == 2 || n == 4))) continue;
       Frame reply = dmm ? Pm(46, 32) : Pm(54, 16);
       std::copy(f->begin() + 22, f->begin() + 38, reply.begin() + 22);  // DMR: RxTimeStampf = TxTimeStampb
-      if (dmm) dmm_ns.push_back(NowNs(CLOCK_MONOTONIC));
+      if (dmm) dmm_ns.push_back(NowNs(CLOCK_MONOTONIC)), tci = (*f)[14], Put32(reply, 42, 1000000), usleep(1500);
       if (!dmm) reply[25] = 3, Put32(reply, 34, ++count[Get32(*f, 26)]);  // responder MEP 3, TxFCb
       if (dmm || !lossy || n != 5) peer.Send(reply);
     }
@@ -144,8 +127,8 @@ TEST_F(PmLab, SessionsSendOnTimeAndCountRepliesForTheirOwnMep) {
   Responder peer_side;
   std::thread serve([&] { peer_side.Serve(peer(), 12500); });
   auto start = [&](const char *kind, const char *count) {
-    EXPECT_EQ(RunCfmctl({"pm", kind, "start", "1", "2", "8", "02:00:00:00:0b:02", "--count", count, "--period", "100"},
-                        &status), "");
+    EXPECT_EQ(RunCfmctl({"pm", kind, "start", "1", "2", "8", "02:00:00:00:0b:02", "--count", count, "--period", "100",
+                         "--priority", "5"}, &status), "");
   };
   start("dm", "100"), start("slm", "6");
   usleep(3000000);
@@ -156,20 +139,24 @@ TEST_F(PmLab, SessionsSendOnTimeAndCountRepliesForTheirOwnMep) {
   start("slm", "6");
   serve.join();
   ASSERT_EQ(peer_side.dmm_ns.size(), 100u);
-  int on_time = 0;  // of 99 gaps, within 100 ms +- 5 ms (none beyond +- 50 ms, on a loaded machine)
-  for (size_t i = 1; i < 100; ++i) {
-    int64_t off_us = std::abs((peer_side.dmm_ns[i] - peer_side.dmm_ns[i - 1]) / 1000 - 100000);
-    EXPECT_LE(off_us, 50000) << i;
-    on_time += off_us <= 5000;
-  }
-  EXPECT_GE(on_time, 90);
+  // How far each gap is from 100 ms: most within 5 ms, none beyond 50 ms (on a loaded machine a send can be
+  // a few ms late; a tick that sends a burst puts gaps of 0 and of a second).
+  std::vector<int64_t> off_us;
+  for (size_t i = 1; i < 100; ++i) off_us.push_back(std::abs((peer_side.dmm_ns[i] - peer_side.dmm_ns[i - 1]) / 1000 - 100000));
+  std::sort(off_us.begin(), off_us.end());
+  EXPECT_LE(off_us[49], 5000);
+  EXPECT_LE(off_us.back(), 50000);
+  EXPECT_EQ(peer_side.tci, 0xA0);  // priority 5
+  EXPECT_NE(Command("pmshow").find("PM md 1 ma 2 mep 8: DMM in 0 out 100, DMR in 100 out 0, SLM in 0 out 12, SLR in 9 out "
+                                   "0\r\nPM DM  md 1 ma 2 mep 8 finished: sent 100 received 100 lost 0, delay min/avg/max"),
+            std::string::npos);
   EXPECT_EQ(peer_side.count.size(), 2u);  // each loss session a test ID of its own
   // One JSON document, with -t too; the lossless session replaced the lossy one.
   std::string json = RunCfmctl({"-t", "/var/tree", "pm", "show", "--json"}, &status);
   EXPECT_EQ(SchemaErrors(json, "pm"), "") << json;
   EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 1) << json;
   for (const char *want : {"\"mep\":8,\"state\":\"finished\",\"test_id\":null,\"target_mac\":\"02:00:00:00:0b:02\","
-                           "\"target_rmep\":null,\"period_ms\":100,\"count\":100,\"sent\":100,\"received\":100,",
+                           "\"target_rmep\":null,\"period_ms\":100,\"count\":100,\"sent\":100,\"received\":100,\"lost\":0,\"invalid\":0,",
                            "\"sent\":6,\"received\":6,\"lost\":0,\"invalid\":0,\"near_loss\":0.0000,\"far_loss\":0.0000"})
     EXPECT_NE(json.find(want), std::string::npos) << want << "\n" << json;
   EXPECT_EQ(json.find("\"mep\":7"), std::string::npos) << json;  // nothing landed on MEP 7

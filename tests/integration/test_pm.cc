@@ -153,8 +153,7 @@ TEST_F(PmLab, SessionsSendOnTimeAndCountRepliesForTheirOwnMep) {
   EXPECT_EQ(peer_side.count.size(), 2u);  // each loss session a test ID of its own
   // One JSON document, with -t too; the lossless session replaced the lossy one.
   std::string json = RunCfmctl({"-t", "/var/tree", "pm", "show", "--json"}, &status);
-  EXPECT_EQ(SchemaErrors(json, "pm"), "") << json;
-  EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 1) << json;
+  EXPECT_EQ(SchemaErrors(json, "pm"), "") << json;  // a second document would not parse
   for (const char *want : {"\"mep\":8,\"state\":\"finished\",\"test_id\":null,\"target_mac\":\"02:00:00:00:0b:02\","
                            "\"target_rmep\":null,\"period_ms\":100,\"count\":100,\"sent\":100,\"received\":100,\"lost\":0,\"invalid\":0,",
                            "\"sent\":6,\"received\":6,\"lost\":0,\"invalid\":0,\"near_loss\":0.0000,\"far_loss\":0.0000"})

@@ -216,7 +216,6 @@ TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
 TEST_F(Pm, ForgedDmrsAreInvalidAndNoSumOverflows) {
   ASSERT_EQ(Cli("pmstart dm 1 1 7 02:11:22:33:44:55 0 100 0"), "");
   for (int i = 0; i < 11; ++i, g_ms += 100) CFM_PM_XMIT_Check();
-  ASSERT_EQ(wan_.size(), 11u);
   // Received at 1000 s + 500 ns; TxTimeStampf, RxTimeStampf, TxTimeStampb as seconds, nanoseconds. Invalid:
   // all ones (the attack), a residence far below zero, nanoseconds of 10^9 in each stamp, a residence of
   // -1 ns and of 10 s + 1 ns, a delay of 10 s + 1 ns and of -1 ns. Valid: 10 s in a 10 s residence, and 0.

@@ -133,6 +133,7 @@ TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
   memcpy(req.target_mac, kPeer, 6);
   EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 8, {}, 0, false, 2, 100, 3, 0, false}), CFM_OK);  // no such MEP
   EXPECT_NE(cfm_pm_start({kPmDm, 1, 1, 7, {}, 0, false, 2, 50, 3, 0, false}), CFM_OK);   // period
+  EXPECT_NE(cfm_pm_start({kPmKinds, 1, 1, 7, {}, 0, false, 2, 100, 3, 0, false}), CFM_OK);  // kind
   ASSERT_EQ(cfm_pm_start(req), CFM_OK);
   CFM_PM_XMIT_Check();
   ASSERT_EQ(wan_.size(), 1u);
@@ -266,11 +267,11 @@ TEST_F(Pm, RepliesAndRequestsGoToTheMepTheyAreFor) {
   uint32_t test = session(kPmSlm, 2, 8).test_id;
   EXPECT_EQ(run(CFM_DMR_Process, cfm_frame(kSelf, kPeer, 4, 46, 0, 32, dm_body(stamp(1000, 0)))), CFM_OK);
   EXPECT_EQ(run(CFM_SLR_Process, cfm_frame(kSelf, kPeer, 4, 54, 0, 16, sl_body(8, 3, test, 1, 1))), CFM_OK);
-  EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kSelf, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
-  EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kSelf, kOther, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
+  for (const uint8_t *from : {kPeer, kPeer, kOther})
+    EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kSelf, from, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
   // A stranger's DMM goes to the first MEP, nothing else to MEP 7.
   EXPECT_EQ(std::tuple(session(kPmDm, 2, 8).received, session(kPmSlm, 2, 8).received, counters(2, 8).dmm_in),
-            std::tuple(1u, 1u, 1u));
+            std::tuple(1u, 1u, 2u));
   EXPECT_EQ(std::tuple(counters().dmm_in, counters().dmr_in, counters().slr_in), std::tuple(1u, 0u, 0u));
   // A second loss session gets a test ID of its own.
   ASSERT_EQ(Cli("pmstart slm 1 1 7 02:11:22:33:44:55 0 100 0 " + std::to_string(test + 1)), "");

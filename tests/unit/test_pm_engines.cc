@@ -187,16 +187,13 @@ TEST_F(Pm, LossSessionReportsEachDirection) {
 
 TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
   Bytes dmm = cfm_frame(kSelf, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)));
-  cfm_pm_enable(false);
-  CfmPacket p = packet(dmm, 5, 100);
-  p.release = nullptr;
-  cfm_dispatch_packet(&p);
-  EXPECT_TRUE(wan_.empty());
-  EXPECT_EQ(Cli("pmshow"), "\r\nError!! Performance monitoring is off (start with -y)");
-  cfm_pm_enable(true);
-  p = packet(dmm, 5, 100);
-  cfm_dispatch_packet(&p);
-  EXPECT_EQ(wan_.size(), 1u);
+  for (bool on : {false, true}) {
+    cfm_pm_enable(on);
+    CfmPacket p = packet(dmm, 5, 100);
+    cfm_dispatch_packet(&p);
+    EXPECT_EQ(wan_.size(), on ? 1u : 0u);
+    if (!on) { EXPECT_EQ(Cli("pmshow"), "\r\nError!! Performance monitoring is off (start with -y)"); }
+  }
   EXPECT_NE(Cli("showmep").find("\r\nPM md 1 ma 1 mep 7: DMM in 1 out 0, DMR in 0 out 1, SLM in 0"), std::string::npos);
   for (const char *bad : {"pmstart dm 1 1 7 02:11:22:33:44:55 1 10000 8", "pmstart slm 1 1 7 03:11:22:33:44:55 1 10000 1"})
     EXPECT_EQ(Cli(bad), "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
@@ -248,10 +245,8 @@ TEST_F(Pm, EachFrameLeavesAtItsOwnTimeAndASessionEndsAfterItsReplies) {
   const std::pair<int64_t, size_t> steps[] = {{0, 1},   {50, 1},  {103, 2}, {199, 2},  {200, 3},
                                               {650, 4}, {749, 4}, {750, 5}, {2749, 5}, {2750, 5}};
   for (auto [ms, frames] : steps) {
-    g_ms = ms;
-    CFM_PM_XMIT_Check();
-    EXPECT_EQ(wan_.size(), frames) << ms;
-    EXPECT_EQ(session(kPm1Dm).state, ms < 2750 ? 1u : 2u) << ms;
+    g_ms = ms, CFM_PM_XMIT_Check();
+    EXPECT_EQ(std::tuple(wan_.size(), session(kPm1Dm).state), std::tuple(frames, ms < 2750 ? 1u : 2u)) << ms;
   }
 }
 

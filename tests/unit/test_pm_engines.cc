@@ -231,6 +231,12 @@ TEST_F(Pm, ForgedDmrsAreInvalidAndNoSumOverflows) {
   EXPECT_EQ(std::tuple(r.invalid, r.received, r.lost, r.delay_avg_ns, r.dv_avg_ns, r.delay_median_ns),
             std::tuple(9u, 2u, 0u, 5000000000, 10000000000, 10000000000));
   EXPECT_NE(Cli("pmshow").find("invalid 9"), std::string::npos);
+  // 1DMs of 500 ns and 1 s; one with nanoseconds of 10^9 is counted in but not taken.
+  for (auto [sec, ns] : {std::pair{1000u, 0u}, {999u, 500u}, {999u, 1000000000u}})
+    run(CFM_1DM_Process, cfm_frame(kSelf, kPeer, 4, 45, 0, 16, cat({stamp(sec, ns), Bytes(8), {0}})));
+  PmMep m = pm();
+  EXPECT_EQ(std::tuple(m.c.one_dm_in, m.one_dm_count, m.one_dm_last_ns, m.one_dm_min_ns, m.one_dm_max_ns),
+            std::tuple(3u, 2u, 1000000000, 500, 1000000000));
   // Four thousand million samples of 10 s, and carries of the nanoseconds.
   EXPECT_EQ(cfm_pm_sum_mean({uint64_t(UINT32_MAX) * 10, 0}, UINT32_MAX), 10000000000);
   PmSum sum = {};

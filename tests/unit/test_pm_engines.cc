@@ -197,7 +197,7 @@ TEST_F(Pm, OnlyOptionYDispatchesAndCommands) {
   EXPECT_NE(Cli("showmep").find("\r\nPM md 1 ma 1 mep 7: DMM in 1 out 0, DMR in 0 out 1, SLM in 0"), std::string::npos);
   for (const char *bad : {"pmstart dm 1 1 7 02:11:22:33:44:55 1 10000 8", "pmstart slm 1 1 7 03:11:22:33:44:55 1 10000 1"})
     EXPECT_EQ(Cli(bad), "\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]");
-  EXPECT_EQ(Cli("pmstart slm 1 1 7 02:11:22:33:44:55 0 10000 1 5"), "");
+  EXPECT_EQ(Cli("pmstart slm 1 1 7 02:11:22:33:44:55 0 10000 1 5 more"), "");  // a word beyond is not read
   EXPECT_EQ(session(kPmSlm).test_id, 5u);
   EXPECT_EQ(Cli("pmstop slm 1 1 7"), "");
   EXPECT_EQ(Cli("pmshow json"),

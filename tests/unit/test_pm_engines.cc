@@ -280,4 +280,16 @@ TEST_F(Pm, RepliesAndRequestsGoToTheMepTheyAreFor) {
   EXPECT_EQ(session(kPmSlm, 2, 8).test_id, test + 2);  // test + 1 is MEP 7's
 }
 
+TEST_F(Pm, AFullTableReusesTheRecordOfADeletedMep) {
+  auto start = [](int id) { return Cli("pmstart dm 1 1 " + std::to_string(id) + " 02:11:22:33:44:55 0 100 0"); };
+  std::vector<MepEntry> meps = {down};
+  for (uint16_t id = 8; id < 7 + CFM_PM_MAX_MEP; ++id) meps.push_back(add_mep(1, 1, id, 1, 100, 1));
+  for (const MepEntry &m : meps) ASSERT_EQ(start(m.mep_id), "");
+  CFM_Delete_MEP_Entry(&meps[1]);  // MEP 8: its record, the second, stays
+  add_mep(1, 1, 200, 1, 100, 1);
+  EXPECT_EQ(start(200), "");
+  PmLock lock(cfm_pm_mutex());
+  EXPECT_TRUE(cfm_pm_find(1, 1, 7, false) != nullptr && cfm_pm_find(1, 1, 8, false) == nullptr && cfm_pm_at(1)->mep_id == 200);
+}
+
 }  // namespace

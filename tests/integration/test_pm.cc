@@ -123,8 +123,9 @@ TEST_F(PmLab, SessionsSendOnTimeAndCountRepliesForTheirOwnMep) {
   // MEP 8 of MA 2 on MEP 7's VID and level; the sessions are MEP 8's.
   for (const char *r : {"createma 1 0 2 0 other", "createmep 1 0 2 0 8 0 1 0 100 0 1"}) ASSERT_EQ(Command(r), "");
   int status = 0;
-  RunCfmctl({"pm", "dm", "start", "1", "2", "8", "02:00:00:00:0b:02", "--counts", "1"}, &status);
-  EXPECT_EQ(status, 2);  // an unknown option: nothing sent
+  // An unknown option, an option without its value: nothing sent.
+  EXPECT_EQ((RunCfmctl({"pm", "dm", "start", "1", "2", "8", "02:00:00:00:0b:02", "--counts", "1"}, &status), status), 2);
+  EXPECT_EQ((RunCfmctl({"pm", "dm", "start", "1", "2", "8", "02:00:00:00:0b:02", "--count"}, &status), status), 2);
   Responder peer_side;
   std::thread serve([&] { peer_side.Serve(peer(), 12500); });
   auto start = [&](const char *kind, const char *count) {

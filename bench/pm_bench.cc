@@ -1,13 +1,15 @@
 // pm_bench: accuracy of cfmd's delay measurement and of its synthetic loss
 // measurement, between two cfmd daemons on private veth links.
 //
-// It enters its own network and mount namespaces, then:
+// It enters its own network, mount and IPC namespaces (so nothing it starts
+// can leave a semaphore set on the host) and stops what it starts with
+// SIGTERM, waiting for each; then:
 //   - delay: daemons A (on a0) and B (on b0) on one veth pair; a bare
 //     reflector on b0 answers level-3 LBMs (which cfmd never answers) and
 //     the bench times LBM round trips from a0; then A runs delay sessions
 //     of 32 DMMs towards B. Printed: the reflector's median round trip,
 //     the median of A's reported two-way delays, their difference, and how
-//     many delays came out below zero.
+//     many replies were discarded as invalid.
 //   - loss: a0 <-> ra and rb <-> b0 with a relay between ra and rb that
 //     drops every tenth SLM going from A to B (and nothing else); A runs one
 //     loss session towards B. Printed: far-end (A->B) and near-end loss.
@@ -80,6 +82,17 @@ size_t cfm_at(const uint8_t *f, size_t n) {
   return 0;
 }
 
+// Stops a child with SIGTERM (a daemon removes its semaphore sets on the way
+// out) and waits for it; SIGKILL only when it has not ended within 5 s.
+void end(pid_t pid) {
+  kill(pid, SIGTERM);
+  for (int i = 0; i < 500; ++i, sleep_ms(10)) {
+    if (waitpid(pid, nullptr, WNOHANG) == pid) return;
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
 // A cfmd in its own mount namespace (a private /var), on interface `ifname`.
 class Daemon {
  public:
@@ -100,10 +113,7 @@ class Daemon {
     for (int i = 0; i < 300 && access((root_ + "/var/cfm_socket").c_str(), F_OK) != 0; ++i) sleep_ms(10);
     sleep_ms(100);
   }
-  ~Daemon() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
+  ~Daemon() { end(pid_); }
   // Sends one request and waits until it has run; what the daemon printed.
   std::string Command(const std::string &request) {
     size_t from = read_file(root_ + "/var/out").size();
@@ -192,10 +202,6 @@ pid_t spawn(void (*body)(const char *, const char *), const char *a, const char 
   sleep_ms(100);
   return pid;
 }
-void end(pid_t pid) {
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-}
 
 // Median LBM round trip from `ifname` (level 3, VID 100), in microseconds.
 double lbm_round_trip(const char *ifname, int samples) {
@@ -247,7 +253,7 @@ int main(int argc, char **argv) {
     if (strcmp(argv[i], "-b") == 0 && i + 1 < argc) binary = argv[++i];
   }
   if (geteuid() != 0) die("needs root (it builds private network namespaces)");
-  if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) die(std::string("unshare: ") + strerror(errno));
+  if (unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWIPC) != 0) die(std::string("unshare: ") + strerror(errno));
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) die("cannot make mounts private");
   sh("ip link set lo up");
   const int sessions = quick ? 2 : 8, slms = quick ? 200 : 1000;
@@ -256,7 +262,7 @@ int main(int argc, char **argv) {
   veth("a0", "b0", kMacA, kMacB);
   sleep_ms(500);
   std::vector<double> delays, lbm;
-  long negative = 0;
+  long invalid = 0;
   {
     Daemon a(binary, "a0"), b(binary, "b0");
     a.Configure(1), b.Configure(2);
@@ -266,7 +272,7 @@ int main(int argc, char **argv) {
       end(ref);
       std::string line = a.Session("pmstart dm 1 1 1 " + std::string(kMacB) + " 32 100 0", "PM DM ");
       delays.push_back(number_after(line, "median "));
-      negative += long(number_after(line, "below zero "));
+      invalid += long(number_after(line, "invalid "));
       fprintf(stderr, "pm_bench: %s\n", line.c_str());
     }
   }
@@ -289,7 +295,7 @@ int main(int argc, char **argv) {
   printf("| %-56s | %14.1f |\n", "bare reflector: median LBM round trip (us)", lbm_med);
   printf("| %-56s | %14.1f |\n", "cfmd DM initiator vs cfmd responder: median delay (us)", dm_med);
   printf("| %-56s | %14.1f |\n", "difference (us), goal within 20", dm_med - lbm_med);
-  printf("| %-56s | %14ld |\n", "delays below zero", negative);
+  printf("| %-56s | %14ld |\n", "DMRs discarded as invalid", invalid);
   printf("| %-56s | %14.2f |\n", "far-end loss A->B (%), relay drops every 10th SLM", number_after(loss, "far-end loss "));
   printf("| %-56s | %14.2f |\n", "near-end loss B->A (%), nothing dropped", number_after(loss, "near-end loss "));
   printf("\n%s\n", loss.c_str());

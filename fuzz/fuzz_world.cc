@@ -46,6 +46,7 @@ constexpr uint32_t kStartSecond = 1000000;
 uint32_t g_now = kStartSecond;
 
 uint32_t fuzz_clock() { return g_now; }
+int64_t fuzz_clock_ms() { return int64_t(g_now) * 1000; }
 
 // The configuration tree's scratch directory, removed at exit.
 char g_tree[64];
@@ -93,6 +94,7 @@ void init() {
   CFM_LT_Init();
   cfm_set_tx_hook([](CfmTxSide, const uint8_t *, size_t) { return true; });
   CFM_OS_Set_Clock_Source(fuzz_clock);
+  cfm_pm_set_clock(fuzz_clock_ms);
   // The tree in a scratch directory (on tmpfs where there is one), so rows,
   // exports and removals run for real.
   snprintf(g_tree, sizeof g_tree, "%s/cfm_fuzz_XXXXXX", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
@@ -164,6 +166,8 @@ void serve(const uint8_t *request, size_t length) {
 void tick() {
   ++g_now;
   cfm_timer_tick();
+  MepSycLock sync;  // as the delay and loss task sends
+  CFM_PM_XMIT_Check();
 }
 
 void frame_input(const uint8_t *data, size_t size) {

@@ -58,6 +58,19 @@ def ltr(level=4, trans=1, eth=True):  # the LTM of the world had 1
     return frame(SELF, level, 4, 0x20, 6, body, eth)
 
 
+def dm(opcode, tx_f, rx_f=bytes(8), tx_b=bytes(8), dst=SELF):  # DMM/DMR of the level 4 MEP's delay session
+    return frame(dst, 4, opcode, 0, 32, tx_f + rx_f + tx_b + bytes(8) + bytes([0]))
+
+
+def sl(opcode, src_mep, rsp_mep, test, fcf, fcb):  # SLM/SLR; the session of the level 4 MEP has test 9
+    return frame(SELF, 4, opcode, 0, 16, be(src_mep, 2) + be(rsp_mep, 2) + be(test, 4) + be(fcf, 4) + be(fcb, 4)
+                 + bytes([0]))
+
+
+# A station's DMR with RxTimeStampf all ones and TxTimeStampb 0: discarded as invalid.
+DMR_FORGED = dm(46, be(1000001, 4) + bytes(4), b"\xff" * 8, bytes(8))
+
+
 def write(target, name, data):
     os.makedirs(os.path.join("corpus", target), exist_ok=True)
     with open(os.path.join("corpus", target, name), "wb") as out:
@@ -75,6 +88,12 @@ frames = {
     "ltm_relayed": ltm(level=5, vid=200),  # no MEP on VID 200
     "ltr": ltr(),
     "ccm_level7": ccm(7, mep_id=44),
+    "dmm": dm(47, be(7, 4) + be(8, 4)),
+    "dmr": dm(46, be(1000001, 4) + bytes(4), be(50, 4) + bytes(4), be(50, 4) + be(200, 4)),
+    "dmr_forged": DMR_FORGED,
+    "one_dm": frame(SELF, 4, 45, 0, 16, be(1000001, 4) + bytes(12) + bytes([0])),
+    "slm": sl(55, 3, 0, 42, 1, 0),
+    "slr": sl(54, 5, 3, 9, 1, 1),
 }
 for name, data in frames.items():
     write("frame", name, bytes([ETH]) + data)
@@ -155,4 +174,6 @@ write("mixed", "tree_rows", tree(0, "cfm/lbr:1/transID=5") + tree(0, "cfm/lbr:2/
 write("mixed", "lbr_rows_cleared", ticks(1) + record(0, lb(2, SELF, trans=1)) + record(0, lb(2, SELF, trans=2))
       + req("update 4") + req("clearlbr") + req("clearcnt"))
 write("mixed", "tag_put_back", stripped(ccm(2)) + stripped(lb(3, SELF), flags=3) + stripped(ltm(), flags=0))
+write("mixed", "dmr_forged_twice", record(0, DMR_FORGED) + ticks(1) + record(0, DMR_FORGED) + req("pmshow")
+      + req("pmshow json"))
 write("mixed", "stale_record", record(7, b"1234 5:1700000000 6 7:-1\n") + record(7, b"0 5") + record(7, b"99999999999 1"))

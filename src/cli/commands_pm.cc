@@ -1,7 +1,8 @@
 // Performance-monitoring commands (option -y):
 //   pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]
-//     TARGET a MAC ("00:11:22:33:44:55") or a remote MEPID; COUNT 0 runs
-//     until pmstop; PERIOD in milliseconds (100, 1000, 10000)
+//     TARGET a MAC ("00:11:22:33:44:55") or a remote MEPID the MA has
+//     learnt; COUNT 0 runs until pmstop; PERIOD in milliseconds (100, 1000,
+//     10000); without TESTID a loss session gets one no running session uses
 //   pmstop dm|slm|1dm MD MA MEP
 //   pmshow [json]
 #include <cstring>
@@ -81,12 +82,18 @@ int cli_usr_cfm_pmstart(FILE *out, CliArg *args, int) {
             parse_target(w[4], &req) && parse_u32(w[5], UINT32_MAX, &req.count) &&
             parse_u32(w[6], UINT32_MAX, &req.period_ms) && parse_u32(w[7], 7, &priority) &&
             (n == kStartWords || parse_u32(w[8], UINT32_MAX, &req.test_id));
+  req.test_id_set = n > kStartWords;
   req.priority = static_cast<uint8_t>(priority);
   if (!ok) {
     fputs("\r\nError!! Usage: pmstart dm|slm|1dm MD MA MEP TARGET COUNT PERIOD PRIORITY [TESTID]", out);
     return 0;
   }
-  if (cfm_pm_start(req) != CFM_OK) {
+  uint32_t started = cfm_pm_start(req);
+  if (started == CFM_DB_NOT_FOUND) {
+    fprintf(out, "\r\nError!! Cannot start: remote MEP %u is unknown in the MEP's MA", req.target_mep);
+    return 0;
+  }
+  if (started != CFM_OK) {
     fputs("\r\nError!! Cannot start: no such MEP, or period not 100, 1000 or 10000", out);
     return 0;
   }

@@ -25,7 +25,7 @@
 #include "engines/ccm_rx.h"
 #include "engines/lb_initiator.h"
 #include "engines/lt_initiator.h"
-#include "engines/pm_db.h"
+#include "engines/pm_session.h"
 #include "io/rx.h"
 #include "io/tx.h"
 
@@ -268,6 +268,7 @@ void CFM_Init() {
     CFM_OS_Fatal_Error_Handler();
   }
   CFM_Timer_Init_Tmr();
+  if (cfm_pm_enabled()) cfm_pm_task_start();
   cfm_ccm_Init();
   CFM_LB_Init();
   CFM_LT_Init();

@@ -9,7 +9,6 @@
 #include "core/status.h"
 #include "engines/ccm_tx.h"
 #include "engines/lb_initiator.h"
-#include "engines/pm_session.h"
 
 namespace {
 
@@ -59,7 +58,6 @@ void cfm_timer_tick() {
   MepSycLock lock;
   CFM_CCM_TIME_CHECK();
   CFM_LBI_XMIT_Check();
-  CFM_PM_XMIT_Check();
 }
 
 uint32_t CFM_Timer_Init_Tmr() {

@@ -7,6 +7,7 @@
 #include "core/status.h"
 #include "db/md_ma.h"
 #include "db/mep_mip.h"
+#include "db/rmep_db.h"
 #include "engines/pm_pdu.h"
 #include "io/frame.h"
 #include "io/rx.h"
@@ -16,9 +17,12 @@ using namespace cfm;
 
 namespace {
 
+constexpr int64_t kNsPerSec = 1000000000;
+
 std::atomic<bool> g_enabled{false};
 std::mutex g_mutex;
 PmMep g_meps[CFM_PM_MAX_MEP];
+uint32_t g_next_test_id = 1;
 
 bool mep_exists(const PmMep &pm) {
   MepEntry mep = {};
@@ -83,6 +87,35 @@ PmMep *cfm_pm_at(int index) {
 void cfm_pm_reset() {
   PmLock lock(g_mutex);
   memset(g_meps, 0, sizeof g_meps);
+  g_next_test_id = 1;
+}
+
+uint32_t cfm_pm_fresh_test_id() {
+  for (;;) {
+    uint32_t id = g_next_test_id++;
+    bool live = false;
+    for (const PmMep &pm : g_meps) {
+      const PmSession &s = pm.s[kPmSlm];
+      live = live || (pm.used && s.state == 1 && s.test_id == id);
+    }
+    if (!live) return id;
+  }
+}
+
+void cfm_pm_sum_add(PmSum *sum, int64_t ns) {
+  sum->sec += static_cast<uint64_t>(ns / kNsPerSec);
+  sum->ns += static_cast<uint32_t>(ns % kNsPerSec);
+  if (sum->ns >= kNsPerSec) {
+    sum->ns -= kNsPerSec;
+    sum->sec += 1;
+  }
+}
+
+int64_t cfm_pm_sum_mean(const PmSum &sum, uint32_t n) {
+  // (sec * 10^9 + ns) / n without forming the product: the seconds' share
+  // is taken whole first, their remainder (below n) then fits in 64 bits.
+  uint64_t whole = sum.sec / n, rest = sum.sec % n;
+  return static_cast<int64_t>(whole * kNsPerSec + (rest * kNsPerSec + sum.ns) / n);
 }
 
 uint32_t cfm_pm_count_slm(PmMep *pm, uint16_t src_mep, uint32_t test_id) {
@@ -98,25 +131,46 @@ uint32_t cfm_pm_count_slm(PmMep *pm, uint16_t src_mep, uint32_t test_id) {
   return 1;
 }
 
-bool cfm_pm_local_mep(const CfmPacket *packet, uint8_t level, bool allow_group, MepEntry *out) {
+int cfm_pm_local_mep(const CfmPacket *packet, uint8_t level, bool allow_group, PmMepScore score, MepEntry *out) {
   const uint8_t *dst = packet->buffer + wire::kDst;
   bool group = mac_is_group(dst);
   if (group) {
     uint8_t class1[kMacLen];
     cfm_group_address(kCcmGroupBase, level, class1);
-    if (!allow_group || memcmp(dst, class1, kMacLen) != 0) return false;
+    if (!allow_group || memcmp(dst, class1, kMacLen) != 0) return -1;
   } else if (!is_router_mac(dst)) {
-    return false;
+    return -1;
   }
   MepEntry mep = {};
+  int best = -1;
   while (CFM_GetNext_MEP_Entry(&mep) == 1) {
     uint8_t md_level = 0;
     if (mep.vid != packet->vid || !md_level_of(mep.md_id, &md_level) || md_level != level) continue;
     if (group && mep.direction != CFM_DIRECTION_DOWN) continue;
-    *out = mep;
-    return true;
+    int rating = score(mep, packet);
+    if (rating > best) {
+      best = rating;
+      *out = mep;
+    }
+  }
+  return best;
+}
+
+bool cfm_pm_remote_mep(uint32_t md_id, uint32_t ma_id, uint16_t rmep_id, const uint8_t *mac, uint8_t *mac_out) {
+  RemoteMepEntry r = {};
+  r.md_id = md_id;
+  r.ma_id = ma_id;
+  while (CFM_MEP_Get_NextRemEntry(&r) == CFM_DB_FOUND && r.md_id == md_id && r.ma_id == ma_id) {
+    if ((rmep_id == 0 || r.rmep_id == rmep_id) && (mac == nullptr || memcmp(r.src_mac, mac, kMacLen) == 0)) {
+      if (mac_out != nullptr) memcpy(mac_out, r.src_mac, kMacLen);
+      return true;
+    }
   }
   return false;
+}
+
+int cfm_pm_score_peer(const MepEntry &mep, const CfmPacket *packet) {
+  return cfm_pm_remote_mep(mep.md_id, mep.ma_id, 0, packet->buffer + wire::kSrc, nullptr) ? 1 : 0;
 }
 
 CfmStamp cfm_pm_rx_stamp(const CfmPacket *packet) {

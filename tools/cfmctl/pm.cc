@@ -15,7 +15,8 @@ const char kUsage[] =
     "                                 [--priority 0..7] [--test-id N]\n"
     "       cfmctl pm dm|slm|1dm stop MD MA MEP\n"
     "       cfmctl [-t DIR] pm show [--json]\n"
-    "TARGET is a MAC address or a remote MEPID; --count 0 runs until stopped.\n"
+    "TARGET is a MAC address or a remote MEPID the MEP's MA has learnt; --count 0 runs\n"
+    "until stopped; without --test-id a loss session gets a test ID no running session uses.\n"
     "The daemon must run with -y.\n";
 
 int usage() {
@@ -27,42 +28,31 @@ int start(const std::vector<std::string> &args, const std::string &kind,
           const std::function<int(const std::string &)> &send) {
   if (args.size() < 6) return usage();
   std::map<std::string, std::string> opt = {
-      {"--count", "10"}, {"--period", "1000"}, {"--priority", "0"}, {"--test-id", "1"}};
+      {"--count", "10"}, {"--period", "1000"}, {"--priority", "0"}, {"--test-id", ""}};
   for (size_t i = 6; i < args.size(); i += 2) {
     if (opt.count(args[i]) == 0 || i + 1 >= args.size()) return usage();
     opt[args[i]] = args[i + 1];
   }
   std::string request = "pmstart " + kind;
   for (size_t i = 2; i < 6; ++i) request += " " + args[i];
-  for (const char *name : {"--count", "--period", "--priority", "--test-id"}) request += " " + opt[name];
+  for (const char *name : {"--count", "--period", "--priority"}) request += " " + opt[name];
+  // Without a test ID the daemon gives a loss session one of its own.
+  if (!opt["--test-id"].empty()) request += " " + opt["--test-id"];
   return send(request);
 }
 
 // Rows DIR/runtime/cfm/pm/<kind>:<n>/<field>, printed one per line.
-void print_rows(const std::string &tree, bool json) {
+void print_rows(const std::string &tree) {
   std::string base = tree + "/runtime/cfm/pm/";
   std::map<std::string, std::map<std::string, std::string>> rows;
   for (const std::string &dir : list_dir(base)) {
     for (const std::string &file : list_dir(base + dir)) rows[dir][file] = read_first_line(base + dir + "/" + file);
   }
-  if (json) printf("{");
-  bool first_row = true;
   for (const auto &[name, fields] : rows) {
-    printf(json ? "%s\"%s\":{" : "%s%s:", json && !first_row ? "," : "", name.c_str());
-    bool first = true;
-    for (const auto &[key, value] : fields) {
-      bool number = !value.empty() && value.find_first_not_of("-.0123456789") == std::string::npos;
-      if (json) {
-        printf(number ? "%s\"%s\":%s" : "%s\"%s\":\"%s\"", first ? "" : ",", key.c_str(), value.c_str());
-      } else {
-        printf(" %s=%s", key.c_str(), value.c_str());
-      }
-      first = false;
-    }
-    printf(json ? "}" : "\n");
-    first_row = false;
+    printf("%s:", name.c_str());
+    for (const auto &[key, value] : fields) printf(" %s=%s", key.c_str(), value.c_str());
+    printf("\n");
   }
-  if (json) printf("}\n");
 }
 
 }  // namespace
@@ -72,8 +62,9 @@ int cfmctl_pm(const std::vector<std::string> &args, const std::string &tree, boo
   for (const std::string &a : args) json = json || a == "--json";
   if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) return fputs(kUsage, stdout), 0;
   if (!args.empty() && args[0] == "show") {
+    // The JSON document holds what the tree holds: it is printed alone.
     int status = send(json ? "pmshow json" : "pmshow");
-    if (status == 0 && !tree.empty()) print_rows(tree, json);
+    if (status == 0 && !json && !tree.empty()) print_rows(tree);
     return status;
   }
   if (args.size() < 2 || (args[0] != "dm" && args[0] != "slm" && args[0] != "1dm")) return usage();

@@ -109,8 +109,8 @@ long long ChangeTime(int id) {
 
 // A dead run's record removes only the sets that still look as recorded
 // (private key, mode 0, one semaphore, the recorded change time; records
-// without times: changed before the record); a pid of 1 or less or out of
-// range removes nothing. The record is written with times, never through a
+// without times remove nothing); a pid of 1 or less or not below the
+// kernel's pid_max removes nothing. The record is written with times, never through a
 // link left at its temporary name.
 TEST_F(StartupInput, StaleSetRecord) {
   pid_t dead = fork();
@@ -119,15 +119,23 @@ TEST_F(StartupInput, StaleSetRecord) {
   int ours = semget(IPC_PRIVATE, 1, IPC_CREAT), older = semget(IPC_PRIVATE, 1, IPC_CREAT);
   int foreign = semget(0x5e000000 + getpid(), 1, IPC_CREAT | 0644);  // as ipcmk -S 1 makes it
   const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
-  for (const char *pid : {"0", "-5", "1", "4194305"}) CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+  long pid_max = 0;
+  std::ifstream("/proc/sys/kernel/pid_max") >> pid_max;
+  const std::string at_max = std::to_string(pid_max), below = std::to_string(pid_max - 1);
+  for (const char *pid : {"0", "-5", "1", at_max.c_str()}) CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+  CfmStaleRecord parsed;
+  EXPECT_TRUE(cfm_parse_stale_record(below.data(), below.size(), &parsed));
+  EXPECT_EQ(std::make_tuple(cfm_pid_max(Scratch("32768\n")), cfm_pid_max(Scratch("x")), cfm_pid_max("/nonexistent")),
+            std::make_tuple(32768L, 4194304L, 4194304L));
   EXPECT_GE(ChangeTime(ours), 0);
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(foreign) + ":" + std::to_string(ChangeTime(foreign)) +
                                    " " + std::to_string(older) + ":" + std::to_string(ChangeTime(older) - 5) + set));
   EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0),
             std::make_tuple(false, true, true));
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(older) + " " + std::to_string(foreign)));
-  EXPECT_EQ(std::make_pair(ChangeTime(older), ChangeTime(foreign) >= 0), std::make_pair(-1LL, true));
+  EXPECT_EQ(std::make_pair(ChangeTime(older) >= 0, ChangeTime(foreign) >= 0), std::make_pair(true, true));
   semctl(foreign, 0, IPC_RMID);
+  semctl(older, 0, IPC_RMID);
 
   const std::string target = kScratch + ".target", tmp = kScratch + ".tmp";
   std::ofstream(target) << "keep";
@@ -137,7 +145,6 @@ TEST_F(StartupInput, StaleSetRecord) {
   CFM_OS_Init("");
   std::ifstream written(kScratch), kept(target);
   std::string text((std::istreambuf_iterator<char>(written)), {}), keep((std::istreambuf_iterator<char>(kept)), {});
-  CfmStaleRecord parsed;
   ASSERT_TRUE(cfm_parse_stale_record(text.data(), text.size(), &parsed)) << text;
   const CfmStaleSet &last = parsed.sets[parsed.count - 1];
   EXPECT_EQ(std::make_tuple(parsed.pid, last.id, last.ctime), std::make_tuple(long{getpid()}, mine, ChangeTime(mine)));

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 
 #include "core/frame_type.h"
 #include "core/global.h"
@@ -95,7 +96,9 @@ TEST_F(Lab, WanSocketRestoresTagsAndJoinsGroups) {
 // frames and thousands of mutations of them, sent from the peer, reach a
 // filtered socket exactly when the classifier acts on them under one of the
 // frame types, and a debug-filtered one exactly when they carry an 802.1Q
-// outer tag, as an unfiltered socket on the same link shows.
+// outer tag, as an unfiltered socket on the same link shows. Every frame the
+// LAN relay would send on is among those the filter keeps, frames cut short
+// of the Ethernet minimum around the common header too.
 TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
   int index = static_cast<int>(if_nametoindex("wan0"));
   int all = cfm_wan_socket_open(index, nullptr);
@@ -122,6 +125,13 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
     if (rng() % 3 == 0) f.resize(rng() % (f.size() + 1));
     inputs.push_back(f);
   }
+  for (size_t length = 17; length <= 26; ++length) {
+    for (Frame f : {make_frame({100}, 64), make_frame({100, 200}, 64)}) {
+      f[f[16] == 0x89 ? 18 : 22] = 5 << 5;
+      f.resize(length);
+      inputs.push_back(f);
+    }
+  }
   for (const Frame &f : inputs) {
     if (f.size() >= 14 && f.size() <= 1514) peer().Send(f);
   }
@@ -147,8 +157,14 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
     return false;
   };
   std::vector<Frame> want, want_tagged;
+  std::set<Frame> kept_set(kept.begin(), kept.end());
+  size_t relayed = 0, relayed_not_kept = 0;
   testing::internal::CaptureStdout();  // the forward text of every relayed frame
   for (const Frame &f : wire) {
+    forwarded = false;
+    cfm_relay_lan_frame(f.data(), f.size());
+    relayed += forwarded;
+    relayed_not_kept += forwarded && kept_set.count(f) == 0;
     if (acts(f)) want.push_back(f);
     if (f.size() >= 14 && f[12] == 0x81 && f[13] == 0x00) want_tagged.push_back(f);
   }
@@ -159,6 +175,8 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
   EXPECT_LT(want.size(), wire.size());
   EXPECT_TRUE(kept == want) << kept.size() << " kept, " << want.size() << " acted on";
   EXPECT_TRUE(kept_tagged == want_tagged) << kept_tagged.size() << " kept, " << want_tagged.size() << " tagged";
+  EXPECT_GT(relayed, 0u);
+  EXPECT_EQ(relayed_not_kept, 0u);
   for (int fd : {all, filtered, tagged}) close(fd);
 }
 

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <set>
 
 #include "core/frame_type.h"
 #include "core/global.h"
@@ -125,12 +124,10 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
     if (rng() % 3 == 0) f.resize(rng() % (f.size() + 1));
     inputs.push_back(f);
   }
-  for (size_t length = 17; length <= 26; ++length) {
-    for (Frame f : {make_frame({100}, 64), make_frame({100, 200}, 64)}) {
-      f[f[16] == 0x89 ? 18 : 22] = 5 << 5;
-      f.resize(length);
-      inputs.push_back(f);
-    }
+  for (size_t cut = 34; cut < 54; ++cut) {  // 17 to 26 bytes, one tag or two, level 5
+    Frame f = make_frame(std::vector<uint16_t>(1 + cut % 2, 100), 64);
+    f[cut % 2 ? 22 : 18] = 5 << 5, f.resize(cut / 2);
+    inputs.push_back(f);
   }
   for (const Frame &f : inputs) {
     if (f.size() >= 14 && f.size() <= 1514) peer().Send(f);
@@ -157,14 +154,12 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
     return false;
   };
   std::vector<Frame> want, want_tagged;
-  std::set<Frame> kept_set(kept.begin(), kept.end());
-  size_t relayed = 0, relayed_not_kept = 0;
+  std::pair<size_t, size_t> relayed{0, 0};  // by the LAN relay, and of those not kept
   testing::internal::CaptureStdout();  // the forward text of every relayed frame
   for (const Frame &f : wire) {
     forwarded = false;
     cfm_relay_lan_frame(f.data(), f.size());
-    relayed += forwarded;
-    relayed_not_kept += forwarded && kept_set.count(f) == 0;
+    relayed.first += forwarded, relayed.second += forwarded && std::find(kept.begin(), kept.end(), f) == kept.end();
     if (acts(f)) want.push_back(f);
     if (f.size() >= 14 && f[12] == 0x81 && f[13] == 0x00) want_tagged.push_back(f);
   }
@@ -175,8 +170,7 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
   EXPECT_LT(want.size(), wire.size());
   EXPECT_TRUE(kept == want) << kept.size() << " kept, " << want.size() << " acted on";
   EXPECT_TRUE(kept_tagged == want_tagged) << kept_tagged.size() << " kept, " << want_tagged.size() << " tagged";
-  EXPECT_GT(relayed, 0u);
-  EXPECT_EQ(relayed_not_kept, 0u);
+  EXPECT_TRUE(relayed.first > 0 && relayed.second == 0) << relayed.first << " relayed, " << relayed.second << " not kept";
   for (int fd : {all, filtered, tagged}) close(fd);
 }
 

@@ -37,8 +37,7 @@ grep -qE "@[A-Z_]+@" "$stage/usr/lib/systemd/system/cfmd.service" && fail "unit:
 # Exposure at most 4.0 (the threshold counts tenths).
 systemd-analyze security --offline=yes --root="$stage" --threshold=40 cfmd.service >/dev/null ||
   fail "systemd-analyze security rates the unit above 4.0"
-# The unit's system call filter as systemd applies it (an allow list; later lines add,
-# "~" lines remove): the chown calls that -g needs stay allowed.
+# The unit's system call filter as systemd applies it (allow list; later lines add, "~" lines remove) allows chown.
 calls() { for w; do case $w in @*) calls $(systemd-analyze syscall-filter "$w" | grep -v "^ *#" | sed 1d) ;; *) echo "$w" ;; esac; done; }
 allowed=$(sed -n "s/^SystemCallFilter=//p" "$stage/usr/lib/systemd/system/cfmd.service" | while read -r line; do
   case $line in "~"*) calls ${line#\~} | sed "s/^/-/" ;; *) calls $line | sed "s/^/+/" ;; esac
@@ -68,10 +67,8 @@ scripts/sandbox.sh -f "$deb" bash -euxc '
   cfmctl -t /var/lib/cfmd --export rmep
   [ -e /var/lib/cfmd/runtime/cfm/rmep_db ]
   logrotate -d /etc/logrotate.d/cfmd 2>/dev/null
-  # The daemon as the unit runs it: the capabilities of the unit only, / read-only
-  # but for the paths the unit makes writable; it answers, gives its socket the
-  # group of -g, and removes its semaphore sets. Without CAP_CHOWN the socket
-  # stays 0600 and the log says so.
+  # The daemon as the unit runs it (its capabilities only, / read-only but for the paths it makes writable)
+  # answers, gives its socket the group of -g (without CAP_CHOWN: stays 0600, said in the log) and removes its sets.
   /etc/init.d/cfmd stop
   unit=/usr/lib/systemd/system/cfmd.service
   caps=$(sed -n "s/^CapabilityBoundingSet=//p" $unit | tr "A-Z " "a-z," | sed "s/cap_/+/g")

@@ -54,10 +54,10 @@ bool format_key(char *key, const char *format, va_list ap) {
   return valid_key(key);
 }
 
-// Why a walk or an open failed when it met a symbolic link: logs one line
-// naming the first `end` bytes of `key` and returns true. Links are never
-// followed below the root, so nothing planted in the tree can send a write
-// or a read outside it.
+// True, after one line on standard error naming the first `end` bytes of
+// `key`, when the entry `name` of `dir_fd` is a symbolic link. Links are
+// never followed below the root, so nothing planted in the tree can send a
+// write or a read outside it.
 bool refused_link(int dir_fd, const char *name, const char *key, size_t end) {
   struct stat st;
   if (fstatat(dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) return false;

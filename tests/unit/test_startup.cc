@@ -149,6 +149,10 @@ TEST_F(StartupInput, StaleSetRecord) {
   EXPECT_EQ(keep, "keep");
   CFM_OS_Delete_Semaphore(mine);
   EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
+  // A set the daemon made goes at the next start once its process is gone.
+  int left = CFM_OS_Create_Semaphore("t", 1, 1);
+  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(left) + ":" + std::to_string(ChangeTime(left))));
+  EXPECT_EQ(ChangeTime(left), -1);
   // Negative ids are passed over, at most 64 sets are read, and a number of
   // more than 18 digits (leading zeros too) ends the record.
   std::string many = "77 -3 4:9";

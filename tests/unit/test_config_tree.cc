@@ -41,19 +41,25 @@ class ConfigTreeDir : public ::testing::Test {
 };
 
 TEST_F(ConfigTreeDir, KeysStayInsideAndRowsAreCounted) {
-  for (const char *bad : {"/../escape", "/a//b", "/a/./b", "relative", "/trailing/"}) ConfigTree::setInt(1, "%s", bad);
+  std::string overlong;  // a key of more than 511 bytes does not fit, cut or whole
+  while (overlong.size() < 600) overlong += "/kkk";
+  for (const char *bad : {"/../escape", "/a//b", "/a/./b", "relative", "/trailing/", overlong.c_str()})
+    ConfigTree::setInt(1, "%s", bad);
   EXPECT_TRUE(fs::is_empty(root_));
   EXPECT_FALSE(fs::exists(root_.parent_path() / "escape"));
   ConfigTree::delStr("/..");
-  EXPECT_TRUE(fs::exists(root_) && !ConfigTree::attachDirectory("/" + std::string(PATH_MAX, 'a')));
+  EXPECT_TRUE(fs::exists(root_) && !ConfigTree::attachDirectory("/" + std::string(PATH_MAX, 'a')) &&
+              !ConfigTree::attachDirectory("/.."));
   EXPECT_EQ(ConfigTree::getInt(nullptr, "/../etc/passwd"), 0);
   ConfigTree::setInt(7, "/x/y");  // one-character components are keys like any other
-  EXPECT_EQ(ConfigTree::getInt(nullptr, "/x/y"), 7);
+  char raw[CFM_CONFIG_VALUE_SIZE] = "";
+  EXPECT_EQ(ConfigTree::getInt(raw, "/x/y"), 7);
+  EXPECT_STREQ(raw, "7");
   ConfigTree::delStr("/x");
 
   // (Deleting a row with everything under it is checked through the export.)
   for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/lbr:%d/transID", n);
-  ConfigTree::setInt(1, "/runtime/cfm/lbrx:4/transID");  // another table
+  ConfigTree::setInt(1, "/runtime/cfm/lbrx:4/transID"), ConfigTree::setInt(1, "/runtime/cfm/lbq:5/transID");  // others
   EXPECT_EQ(Rows("/runtime/cfm/lbr"), 3);
 }
 

@@ -153,9 +153,10 @@ TEST_F(StartupInput, StaleSetRecord) {
   int left = CFM_OS_Create_Semaphore("t", 1, 1);
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(left) + ":" + std::to_string(ChangeTime(left))));
   EXPECT_EQ(ChangeTime(left), -1);
-  // Negative ids are passed over, at most 64 sets are read, and a number of
-  // more than 18 digits (leading zeros too) ends the record.
-  std::string many = "77 -3 4:9";
+  // Negative ids and ids past 2^31 - 1 are passed over, at most 64 sets are
+  // read, and a number of more than 18 digits (leading zeros too) ends the
+  // record.
+  std::string many = "77 -3 4294967296 4:9";
   for (int i = 0; i < 70; ++i) many += " 5";
   ASSERT_TRUE(cfm_parse_stale_record(many.data(), many.size(), &parsed));
   EXPECT_EQ(std::make_tuple(parsed.count, parsed.sets[0].id, parsed.sets[0].ctime), std::make_tuple(size_t{64}, 4, 9LL));

@@ -15,7 +15,7 @@ const char kForwardText[] = "CFM: Forward the CFM packet to LAN because  VID/opc
 // An LTM at level 5 behind two 802.1Q tags, to the level's LTM group address.
 Frame double_tagged_ltm(uint32_t id) {
   Frame f = header({0x01, 0x80, 0xC2, 0x00, 0x00, 0x38 + 5}, kPeerMac, 0, kOuterVid);
-  f.resize(f.size() - 2);  // the inner tag goes before the CFM EtherType
+  f.erase(f.end() - 2, f.end());  // the inner tag goes before the CFM EtherType
   f.insert(f.end(), {0x81, 0x00, uint8_t(kInnerVid >> 8), uint8_t(kInnerVid), 0x89, 0x02});
   f.insert(f.end(), {5 << 5, 5, 0x80, 17, 0, 0, 0, 0, 64});
   put_be32(&f[f.size() - 5], id);

@@ -13,9 +13,12 @@ files=()
 while [ "${1:-}" = -f ]; do files+=("$(realpath "$2")"); shift 2; done
 [ $# -gt 0 ] || { echo "usage: $0 [-f FILE]... COMMAND..." >&2; exit 2; }
 
-exec unshare --mount --net --ipc --pid --fork --propagation private bash -euc '
-  nfiles=$1; shift
-  top=$(mktemp -d)
+# The mount point of the copy's memory file system: made on this machine,
+# removed when the copy ends.
+top=$(mktemp -d)
+trap 'rmdir "$top"' EXIT
+unshare --mount --net --ipc --pid --fork --propagation private bash -euc '
+  nfiles=$1; top=$2; shift 2
   mount -t tmpfs none "$top"
   mkdir "$top/lower" "$top/upper" "$top/work" "$top/root"
   # Only the root file system, without what is mounted on it.
@@ -39,4 +42,4 @@ exec unshare --mount --net --ipc --pid --fork --propagation private bash -euc '
   ip link set lo up
   ip link add wan0 type veth peer name peer0 && ip link set wan0 up && ip link set peer0 up
   exec chroot "$r" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@"
-' sandbox "${#files[@]}" "${files[@]}" "$@"
+' sandbox "${#files[@]}" "$top" "${files[@]}" "$@"

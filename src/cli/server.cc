@@ -277,7 +277,8 @@ bool bind_socket(int listener, const struct sockaddr_un &addr) {
   socklen_t len = static_cast<socklen_t>(strlen(addr.sun_path) + sizeof(addr.sun_family));
   if (bind(listener, reinterpret_cast<const struct sockaddr *>(&addr), len) < 0) return false;
   if (g_socket_gid != static_cast<gid_t>(-1) && chown(addr.sun_path, static_cast<uid_t>(-1), g_socket_gid) < 0) {
-    perror("server socket group not set, reason");
+    fprintf(stderr, "CFM: the command socket cannot get group %u (%s), it stays mode 0600\n",
+            static_cast<unsigned>(g_socket_gid), strerror(errno));
     mode = 0600;
   }
   chmod(addr.sun_path, mode);

@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,9 +27,8 @@ constexpr size_t kKeyMax = 512;
 constexpr int kRemoveDepth = 32;
 
 std::mutex g_mutex;
-char g_root[PATH_MAX];  // empty while detached; guarded by g_mutex
+int g_root_fd = -1;  // the tree's directory, -1 while detached; guarded by g_mutex
 std::atomic<bool> g_attached{false};
-unsigned long g_temp_counter = 0;
 
 // A key is "/" followed by non-empty components other than "." and "..";
 // false for anything else, so no key can leave the directory.
@@ -53,28 +54,37 @@ bool format_key(char *key, const char *format, va_list ap) {
   return valid_key(key);
 }
 
-// Root directory followed by `key` (its first `key_len` bytes) into `path`
-// (PATH_MAX bytes); false when it does not fit. Caller holds g_mutex and the
-// tree is attached.
-bool path_of(char *path, const char *key, size_t key_len) {
-  int n = snprintf(path, PATH_MAX, "%s%.*s", g_root, static_cast<int>(key_len), key);
-  return n > 0 && n < PATH_MAX;
+// True, after one line on standard error naming the first `end` bytes of
+// `key`, when the entry `name` of `dir_fd` is a symbolic link. Links are
+// never followed below the root, so nothing planted in the tree can send a
+// write or a read outside it.
+bool refused_link(int dir_fd, const char *name, const char *key, size_t end) {
+  struct stat st;
+  if (fstatat(dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) return false;
+  fprintf(stderr, "CFM: configuration tree: %.*s is a symbolic link, not followed\n", static_cast<int>(end), key);
+  return true;
 }
 
-// mkdir -p: creates every missing directory of `path` after its first `from`
-// bytes (the root, which exists); true when `path` is a directory afterwards.
-bool make_directories(char *path, size_t from) {
-  char *end = path + strlen(path);
-  struct stat st;
-  for (char *p = path + from + 1; p <= end; ++p) {
-    if (*p != '/' && *p != '\0') continue;
-    char saved = *p;
-    *p = '\0';
-    bool made = mkdir(path, 0755) == 0 || errno == EEXIST || (stat(path, &st) == 0 && S_ISDIR(st.st_mode));
-    *p = saved;
-    if (!made) return false;
+// Opens the directory of the key's first `len` bytes ("" is the root)
+// component by component below the root, never through a link; with
+// `create`, missing directories are made. Returns a descriptor the caller
+// closes, or -1. Caller holds g_mutex and the tree is attached.
+int open_directory(const char *key, size_t len, bool create) {
+  int fd = fcntl(g_root_fd, F_DUPFD_CLOEXEC, 0);
+  char name[kKeyMax];
+  for (size_t at = 1; fd >= 0 && at < len;) {
+    size_t end = at;
+    while (end < len && key[end] != '/') ++end;
+    memcpy(name, key + at, end - at);
+    name[end - at] = '\0';
+    if (create) mkdirat(fd, name, 0755);
+    int next = openat(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (next < 0) refused_link(fd, name, key, end);
+    close(fd);
+    fd = next;
+    at = end + 1;
   }
-  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+  return fd;
 }
 
 bool write_all(int fd, const char *p, size_t left) {
@@ -88,31 +98,65 @@ bool write_all(int fd, const char *p, size_t left) {
   return true;
 }
 
+// Random bits for a temporary name, so nobody can plant a link where the
+// next one will be: getrandom where the C library or the kernel headers
+// have it, else /dev/urandom; the clock and a counter when both fail
+// (O_EXCL still refuses anything found at the name).
+uint64_t random_bits() {
+  uint64_t bits = 0;
+#ifdef SYS_getrandom
+  if (syscall(SYS_getrandom, &bits, sizeof bits, 0) == static_cast<long>(sizeof bits)) return bits;
+#endif
+  int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) {
+    ssize_t n = read(fd, &bits, sizeof bits);
+    close(fd);
+    if (n == static_cast<ssize_t>(sizeof bits)) return bits;
+  }
+  static uint64_t counter = 0;
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (static_cast<uint64_t>(now.tv_nsec) << 20) ^ static_cast<uint64_t>(now.tv_sec) ^ ++counter;
+}
+
+// Creates a new temporary file in `dir_fd` under an unpredictable name
+// (into `temp`, 32 bytes); -1 when none could be made.
+int create_temporary(int dir_fd, char *temp) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    snprintf(temp, 32, ".tmp.%016llx", static_cast<unsigned long long>(random_bits()));
+    int fd = openat(dir_fd, temp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return -1;
+}
+
 // Writes "value\n" to the key's file through a temporary file and rename,
-// so a reader sees the old or the new value, never a part. Caller holds
-// g_mutex.
+// so a reader sees the old or the new value, never a part. A link at the
+// key's place is left alone. Caller holds g_mutex.
 void store(const char *key, const char *value) {
-  const char *slash = strrchr(key, '/');
-  char dir[PATH_MAX];
-  char path[PATH_MAX];
-  char temp[PATH_MAX];
-  if (!path_of(dir, key, static_cast<size_t>(slash - key)) || !path_of(path, key, strlen(key))) return;
-  if (!make_directories(dir, strlen(g_root))) return;
-  int n = snprintf(temp, sizeof temp, "%s/.tmp.%ld.%lu", dir, static_cast<long>(getpid()), ++g_temp_counter);
-  if (n < 0 || n >= PATH_MAX) return;
-  int fd = open(temp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  bool ok = write_all(fd, value, strlen(value)) && write_all(fd, "\n", 1);
-  if (close(fd) != 0) ok = false;
-  if (!ok || rename(temp, path) != 0) unlink(temp);
+  const char *name = strrchr(key, '/') + 1;
+  int dir_fd = open_directory(key, static_cast<size_t>(name - 1 - key), true);
+  if (dir_fd < 0) return;
+  char temp[32];
+  int fd = refused_link(dir_fd, name, key, strlen(key)) ? -1 : create_temporary(dir_fd, temp);
+  if (fd >= 0) {
+    bool ok = write_all(fd, value, strlen(value)) && write_all(fd, "\n", 1);
+    if (close(fd) != 0) ok = false;
+    if (!ok || renameat(dir_fd, temp, dir_fd, name) != 0) unlinkat(dir_fd, temp, 0);
+  }
+  close(dir_fd);
 }
 
 // Reads the key's text without its final newline into `out` (`size` bytes,
 // NUL-terminated). False when the key is absent. Caller holds g_mutex.
 bool load(const char *key, char *out, size_t size) {
-  char path[PATH_MAX];
-  if (!path_of(path, key, strlen(key))) return false;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  const char *name = strrchr(key, '/') + 1;
+  int dir_fd = open_directory(key, static_cast<size_t>(name - 1 - key), false);
+  if (dir_fd < 0) return false;
+  // Non-blocking: a FIFO at the key must not hold the caller.
+  int fd = openat(dir_fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) refused_link(dir_fd, name, key, strlen(key));
+  close(dir_fd);
   if (fd < 0) return false;
   struct stat st;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -133,30 +177,26 @@ bool load(const char *key, char *out, size_t size) {
   return true;
 }
 
-// Removes `path` (PATH_MAX bytes, its contents restored on return) and, for
-// a directory, everything under it. Symbolic links are removed, not followed.
-void remove_tree(char *path, int depth) {
+// Removes the entry `name` of `dir_fd` and, for a directory, everything
+// under it. Symbolic links are removed, not followed.
+void remove_entry(int dir_fd, const char *name, int depth) {
   struct stat st;
-  if (lstat(path, &st) != 0) return;
+  if (fstatat(dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return;
   if (!S_ISDIR(st.st_mode)) {
-    unlink(path);
+    unlinkat(dir_fd, name, 0);
     return;
   }
-  if (depth < kRemoveDepth) {
-    DIR *dir = opendir(path);
-    if (dir != nullptr) {
-      size_t len = strlen(path);
-      while (const dirent *entry = readdir(dir)) {
-        const char *name = entry->d_name;
-        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
-        int n = snprintf(path + len, PATH_MAX - len, "/%s", name);
-        if (n > 0 && static_cast<size_t>(n) < PATH_MAX - len) remove_tree(path, depth + 1);
-        path[len] = '\0';
-      }
-      closedir(dir);
+  int fd = depth < kRemoveDepth ? openat(dir_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
+  if (DIR *dir = fd >= 0 ? fdopendir(fd) : nullptr) {
+    while (const dirent *entry = readdir(dir)) {
+      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+        remove_entry(dirfd(dir), entry->d_name, depth + 1);
     }
+    closedir(dir);
+  } else if (fd >= 0) {
+    close(fd);
   }
-  rmdir(path);
+  unlinkat(dir_fd, name, AT_REMOVEDIR);
 }
 
 // Stores a value under a printf-style key (both setters end here).
@@ -164,7 +204,22 @@ void store_formatted(const char *value, const char *key_format, va_list ap) {
   char key[kKeyMax];
   if (!format_key(key, key_format, ap)) return;
   std::lock_guard<std::mutex> lock(g_mutex);
-  if (g_root[0] != '\0') store(key, value);
+  if (g_root_fd >= 0) store(key, value);
+}
+
+// mkdir -p of the tree's own directory `path` (absolute, lexically normal);
+// true when it is a directory afterwards.
+bool make_directories(char *path) {
+  struct stat st;
+  for (char *p = path + 1;; ++p) {
+    if (*p != '/' && *p != '\0') continue;
+    char saved = *p;
+    *p = '\0';
+    mkdir(path, 0755);
+    *p = saved;
+    if (saved == '\0') break;
+  }
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // Absolute, lexically normal form of `dir` into `out` (PATH_MAX bytes):
@@ -203,7 +258,7 @@ int ConfigTree::getInt(char *buffer, const char *key) {
   char text[CFM_CONFIG_VALUE_SIZE];
   {
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_root[0] == '\0' || !load(key, text, sizeof text)) return 0;
+    if (g_root_fd < 0 || !load(key, text, sizeof text)) return 0;
   }
   if (buffer != nullptr) memcpy(buffer, text, strlen(text) + 1);
   return atoi(text);
@@ -236,8 +291,12 @@ void ConfigTree::delStr(const char *key_format, ...) {
   va_end(ap);
   if (!ok) return;
   std::lock_guard<std::mutex> lock(g_mutex);
-  char path[PATH_MAX];
-  if (g_root[0] != '\0' && path_of(path, key, strlen(key))) remove_tree(path, 0);
+  if (g_root_fd < 0) return;
+  const char *name = strrchr(key, '/') + 1;
+  int dir_fd = open_directory(key, static_cast<size_t>(name - 1 - key), false);
+  if (dir_fd < 0) return;
+  remove_entry(dir_fd, name, 0);
+  close(dir_fd);
 }
 
 void ConfigTree::getRow(const char *key, uint16_t *count) {
@@ -248,10 +307,12 @@ void ConfigTree::getRow(const char *key, uint16_t *count) {
   const char *table = slash + 1;
   size_t table_len = strlen(table);
   std::lock_guard<std::mutex> lock(g_mutex);
-  char parent[PATH_MAX];
-  if (g_root[0] == '\0' || !path_of(parent, key, static_cast<size_t>(slash - key))) return;
-  DIR *dir = opendir(parent);
-  if (dir == nullptr) return;
+  int dir_fd = g_root_fd >= 0 ? open_directory(key, static_cast<size_t>(slash - key), false) : -1;
+  DIR *dir = dir_fd >= 0 ? fdopendir(dir_fd) : nullptr;
+  if (dir == nullptr) {
+    if (dir_fd >= 0) close(dir_fd);
+    return;
+  }
   unsigned rows = 0;
   while (const dirent *entry = readdir(dir)) {
     const char *name = entry->d_name;
@@ -269,7 +330,7 @@ void ConfigTree::ConfigGet(const char *key, char *out) {
   char text[CFM_CONFIG_VALUE_SIZE];
   {
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_root[0] == '\0' || !load(key, text, sizeof text)) return;
+    if (g_root_fd < 0 || !load(key, text, sizeof text)) return;
   }
   memcpy(out, text, strlen(text) + 1);
 }
@@ -278,21 +339,22 @@ bool ConfigTree::attachDirectory(const std::string &dir) {
   if (dir.empty()) return false;
   char root[PATH_MAX];
   if (!normal_absolute(dir.c_str(), root)) return false;
-  struct stat st;
-  // The file system root is refused: an empty prefix means detached.
-  if (root[0] == '\0' || !make_directories(root, 0) || stat(root, &st) != 0 || !S_ISDIR(st.st_mode) ||
-      access(root, W_OK | X_OK) != 0) {
-    return false;
-  }
+  // The file system root is refused.
+  if (root[0] == '\0' || !make_directories(root) || access(root, W_OK | X_OK) != 0) return false;
+  // The operator's path may pass through links; below it nothing is followed.
+  int fd = open(root, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
   std::lock_guard<std::mutex> lock(g_mutex);
-  memcpy(g_root, root, sizeof g_root);
+  if (g_root_fd >= 0) close(g_root_fd);
+  g_root_fd = fd;
   g_attached.store(true);
   return true;
 }
 
 void ConfigTree::detach() {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_root[0] = '\0';
+  if (g_root_fd >= 0) close(g_root_fd);
+  g_root_fd = -1;
   g_attached.store(false);
 }
 

@@ -21,8 +21,8 @@ namespace {
 constexpr int kMaxSemaphores = CFM_STALE_MAX_SETS;
 // Longest record: a pid and 64 "id:ctime" pairs; longer files are not read past it.
 constexpr size_t kMaxStateRecord = 16 + 44 * kMaxSemaphores;
-// Highest pid the kernel can hand out (PID_MAX_LIMIT).
-constexpr long long kMaxPid = 4194304;
+// The largest pid_max the kernel accepts (PID_MAX_LIMIT): pids stay below it.
+constexpr long kPidMaxLimit = 4194304;
 struct SemSlot {
   std::atomic<int> id{-1};
 };
@@ -138,17 +138,17 @@ bool other_process_alive(long pid) {
 }
 
 // Whether the set still looks like the one this daemon created and recorded:
-// private key, mode 0, one semaphore, and (when the record has it) the same
-// change time. Records without times only vouch for sets last changed before
-// the record was written. Any set a live process operated on last is kept.
-bool looks_recorded(const CfmStaleSet &set, time_t written) {
+// private key, mode 0, one semaphore and the recorded change time. A set
+// without a recorded time (older records) cannot be told from one another
+// program made since under a reused id, so it is kept; so is any set a live
+// process operated on last.
+bool looks_recorded(const CfmStaleSet &set) {
   struct semid_ds ds = {};
   SemctlArg arg;
   arg.buf = &ds;
   if (set.id < 0 || semctl(set.id, 0, IPC_STAT, arg) < 0) return false;
   if (ds.sem_perm.__key != IPC_PRIVATE || (ds.sem_perm.mode & 0777) != 0 || ds.sem_nsems != 1) return false;
-  // One second of slack: file times come from a coarser clock.
-  if (set.ctime >= 0 ? ds.sem_ctime != set.ctime : ds.sem_ctime > written + 1) return false;
+  if (set.ctime < 0 || ds.sem_ctime != set.ctime) return false;
   return !other_process_alive(semctl(set.id, 0, GETPID));
 }
 
@@ -158,14 +158,13 @@ void remove_stale_sets(const char *path) {
   int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return;
   char text[kMaxStateRecord];
-  struct stat written = {};
-  ssize_t got = fstat(fd, &written) == 0 ? read(fd, text, sizeof text) : -1;
+  ssize_t got = read(fd, text, sizeof text);
   close(fd);
   CfmStaleRecord record;
   if (got <= 0 || !cfm_parse_stale_record(text, static_cast<size_t>(got), &record)) return;
   if (other_process_alive(record.pid)) return;
   for (size_t i = 0; i < record.count; ++i) {
-    if (looks_recorded(record.sets[i], written.st_mtime)) semctl(record.sets[i].id, 0, IPC_RMID);
+    if (looks_recorded(record.sets[i])) semctl(record.sets[i].id, 0, IPC_RMID);
   }
 }
 
@@ -192,12 +191,23 @@ void skip_blanks(const char *text, size_t len, size_t *pos) {
 
 }  // namespace
 
+long cfm_pid_max(const char *path) {
+  char text[32];
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  ssize_t got = fd >= 0 ? read(fd, text, sizeof text) : -1;
+  if (fd >= 0) close(fd);
+  size_t pos = 0;
+  long long value = 0;
+  if (got <= 0 || !read_number(text, static_cast<size_t>(got), &pos, &value)) return kPidMaxLimit;
+  return static_cast<long>(value);
+}
+
 bool cfm_parse_stale_record(const char *text, size_t len, CfmStaleRecord *out) {
   *out = {};
   size_t pos = 0;
   long long pid = 0;
   skip_blanks(text, len, &pos);
-  if (!read_number(text, len, &pos, &pid) || pid <= 1 || pid > kMaxPid) return false;
+  if (!read_number(text, len, &pos, &pid) || pid <= 1 || pid >= cfm_pid_max()) return false;
   out->pid = static_cast<long>(pid);
   for (skip_blanks(text, len, &pos); pos < len && out->count < kMaxSemaphores; skip_blanks(text, len, &pos)) {
     long long id = 0, ctime = -1;

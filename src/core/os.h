@@ -31,8 +31,11 @@ struct CfmStaleRecord {
   size_t count;
   CfmStaleSet sets[CFM_STALE_MAX_SETS];
 };
+// One beyond the highest pid the kernel hands out: the number in `path`, or
+// 4194304 (the largest it can be) when it cannot be read.
+long cfm_pid_max(const char *path = "/proc/sys/kernel/pid_max");
 // Parses the first `len` bytes of a record; false when the pid is missing,
-// at most 1 or beyond the kernel's range. Reading stops at the first word
+// at most 1 or not below cfm_pid_max(). Reading stops at the first word
 // that is not a set; negative ids are skipped.
 bool cfm_parse_stale_record(const char *text, size_t len, CfmStaleRecord *out);
 void *CFM_OS_Allocate_Memory(size_t size);

@@ -38,6 +38,9 @@ uint8_t g_lb_source_mac[kMacLen] = {0};
 // LBR rows in the configuration tree; touched only under MEP_SYC.
 uint32_t g_lbr_rows = 0;
 uint32_t g_lbr_rows_unwritten = 0;
+// Rows written for the run started last, and its message count.
+uint32_t g_lbr_run_rows = 0;
+uint32_t g_lbr_run_messages = 0;
 
 // Flags of one tick, cleared when the tick starts and not for each MEP: what
 // one MEP sets stays set for the MEPs after it in the same tick.
@@ -148,7 +151,11 @@ void tick_mep(MepEntry *mep, TickFlags *flags) {
   bool changed = false;
   bool started = false;
   uint32_t first_id = 0;
-  if (mep->LbmTransmitStatus == 1) mep->LbmRemaining = mep->LbmMessages;
+  if (mep->LbmTransmitStatus == 1) {
+    mep->LbmRemaining = mep->LbmMessages;
+    g_lbr_run_rows = 0;
+    g_lbr_run_messages = mep->LbmMessages;
+  }
   if (mep->LbmRemaining > 0 && mep->LbmRunning == 0) {
     mep->LbmRunning = 1;
     first_id = mep->NextLbmTransId;
@@ -259,12 +266,14 @@ void count_lbr(MepEntry *mep, uint32_t trans_id, const DataCopy &data) {
   CFM_Update_MEP_Entry(mep);
 }
 
-// Records one LBR as the next row, while the rows are below their bound.
+// Records one LBR as the next row, while the run's rows are below its
+// message count and the table below its bound.
 void write_lbr_row(const uint8_t *source, uint32_t trans_id) {
-  if (g_lbr_rows >= CFM_MAX_LBR_ROWS) {
+  if (g_lbr_run_rows >= g_lbr_run_messages || g_lbr_rows >= CFM_MAX_LBR_ROWS) {
     g_lbr_rows_unwritten += 1;
     return;
   }
+  g_lbr_run_rows += 1;
   int row = static_cast<int>(++g_lbr_rows);
   char mac_text[CFM_MAC_TEXT_SIZE];
   hwaddr_to_string(mac_text, source);

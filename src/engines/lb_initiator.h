@@ -16,10 +16,11 @@ uint32_t CFM_LBR_Process(CfmPacket *packet);
 // Rows "/runtime/cfm/lbr:N" kept for the LBRs that passed the checks and
 // answer a running loopback. The count lives in memory (only this daemon
 // writes the tree; it is read once at start), so no LBR lists a directory.
-// At most CFM_MAX_LBR_ROWS rows are written (a row is two files, about 8 KiB
-// on a tmpfs: 256 KiB in all); later LBRs are counted as unwritten until
-// clearlbr.
-constexpr uint32_t CFM_MAX_LBR_ROWS = 32;
+// A run adds at most as many rows as it sends LBMs, and the table holds at
+// most CFM_MAX_LBR_ROWS rows, the largest message count (a row is two files,
+// about 8 KiB on a tmpfs: 8 MiB in all); later LBRs are counted as unwritten
+// until clearlbr.
+constexpr uint32_t CFM_MAX_LBR_ROWS = 1024;
 uint32_t cfm_lbr_rows();
 uint32_t cfm_lbr_rows_unwritten();
 // Deletes every row (clearlbr) and starts counting from 0 again.

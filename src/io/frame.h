@@ -65,6 +65,15 @@ constexpr uint8_t kVersionMask = 0x1F;
 inline uint8_t cfm_level(uint8_t level_version) { return level_version >> kLevelShift; }
 inline uint8_t cfm_version(uint8_t level_version) { return level_version & kVersionMask; }
 inline uint8_t cfm_level_version(uint8_t level) { return static_cast<uint8_t>((level & 7) << kLevelShift); }
+// What a received frame must hold from its CFM EtherType on to be acted on:
+// the EtherType and the whole common header. The WAN classifier, the LAN
+// relay and the kernel filter of both sockets all apply this one rule, so a
+// frame cut short (a sender need not pad to the Ethernet minimum) is passed
+// over alike whether the filter or the daemon looks at it.
+constexpr size_t kCfmLengthFromEtherType = 2 + kCfmHeaderLen;
+inline bool cfm_holds_header(size_t length, size_t ether_type_at) {
+  return length >= ether_type_at + kCfmLengthFromEtherType;
+}
 
 // Opcodes.
 constexpr uint8_t kOpCcm = 1;

@@ -42,7 +42,7 @@ void emit_position(Program &p, size_t data_offset, size_t keep) {
   p.stmt(BPF_LD | BPF_H | BPF_ABS, static_cast<uint32_t>(data_offset));
   p.jump(BPF_JMP | BPF_JEQ | BPF_K, kCfmEtherType, 0, 2);
   p.stmt(BPF_LD | BPF_W | BPF_LEN, 0);
-  p.jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(data_offset + 2 + kCfmHeaderLen), keep - p.len - 1, 0);
+  p.jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(data_offset + kCfmLengthFromEtherType), keep - p.len - 1, 0);
 }
 
 // The tests of both frame types for a frame whose outer tag is `shift`

@@ -100,11 +100,11 @@ Verdict classify(const uint8_t *frame, size_t length, bool *double_tag) {
   size_t double_type = is8023 ? wire::kDoubleTagEtherType8023 : wire::kDoubleTagEtherType;
   // A frame must hold its tags, EtherType and common header to be looked at.
   if (is_ether_type_at(frame, length, single_type)) {
-    if (!has(length, single_type + 2, kCfmHeaderLen)) return Verdict::NotCfm;
+    if (!cfm_holds_header(length, single_type)) return Verdict::NotCfm;
     if (isCfmDebugOn()) printf("CFM: Receive a CFM packet with opcode=%d from WAN\n", frame[single_opcode]);
     return Verdict::Local;
   }
-  if (!is_ether_type_at(frame, length, double_type) || !has(length, double_type + 2, kCfmHeaderLen)) {
+  if (!is_ether_type_at(frame, length, double_type) || !cfm_holds_header(length, double_type)) {
     return Verdict::NotCfm;
   }
   *double_tag = true;
@@ -374,9 +374,9 @@ void cfm_relay_lan_frame(const uint8_t *frame, size_t length) {
   }
   bool single = is_ether_type_at(frame, length, wire::kSingleTagEtherType);
   bool dbl = !single && is_ether_type_at(frame, length, wire::kDoubleTagEtherType);
-  size_t header = single ? wire::kSingleTagEtherType + 2 : wire::kDoubleTagEtherType + 2;
-  if ((!single && !dbl) || !has(length, header, 1)) return;
-  uint8_t level = cfm_level(frame[header]);
+  size_t ether_type = single ? wire::kSingleTagEtherType : wire::kDoubleTagEtherType;
+  if ((!single && !dbl) || !cfm_holds_header(length, ether_type)) return;
+  uint8_t level = cfm_level(frame[ether_type + 2]);
   bool debug = isCfmDebugOn();
   const char *kind = single ? "CFM" : "double vlan CFM";
   if (debug) printf("CFM: Receive a %s packet with mdlevel=%d from LAN\n", kind, level);

@@ -52,7 +52,8 @@ uint32_t cfm_classify_wan_frame(const uint8_t *frame, size_t length, CfmPacket *
 void cfm_dispatch_packet(CfmPacket *packet);
 
 // The LAN relay rule of rx_lan_packet for one frame read on the LAN: CFM
-// frames at level 3 and above are sent to the WAN unchanged, others dropped.
+// frames (Ethernet II, one or two tags, a whole common header) at level 3
+// and above are sent to the WAN unchanged, others dropped.
 void cfm_relay_lan_frame(const uint8_t *frame, size_t length);
 
 // Swaps the kernel filter of the WAN and LAN sockets for the one that fits

@@ -95,7 +95,9 @@ TEST_F(Lab, WanSocketRestoresTagsAndJoinsGroups) {
 // frames and thousands of mutations of them, sent from the peer, reach a
 // filtered socket exactly when the classifier acts on them under one of the
 // frame types, and a debug-filtered one exactly when they carry an 802.1Q
-// outer tag, as an unfiltered socket on the same link shows.
+// outer tag, as an unfiltered socket on the same link shows. Every frame the
+// LAN relay would send on is among those the filter keeps, frames cut short
+// of the Ethernet minimum around the common header too.
 TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
   int index = static_cast<int>(if_nametoindex("wan0"));
   int all = cfm_wan_socket_open(index, nullptr);
@@ -120,6 +122,11 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
     Frame f = seeds[rng() % seeds.size()];
     for (unsigned flips = rng() % 4; flips > 0; --flips) f[rng() % f.size()] = rng() % 2 ? uint8_t(rng()) : 0x89;
     if (rng() % 3 == 0) f.resize(rng() % (f.size() + 1));
+    inputs.push_back(f);
+  }
+  for (size_t cut = 34; cut < 54; ++cut) {  // 17 to 26 bytes, one tag or two, level 5
+    Frame f = make_frame(std::vector<uint16_t>(1 + cut % 2, 100), 64);
+    f[cut % 2 ? 22 : 18] = 5 << 5, f.resize(cut / 2);
     inputs.push_back(f);
   }
   for (const Frame &f : inputs) {
@@ -147,8 +154,12 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
     return false;
   };
   std::vector<Frame> want, want_tagged;
+  std::pair<size_t, size_t> relayed{0, 0};  // by the LAN relay, and of those not kept
   testing::internal::CaptureStdout();  // the forward text of every relayed frame
   for (const Frame &f : wire) {
+    forwarded = false;
+    cfm_relay_lan_frame(f.data(), f.size());
+    relayed.first += forwarded, relayed.second += forwarded && std::find(kept.begin(), kept.end(), f) == kept.end();
     if (acts(f)) want.push_back(f);
     if (f.size() >= 14 && f[12] == 0x81 && f[13] == 0x00) want_tagged.push_back(f);
   }
@@ -159,6 +170,7 @@ TEST_F(Lab, KernelFilterKeepsExactlyWhatTheClassifierActsOn) {
   EXPECT_LT(want.size(), wire.size());
   EXPECT_TRUE(kept == want) << kept.size() << " kept, " << want.size() << " acted on";
   EXPECT_TRUE(kept_tagged == want_tagged) << kept_tagged.size() << " kept, " << want_tagged.size() << " tagged";
+  EXPECT_TRUE(relayed.first > 0 && relayed.second == 0) << relayed.first << " relayed, " << relayed.second << " not kept";
   for (int fd : {all, filtered, tagged}) close(fd);
 }
 

@@ -1,8 +1,12 @@
 // The directory-backed configuration tree.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "core/config_tree.h"
@@ -37,20 +41,52 @@ class ConfigTreeDir : public ::testing::Test {
 };
 
 TEST_F(ConfigTreeDir, KeysStayInsideAndRowsAreCounted) {
-  for (const char *bad : {"/../escape", "/a//b", "/a/./b", "relative", "/trailing/"}) ConfigTree::setInt(1, "%s", bad);
+  std::string overlong;  // a key of more than 511 bytes does not fit, cut or whole
+  while (overlong.size() < 600) overlong += "/kkk";
+  for (const char *bad : {"/../escape", "/a//b", "/a/./b", "relative", "/trailing/", overlong.c_str()})
+    ConfigTree::setInt(1, "%s", bad);
   EXPECT_TRUE(fs::is_empty(root_));
   EXPECT_FALSE(fs::exists(root_.parent_path() / "escape"));
   ConfigTree::delStr("/..");
-  EXPECT_TRUE(fs::exists(root_));
+  EXPECT_TRUE(fs::exists(root_) && !ConfigTree::attachDirectory("/" + std::string(PATH_MAX, 'a')) &&
+              !ConfigTree::attachDirectory("/.."));
   EXPECT_EQ(ConfigTree::getInt(nullptr, "/../etc/passwd"), 0);
   ConfigTree::setInt(7, "/x/y");  // one-character components are keys like any other
-  EXPECT_EQ(ConfigTree::getInt(nullptr, "/x/y"), 7);
+  char raw[CFM_CONFIG_VALUE_SIZE] = "";
+  EXPECT_EQ(ConfigTree::getInt(raw, "/x/y"), 7);
+  EXPECT_STREQ(raw, "7");
   ConfigTree::delStr("/x");
 
   // (Deleting a row with everything under it is checked through the export.)
   for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/lbr:%d/transID", n);
-  ConfigTree::setInt(1, "/runtime/cfm/lbrx:4/transID");  // another table
-  EXPECT_EQ(Rows("/runtime/cfm/lbr"), 3);
+  ConfigTree::setInt(1, "/runtime/cfm/lbrx:4/transID"), ConfigTree::setInt(1, "/runtime/cfm/lbq:5/transID");  // others
+  EXPECT_EQ(Rows("/runtime/cfm/lbr") + Rows("relative"), 3);  // an invalid key has no rows
+}
+
+// Links planted in the tree (at a directory, at a file, at the temporary
+// names of the old scheme) are refused with one line each, never followed;
+// deleting one removes the link itself. A FIFO at a key does not block.
+TEST_F(ConfigTreeDir, PlantedLinksAreRefusedNeverFollowed) {
+  const fs::path out = root_.parent_path() / "out", cfm = root_ / "runtime/cfm";
+  fs::create_directories(cfm), fs::create_directories(out), std::ofstream(out / "victim") << "7\n";
+  fs::create_directory_symlink(out, cfm / "pm"), mkfifo((cfm / "fifo").c_str(), 0600);
+  const std::string old_temp = ".tmp." + std::to_string(getpid()) + ".";
+  for (int n = 0; n <= 64; ++n) fs::create_symlink(out / "victim", cfm / (n ? old_temp + std::to_string(n) : "leaf"));
+  testing::internal::CaptureStderr();
+  ConfigTree::setInt(1, "/runtime/cfm/pm/x"), ConfigTree::setInt(0, "/runtime/cfm/leaf");
+  int read = ConfigTree::getInt(nullptr, "/runtime/cfm/pm/victim") + ConfigTree::getInt(nullptr, "/runtime/cfm/leaf") +
+             Rows("/runtime/cfm/pm/row");
+  ConfigTree::delStr("/runtime/cfm/pm/victim");
+  for (int n = 0; n < 64; ++n) ConfigTree::setInt(n, "/runtime/cfm/value");
+  const std::string pm = "CFM: configuration tree: /runtime/cfm/pm is a symbolic link, not followed\n";
+  const std::string leaf = pm.substr(0, 38) + "leaf" + pm.substr(40);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), pm + leaf + pm + leaf + pm + pm);
+  EXPECT_EQ(std::make_tuple(read, ConfigTree::getInt(nullptr, "/runtime/cfm/value"),
+                            ConfigTree::getInt(nullptr, "/runtime/cfm/fifo")), std::make_tuple(0, 63, 0));
+  ConfigTree::delStr("/runtime/cfm/pm");
+  std::ifstream victim(out / "victim");
+  std::string kept = std::string(std::istreambuf_iterator<char>(victim), {});
+  EXPECT_EQ(kept + std::to_string(std::distance(fs::directory_iterator(cfm), {})), "7\n67");  // links stay, no temporary
 }
 
 // Two writers and a reader of one key: every value read is one written whole.

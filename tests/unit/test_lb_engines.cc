@@ -183,8 +183,15 @@ TEST_F(Initiator, LbrDropsCountingAndRows) {
   MepEntry m = read_mep(mep);
   EXPECT_EQ(Bytes({uint8_t(m.LbrIn), uint8_t(m.LbrInOutOfOrder), uint8_t(m.LbrBadMsdu), uint8_t(m.LbrExpectedTransId)}),
             Bytes({4, 1, 2, 25}));
-  for (uint32_t id = 25; id < 65; ++id) lbr(id, good);
-  EXPECT_EQ(std::make_pair(cfm_lbr_rows(), cfm_lbr_rows_unwritten()), std::make_pair(CFM_MAX_LBR_ROWS, 13u));
+  // A run adds as many rows as it has messages, counted afresh; the table holds 1024.
+  EXPECT_EQ(std::make_pair(cfm_lbr_rows(), cfm_lbr_rows_unwritten()), std::make_pair(3u, 2u));
+  uint32_t id = 25;
+  for (uint32_t messages : {2u, 1024u}) {
+    m.LbmTransmitStatus = 1, m.LbmMessages = messages;
+    CFM_Update_MEP_Entry(&m), CFM_LBI_XMIT_Check();
+    for (uint32_t end = id + (messages == 2 ? 3 : 1020); id < end;) lbr(id++, good);
+  }
+  EXPECT_EQ(std::make_pair(cfm_lbr_rows(), cfm_lbr_rows_unwritten()), std::make_pair(CFM_MAX_LBR_ROWS, 4u));
 }
 
 }  // namespace

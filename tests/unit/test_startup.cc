@@ -109,9 +109,9 @@ long long ChangeTime(int id) {
 
 // A dead run's record removes only the sets that still look as recorded
 // (private key, mode 0, one semaphore, the recorded change time; records
-// without times: changed before the record); a pid of 1 or less or out of
-// range removes nothing. The record is written with times, never through a
-// link left at its temporary name.
+// without times remove nothing); a pid of 1 or less or not below the
+// kernel's pid_max removes nothing. The record is written with times, never
+// through a link left at its temporary name.
 TEST_F(StartupInput, StaleSetRecord) {
   pid_t dead = fork();
   if (dead == 0) _exit(0);
@@ -119,15 +119,20 @@ TEST_F(StartupInput, StaleSetRecord) {
   int ours = semget(IPC_PRIVATE, 1, IPC_CREAT), older = semget(IPC_PRIVATE, 1, IPC_CREAT);
   int foreign = semget(0x5e000000 + getpid(), 1, IPC_CREAT | 0644);  // as ipcmk -S 1 makes it
   const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
-  for (const char *pid : {"0", "-5", "1", "4194305"}) CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+  long pid_max = 0;
+  std::ifstream("/proc/sys/kernel/pid_max") >> pid_max;
+  for (const std::string &pid : std::vector<std::string>{"0", "-5", "1", std::to_string(pid_max)})
+    CFM_OS_Remove_Stale_Sets(Scratch(pid + set));
+  EXPECT_EQ(std::make_tuple(cfm_pid_max(Scratch("32768\n")), cfm_pid_max(Scratch("x")), cfm_pid_max("/nonexistent")),
+            std::make_tuple(32768L, 4194304L, 4194304L));
   EXPECT_GE(ChangeTime(ours), 0);
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(foreign) + ":" + std::to_string(ChangeTime(foreign)) +
                                    " " + std::to_string(older) + ":" + std::to_string(ChangeTime(older) - 5) + set));
   EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0),
             std::make_tuple(false, true, true));
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(older) + " " + std::to_string(foreign)));
-  EXPECT_EQ(std::make_pair(ChangeTime(older), ChangeTime(foreign) >= 0), std::make_pair(-1LL, true));
-  semctl(foreign, 0, IPC_RMID);
+  EXPECT_EQ(std::make_pair(ChangeTime(older) >= 0, ChangeTime(foreign) >= 0), std::make_pair(true, true));
+  for (int id : {foreign, older}) semctl(id, 0, IPC_RMID);
 
   const std::string target = kScratch + ".target", tmp = kScratch + ".tmp";
   std::ofstream(target) << "keep";
@@ -144,9 +149,14 @@ TEST_F(StartupInput, StaleSetRecord) {
   EXPECT_EQ(keep, "keep");
   CFM_OS_Delete_Semaphore(mine);
   EXPECT_EQ(CFM_OS_Semaphore_Count(), sets - 1);
-  // Negative ids are passed over, at most 64 sets are read, and a number of
-  // more than 18 digits (leading zeros too) ends the record.
-  std::string many = "77 -3 4:9";
+  // A set the daemon made goes at the next start once its process is gone.
+  int left = CFM_OS_Create_Semaphore("t", 1, 1);
+  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(left) + ":" + std::to_string(ChangeTime(left))));
+  EXPECT_EQ(ChangeTime(left), -1);
+  // Negative ids and ids past 2^31 - 1 are passed over, at most 64 sets are
+  // read, and a number of more than 18 digits (leading zeros too) ends the
+  // record.
+  std::string many = "77 -3 4294967296 4:9";
   for (int i = 0; i < 70; ++i) many += " 5";
   ASSERT_TRUE(cfm_parse_stale_record(many.data(), many.size(), &parsed));
   EXPECT_EQ(std::make_tuple(parsed.count, parsed.sets[0].id, parsed.sets[0].ctime), std::make_tuple(size_t{64}, 4, 9LL));

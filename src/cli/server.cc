@@ -53,6 +53,8 @@ const CliCommand cfm_cli_cmd_table[] = {
     {"pmstart", cli_usr_cfm_pmstart},
     {"pmstop", cli_usr_cfm_pmstop},
     {"pmshow", cli_usr_cfm_pmshow},
+    {"lbstart", cli_usr_cfm_lbstart},
+    {"lbstop", cli_usr_cfm_lbstop},
     {nullptr, nullptr},
 };
 

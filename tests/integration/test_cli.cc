@@ -68,6 +68,9 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "rmep"}, &status), "row  md_id  ma_id  rmep_id  vlan_id  src_mac\n");
   EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900));
   EXPECT_EQ(ReadFile("/var/tree/runtime/cfm/rmep_db"), "0\n");
+  // Sent, but the answer (clearltr takes 3 s) did not come in time.
+  EXPECT_EQ(RunCfmctl({"--timeout", "1", "clearltr"}, &status), "");
+  EXPECT_EQ(status, 4);
   Stop();
   EXPECT_EQ(RunCfmctl({"showmd"}, &status), "");
   EXPECT_EQ(status, 3);
@@ -265,6 +268,20 @@ TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
   EXPECT_NE(run({"mep", "show", "lt"}).find("Target : 02:00:00:00:0b:02\r\n Target MEPID : 0\r\n Target IsMEPID : "
                                             "disabled\r\n TTL : 9"), std::string::npos);
   EXPECT_NE(run({"show", "lbr"}).find("LBM Setting info"), std::string::npos);
+  // A second start is refused while the run goes on (also before its first
+  // LBM); stop ends it; a linktrace has nothing to stop.
+  const std::vector<std::string> key = {"1", "1", "30", "--vid", "7", "--direction", "up"};
+  std::vector<std::string> start = {"lb", "start"};
+  start.insert(start.end(), key.begin(), key.end());
+  start.insert(start.end(), {"--target", "02:00:00:00:0b:02", "--count", "9"});
+  run(start);
+  EXPECT_EQ(RunCfmctl(start, &status), "\r\n LBM is still transmiting !\r\n");
+  EXPECT_EQ(status, 1);
+  start[1] = "stop";
+  run({start.begin(), start.end() - 4});
+  start[0] = "lt";
+  EXPECT_EQ(RunCfmctl({start.begin(), start.end() - 4}, &status), "");
+  EXPECT_EQ(status, 2);
   // status lists a MEP's replies to its last linktrace only (each LTM sent
   // records one reply row here, where no bridge answers).
   run({"mep", "create", "1", "1", "31"});
@@ -272,6 +289,7 @@ TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
   std::string screen = run({"status"});
   EXPECT_NE(screen.find("MEP 31  MD 1 (d1)  MA 1 (a1)  port 1  VID 0  Down\n"), std::string::npos) << screen;
   EXPECT_NE(screen.find("linktrace: Success, target 02:00:00:00:0b:02, ttl 5, 1 replies\n"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("loopback: stopped, "), std::string::npos) << screen;
   EXPECT_EQ(RunCfmctl({"md", "create", "9", "extra", "--level", "1", "--name", "x"}, &status), "");
   EXPECT_EQ(status, 2);
 }

@@ -80,6 +80,28 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   }
 }
 
+// The bash completion offers pm and its words, and md and ma each their own
+// name formats.
+TEST(Completion, OffersPmAndEachCommandsOwnFormats) {
+  const std::pair<const char *, const char *> cases[] = {
+      {"cfmctl p", "pm pmstart pmstop pmshow"},
+      {"cfmctl pm \"\"", "dm slm 1dm show"},
+      {"cfmctl pm slm \"\"", "start stop"},
+      {"cfmctl pm dm start 1 1 1 2 --p", "--period --priority"},
+      {"cfmctl md create 1 --format \"\"", "none dnslikename macaddressanduint charstring"},
+      {"cfmctl ma config 1 1 --format \"\"", "primaryvid charstring unsignedint16 rfc2865vpnid"},
+      {"cfmctl lt \"\"", "start"}};
+  for (const auto &[line, expected] : cases) {
+    std::string command = std::string("bash -c 'source ") + CFMD_DIST + "/cfmctl.bash-completion; COMP_WORDS=(" +
+                          line + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _cfmctl; echo ${COMPREPLY[*]}'";
+    FILE *shell = popen(command.c_str(), "r");
+    char out[256] = "";
+    ASSERT_NE(fgets(out, sizeof out, shell), nullptr) << line;
+    pclose(shell);
+    EXPECT_EQ(std::string(out), std::string(expected) + "\n") << line;
+  }
+}
+
 // Sends a request in parts, `pause` between connecting, the words and the
 // end of stream; returns the reply read back on the connection.
 std::string Reply(int fd, const std::string &request, std::chrono::milliseconds pause = {}) {

@@ -24,16 +24,6 @@ TEST_F(Lab, HostileClientsDoNotStopTheServer) {
   ASSERT_TRUE(StartDaemonReady());
   // The defaults the daemon starts with.
   EXPECT_EQ(Command("showdefault 1"), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE");
-  // A silent client holds up nobody and stays open: time never completes a
-  // request.
-  int silent = Connect();
-  ASSERT_GE(silent, 0);
-  auto start = Clock::now();
-  EXPECT_EQ(Command("showdefault 2"), "\r\n CFM Status  : enabled");
-  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(500));
-  struct pollfd pfd = {silent, POLLIN, 0};
-  EXPECT_EQ(poll(&pfd, 1, 300), 0);
-  close(silent);
   EXPECT_EQ(Command(std::string(5000, 'x')), "unknown command !\n");
   Command(std::string("showmd\0\xff\x01 showma", 14));
   for (int i = 0; i < 300; ++i) {  // clients that go away without waiting
@@ -83,22 +73,16 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
 // The bash completion offers pm and its words, and md and ma each their own
 // name formats.
 TEST(Completion, OffersPmAndEachCommandsOwnFormats) {
-  const std::pair<const char *, const char *> cases[] = {
-      {"cfmctl p", "pm pmstart pmstop pmshow"},
-      {"cfmctl pm \"\"", "dm slm 1dm show"},
-      {"cfmctl pm slm \"\"", "start stop"},
-      {"cfmctl pm dm start 1 1 1 2 --p", "--period --priority"},
-      {"cfmctl md create 1 --format \"\"", "none dnslikename macaddressanduint charstring"},
-      {"cfmctl ma config 1 1 --format \"\"", "primaryvid charstring unsignedint16 rfc2865vpnid"},
-      {"cfmctl lt \"\"", "start"}};
-  for (const auto &[line, expected] : cases) {
-    std::string command = std::string("bash -c 'source ") + CFMD_DIST + "/cfmctl.bash-completion; COMP_WORDS=(" +
-                          line + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _cfmctl; echo ${COMPREPLY[*]}'";
-    FILE *shell = popen(command.c_str(), "r");
-    char out[256] = "";
-    ASSERT_NE(fgets(out, sizeof out, shell), nullptr) << line;
+  for (const char *c : {"p|pm pmstart pmstop pmshow", "pm \"\"|dm slm 1dm show", "pm slm \"\"|start stop",
+                        "pm dm start 1 1 1 2 --p|--period --priority", "lt \"\"|start",
+                        "md create 1 --format \"\"|none dnslikename macaddressanduint charstring",
+                        "ma config 1 1 --format \"\"|primaryvid charstring unsignedint16 rfc2865vpnid"}) {
+    std::string words(c, strchr(c, '|')), out(256, '\0');
+    FILE *shell = popen(("bash -c 'source " CFMD_DIST "/cfmctl.bash-completion; COMP_WORDS=(cfmctl " + words +
+                         "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _cfmctl; echo ${COMPREPLY[*]}'").c_str(), "r");
+    out.resize(fread(out.data(), 1, out.size(), shell));
     pclose(shell);
-    EXPECT_EQ(std::string(out), std::string(expected) + "\n") << line;
+    EXPECT_EQ(out, std::string(strchr(c, '|') + 1) + "\n") << words;
   }
 }
 
@@ -160,17 +144,15 @@ TEST_F(Lab, RepliesComeBackOnTheConnection) {
   EXPECT_EQ(Output().size(), from);  // none of them was sent
 }
 
-// A connection made without waiting on a full listen queue (tried again for
-// up to 2 s), or -1.
+// A connection that does not wait on a full listen queue (tried for 2 s), or -1.
 int ConnectSoon() {
   struct sockaddr_un addr = {AF_UNIX, CFM_CLI_SOCKET_PATH};
-  for (auto end = Clock::now() + std::chrono::seconds(2); Clock::now() < end;) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0) return fd;
-    close(fd);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  int fd = -1;
+  for (int tries = 0; fd < 0 && tries < 2000; ++tries, std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) fd = (close(fd), -1);
   }
-  return -1;
+  return fd;
 }
 
 // A request runs only when complete, however late, also while others wait;
@@ -194,9 +176,7 @@ TEST_F(Lab, SlowAndSilentClientsAreServedWithoutHoldingOthers) {
   for (int i = 0; i < 300; ++i) {
     idle.push_back(ConnectSoon());
     ASSERT_GE(idle.back(), 0) << i;
-    if (i % 2 == 1) {
-      EXPECT_EQ(send(idle.back(), "deletemd", 8, MSG_NOSIGNAL), 8);
-    }
+    if (i % 2 == 1) send(idle.back(), "deletemd", 8, MSG_NOSIGNAL);
   }
   auto start = Clock::now();
   EXPECT_EQ(Reply(Connect(), "showdefault 2"), enabled);
@@ -292,17 +272,16 @@ TEST_F(Lab, NamedValuesReachTheDaemonAsTheirCodes) {
   EXPECT_NE(run({"show", "lbr"}).find("LBM Setting info"), std::string::npos);
   // A second start is refused while the run goes on (also before its first
   // LBM); stop ends it; a linktrace has nothing to stop.
-  const std::vector<std::string> key = {"1", "1", "30", "--vid", "7", "--direction", "up"};
-  std::vector<std::string> start = {"lb", "start"};
-  start.insert(start.end(), key.begin(), key.end());
-  start.insert(start.end(), {"--target", "02:00:00:00:0b:02", "--count", "9"});
-  run(start);
-  EXPECT_EQ(RunCfmctl(start, &status), "\r\n LBM is still transmiting !\r\n");
+  std::vector<std::string> lb = {"lb", "start", "1",  "1", "30", "--vid", "7", "--direction", "up",
+                                 "--target", "02:00:00:00:0b:02", "--count", "9"};
+  run(lb);
+  EXPECT_EQ(RunCfmctl(lb, &status), "\r\n LBM is still transmiting !\r\n");
   EXPECT_EQ(status, 1);
-  start[1] = "stop";
-  run({start.begin(), start.end() - 4});
-  start[0] = "lt";
-  EXPECT_EQ(RunCfmctl({start.begin(), start.end() - 4}, &status), "");
+  lb.resize(9);
+  lb[1] = "stop";
+  run(lb);
+  lb[0] = "lt";
+  EXPECT_EQ(RunCfmctl(lb, &status), "");
   EXPECT_EQ(status, 2);
   // status lists a MEP's replies to its last linktrace only (each LTM sent
   // records one reply row here, where no bridge answers).

@@ -270,54 +270,28 @@ TEST_F(CliCommands, WordsAndGlobalCommands) {
   EXPECT_EQ(Cli("debugoff 7"), "Close CFM debug message\n");
 }
 
-// What came back on a client's socket so far; *closed once the server closed it.
-std::string Back(int fd, bool *closed) {
+// What came back on a client so far, and "<end>" once the server has closed
+// it (reset when it left bytes unread).
+std::string Back(int fd) {
   std::string got;
   char buf[256];
-  ssize_t n;
-  while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) got.append(buf, static_cast<size_t>(n));
-  *closed = n == 0 || errno == ECONNRESET;  // reset: the server left bytes unread
-  return got;
+  errno = 0;
+  for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) got.append(buf, static_cast<size_t>(n));
+  return errno == EAGAIN ? got : got + "<end>";
 }
 
-// A request is complete at a line feed, at 1023 bytes or at the end of the
-// stream, and only then runs; what follows the line feed or byte 1023 is not
-// part of it. Time completes nothing.
-TEST_F(CliCommands, ServerRunsARequestOnlyWhenComplete) {
-  const std::string on = "\r\n CFM Status  : enabled", full = std::string(1010, ' ') + "showdefault 2";
+// A request runs only when complete: at a line feed (what follows is not
+// part of it), at 1023 bytes or at the end of the stream. All connections are
+// read at once: a half-sent request holds up nobody and runs whole when it
+// completes. Past the time limit, or as the oldest incomplete one when too
+// many are open (never a complete one), a connection is closed unrun and one
+// line names the bytes dropped.
+TEST_F(CliCommands, ServerRunsOnlyCompleteRequests) {
   Cli("enable");
-  const std::tuple<std::string, bool, std::string> cases[] = {
-      {"showdefault 2", true, on}, {"default 4 x\n 2", false, kMissing}, {full + "x", false, on}, {"", true, ""}};
-  for (const auto &[sent, end, reply] : cases) {
-    CliServer server(-1, 300);
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    server.add(fds[0]);
-    ASSERT_EQ(write(fds[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
-    if (end) shutdown(fds[1], SHUT_WR);
-    std::string out = stdout_of([&] {
-      for (int i = 0; i < 10 && server.open() > 0; ++i) server.step(100);
-    });
-    bool closed = false;
-    EXPECT_EQ(Back(fds[1], &closed), reply) << sent.size();
-    EXPECT_EQ(out, reply);
-    EXPECT_TRUE(closed);
-    close(fds[1]);
-  }
-}
-
-// Every connection is read at once: a half-sent request holds up nobody and
-// runs whole when it completes. Past the time limit, or as the oldest
-// incomplete one when too many are open (never a complete one), a connection
-// is closed without running, and one line names the bytes dropped.
-TEST_F(CliCommands, ServerPollsAllConnectionsAndDropsOnlyIncompleteOnes) {
-  Cli("enable");
-  const std::string path = (tree_ / "socket").string();
-  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
   struct sockaddr_un addr = {AF_UNIX, {}};
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-  ASSERT_EQ(listen(listener, 8), 0);
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s/socket", tree_.c_str());
+  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr) | listen(listener, 8), 0);
   auto client = [&](const std::string &sent, bool end) {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
@@ -325,35 +299,34 @@ TEST_F(CliCommands, ServerPollsAllConnectionsAndDropsOnlyIncompleteOnes) {
     if (end) shutdown(fd, SHUT_WR);
     return fd;
   };
-  bool closed = false;
-  testing::internal::CaptureStderr();
-  {
-    CliServer server(listener, 1000, 3);
-    auto steps = [&](int n) { stdout_of([&] { for (int i = 0; i < n; ++i) server.step(50); }); };
-    int half = client("showdefault", false), whole = client("showdefault 2", true);
+  CliServer server(listener, 1000, 3);
+  auto steps = [&](int n) { stdout_of([&] { for (int i = 0; i < n; ++i) server.step(50); }); };
+  const std::string on = "\r\n CFM Status  : enabled", full = std::string(1010, ' ') + "showdefault 2x";
+  for (const auto &[sent, end, reply] : {std::tuple<std::string, bool, std::string>{"showdefault 2", true, on},
+                                         {"default 4 x\n 2", false, kMissing}, {full, false, on}, {"", true, ""}}) {
+    int fd = client(sent, end);
     steps(3);
-    EXPECT_EQ(Back(whole, &closed), "\r\n CFM Status  : enabled");
-    EXPECT_EQ(Back(half, &closed), "");
-    EXPECT_FALSE(closed);
-    int oldest = client("deletemd 7", false), third = client("", false);
-    steps(1);
-    EXPECT_EQ(server.open(), 3u);
-    ASSERT_EQ(write(half, " 1", 2), 2);
-    shutdown(half, SHUT_WR);
-    int fourth = client("", false);
-    steps(1);
-    EXPECT_EQ(Back(half, &closed), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE");
-    EXPECT_EQ(Back(oldest, &closed), "");
-    EXPECT_TRUE(closed);
-    EXPECT_EQ(server.open(), 2u);
-    steps(25);  // past the limit
-    EXPECT_EQ(server.open(), 0u);
-    for (int fd : {half, whole, oldest, third, fourth}) close(fd);
+    EXPECT_EQ(Back(fd), reply + "<end>") << sent.size();
+    close(fd);
   }
+  testing::internal::CaptureStderr();
+  int half = client("showdefault", false), whole = client("showdefault 2", true);
+  steps(3);
+  EXPECT_EQ(Back(whole) + Back(half), on + "<end>");
+  int oldest = client("deletemd 7", false), third = client("", false);
+  steps(2);
+  ASSERT_EQ(write(half, " 1", 2) + shutdown(half, SHUT_WR), 2);
+  int fourth = client("", false);
+  steps(1);
+  EXPECT_EQ(Back(half), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE<end>");
+  EXPECT_EQ(Back(oldest) + std::to_string(server.open()), "<end>2");
+  steps(25);  // past the limit
+  EXPECT_EQ(server.open(), 0u);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "cfmd: incomplete request dropped, 3 connections open: 10 bytes \"deletemd 7\"\n"
             "cfmd: incomplete request dropped after 1 s: 0 bytes \"\"\n"
             "cfmd: incomplete request dropped after 1 s: 0 bytes \"\"\n");
+  for (int fd : {half, whole, oldest, third, fourth}) close(fd);
 }
 
 }  // namespace

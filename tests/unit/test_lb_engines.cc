@@ -193,29 +193,20 @@ TEST_F(Initiator, LbrDropsCountingAndRows) {
 TEST_F(Initiator, LbstartRefusesABusyMepAndLbstopEndsTheRun) {
   MepEntry mep = start_run(5, kPeer, "abc", 20);
   add_ma(1, 1, "ma");
-  const std::string key = "1 0 1 0 1 0 1 0 100 0 100 0 ", busy = "\r\n LBM is still transmiting !\r\n";
-  auto state = [] { return Cli("runtime 6"); };
-  EXPECT_EQ(Cli("lbstart " + key + "7 3 5 51"), busy);
+  const std::string key = " 1 0 1 0 1 0 1 0 100 0 100 0", busy = "\r\n LBM is still transmiting !\r\n";
+  const std::string start = "lbstart" + key + " 7 3 5 51", stop = "lbstop" + key, state = "runtime 6";
+  ExpectCli({{start, busy}});
   CFM_LBI_XMIT_Check();
-  EXPECT_EQ(Cli("lbstart " + key + "7 3 5 51"), busy);
   EXPECT_EQ(lbr(20, {3, 0, 3, 'a', 'b', 'c'}), CFM_OK);
-  EXPECT_EQ(Cli("lbstop " + key), "");
-  EXPECT_EQ(Cli("lbstop 1 0 1 0 1 0 1 0 100 0 200"), "\r\n This MEP is not exist!\r\n");
-  EXPECT_EQ(state(), "LBM Transmit Stopped\n");
-  EXPECT_NE(Cli("showmep 3").find("\r\n LBM Transmit Stopped\r\n LBM Transmit Result    : Success"), std::string::npos);
-  EXPECT_EQ(Cli("lbstart " + key + "7 2 5 51"), "");  // a new run, waiting for its tick
-  EXPECT_EQ(state(), "LBM Transmit Finished\n");
+  ExpectCli({{start, busy}, {stop, ""}, {"lbstop 1 0 1 0 1 0 1 0 100 0 200", "\r\n This MEP is not exist!\r\n"},
+             {state, "LBM Transmit Stopped\n"}, {start, ""}, {state, "LBM Transmit Finished\n"}});
   CFM_LBI_XMIT_Check();
-  EXPECT_EQ(state(), "LBM is still Transmiting\n");
-  EXPECT_EQ(Cli("lbstop " + key), "");
-  EXPECT_EQ(Cli("configmep " + key + "5 51"), "");
-  EXPECT_EQ(Cli("lbstop " + key), "");
+  ExpectCli({{state, "LBM is still Transmiting\n"}, {stop, ""}, {"configmep" + key + " 5 51", ""}, {stop, ""}});
   for (int i = 0; i < 6; ++i) CFM_LBI_XMIT_Check();
   MepEntry m = read_mep(mep);
-  EXPECT_EQ(Bytes({uint8_t(sent.size()), uint8_t(m.LbrIn), uint8_t(m.LbmRunning), uint8_t(m.LbmTransmitStatus)}),
-            Bytes({2, 1, 0, 0}));
-  EXPECT_EQ(state(), "LBM Transmit Stopped\n");
-  EXPECT_EQ(Cli("lbstop " + key), "");  // nothing runs: nothing changes
+  EXPECT_EQ(Bytes({uint8_t(sent.size()), uint8_t(m.LbrIn), uint8_t(m.LbmTransmitStatus)}), Bytes({2, 1, 0}));
+  ExpectCli({{state, "LBM Transmit Stopped\n"}, {stop, ""}});
+  EXPECT_NE(Cli("showmep 3").find("\r\n LBM Transmit Stopped\r\n LBM Transmit Result    : Success"), std::string::npos);
 }
 
 }  // namespace

@@ -80,15 +80,14 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
 
 // --help and --version count where an option stands, not as a value.
 TEST_F(StartupInput, HelpAndVersionWhereAnOptionStands) {
-  const std::pair<std::vector<std::string>, CfmInfoRequest> cases[] = {
+  const std::pair<std::vector<const char *>, CfmInfoRequest> cases[] = {
       {{"--version"}, kCfmVersion}, {{"-i", "wan0", "x", "--help"}, kCfmHelp}, {{"-ei", "--help"}, kCfmRun},
       {{"-iwan0", "--help"}, kCfmHelp}, {{"-f", "--help"}, kCfmRun}, {{"-t", "--version"}, kCfmRun},
       {{"-l", "--help", "-g", "--help"}, kCfmRun}, {{"-", "-ed", "--version"}, kCfmVersion},
       {{"--", "--help"}, kCfmRun}, {{"--helpx", "-i", "wan0"}, kCfmRun}};
-  for (const auto &[words, expected] : cases) {
-    std::vector<char *> argv = {const_cast<char *>("cfmd")};
-    for (const std::string &w : words) argv.push_back(const_cast<char *>(w.c_str()));
-    EXPECT_EQ(cfm_info_request(static_cast<int>(argv.size()), argv.data()), expected) << words[0];
+  for (auto [words, expected] : cases) {
+    words.insert(words.begin(), "cfmd");
+    EXPECT_EQ(cfm_info_request(static_cast<int>(words.size()), const_cast<char **>(words.data())), expected) << words[1];
   }
 }
 

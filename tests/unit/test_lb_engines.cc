@@ -187,9 +187,10 @@ TEST_F(Initiator, LbrDropsCountingAndRows) {
   EXPECT_EQ(std::make_pair(cfm_lbr_rows(), cfm_lbr_rows_unwritten()), std::make_pair(CFM_MAX_LBR_ROWS, 13u));
 }
 
-// lbstart refuses while a run goes on or waits for its tick (where configmep
-// would replace it); lbstop ends a run, running or waiting, at once: its
-// counters stay and it reads as stopped until the next start.
+// configmep refuses a running run only; lbstart also one waiting for its
+// tick (which configmep would replace). lbstop ends a run, running or
+// waiting, at once: its counters stay and it reads as stopped until the next
+// start.
 TEST_F(Initiator, LbstartRefusesABusyMepAndLbstopEndsTheRun) {
   MepEntry mep = start_run(5, kPeer, "abc", 20);
   add_ma(1, 1, "ma");
@@ -198,7 +199,8 @@ TEST_F(Initiator, LbstartRefusesABusyMepAndLbstopEndsTheRun) {
   ExpectCli({{start, busy}});
   CFM_LBI_XMIT_Check();
   EXPECT_EQ(lbr(20, {3, 0, 3, 'a', 'b', 'c'}), CFM_OK);
-  ExpectCli({{start, busy}, {stop, ""}, {"lbstop 1 0 1 0 1 0 1 0 100 0 200", "\r\n This MEP is not exist!\r\n"},
+  ExpectCli({{start, busy}, {"configmep" + key + " 7 3", busy}, {stop, ""},
+             {"lbstop 1 0 1 0 1 0 1 0 100 0 200", "\r\n This MEP is not exist!\r\n"},
              {state, "LBM Transmit Stopped\n"}, {start, ""}, {state, "LBM Transmit Finished\n"}});
   CFM_LBI_XMIT_Check();
   ExpectCli({{state, "LBM is still Transmiting\n"}, {stop, ""}, {"configmep" + key + " 5 51", ""}, {stop, ""}});

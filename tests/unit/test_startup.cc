@@ -78,19 +78,6 @@ TEST_F(StartupInput, OptionsAndTheirResults) {
   EXPECT_STREQ(g_cfm_extra_options.lan_ifname, "");
 }
 
-// --help and --version count where an option stands, not as a value.
-TEST_F(StartupInput, HelpAndVersionWhereAnOptionStands) {
-  const std::pair<std::vector<const char *>, CfmInfoRequest> cases[] = {
-      {{"--version"}, kCfmVersion}, {{"-i", "wan0", "x", "--help"}, kCfmHelp}, {{"-ei", "--help"}, kCfmRun},
-      {{"-iwan0", "--help"}, kCfmHelp}, {{"-f", "--help"}, kCfmRun}, {{"-t", "--version"}, kCfmRun},
-      {{"-l", "--help", "-g", "--help"}, kCfmRun}, {{"-", "-ed", "--version"}, kCfmVersion},
-      {{"--", "--help"}, kCfmRun}, {{"--helpx", "-i", "wan0"}, kCfmRun}};
-  for (auto [words, expected] : cases) {
-    words.insert(words.begin(), "cfmd");
-    EXPECT_EQ(cfm_info_request(static_cast<int>(words.size()), const_cast<char **>(words.data())), expected) << words[1];
-  }
-}
-
 // Lines past the announced count are ignored and blank lines not counted; a
 // malformed line keeps its slot, all zero; upper case and short pieces parse;
 // a seventh piece is not read; missing lines stay zero; count 0 or no count line

@@ -332,10 +332,11 @@ void CliServer::run_complete() {
 
 void CliServer::close_expired() {
   long now = now_ms();
-  char why[48];
-  snprintf(why, sizeof why, " after %d s", limit_ms_ / 1000);
   for (size_t i = conns_.size(); i-- > 0;) {
-    if (!conns_[i].complete && now - conns_[i].opened_ms >= limit_ms_) drop(i, why);
+    if (conns_[i].complete || now - conns_[i].opened_ms < limit_ms_) continue;
+    char why[48];
+    snprintf(why, sizeof why, " after %d s", limit_ms_ / 1000);
+    drop(i, why);
   }
 }
 
@@ -346,7 +347,8 @@ void CliServer::step(int wait_ms) {
   long wait = wait_ms;
   for (const CliConnection &conn : conns_) {
     fds.push_back({conn.complete ? -1 : conn.fd, POLLIN, 0});
-    long left = conn.complete ? wait : std::max(0L, conn.opened_ms + limit_ms_ - now);
+    if (conn.complete) continue;
+    long left = std::max(0L, conn.opened_ms + limit_ms_ - now);  // until its time limit
     if (wait < 0 || left < wait) wait = left;
   }
   int ready = poll(fds.data(), fds.size(), static_cast<int>(wait));

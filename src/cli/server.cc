@@ -353,11 +353,12 @@ void CliServer::step(int wait_ms) {
   }
   int ready = poll(fds.data(), fds.size(), static_cast<int>(wait));
   if (ready < 0 && errno != EINTR) usleep(100 * 1000);  // out of memory: try again later
-  // conns_ still matches fds[1..]: nothing is added or removed before this.
-  for (size_t i = 1; ready > 0 && i < fds.size(); ++i) {
+  // revents stay 0 unless poll reported something; conns_ still matches
+  // fds[1..], as nothing is added or removed before this.
+  for (size_t i = 1; i < fds.size(); ++i) {
     if (fds[i].revents != 0) read_some(&conns_[i - 1]);
   }
-  if (ready > 0 && (fds[0].revents & POLLIN) != 0) accept_all();
+  if ((fds[0].revents & POLLIN) != 0) accept_all();
   run_complete();
   close_expired();
 }

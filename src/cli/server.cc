@@ -282,7 +282,7 @@ void CliServer::accept_all() {
       continue;
     }
     if (errno == EINTR || errno == ECONNABORTED) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+    if (errno == EAGAIN) return;  // none waits (EWOULDBLOCK is EAGAIN on Linux)
     if (!accept_failing_) perror("server accept fail, reason");
     accept_failing_ = true;
     usleep(100 * 1000);
@@ -294,7 +294,7 @@ void CliServer::read_some(CliConnection *conn) {
   for (;;) {
     ssize_t n = read(conn->fd, conn->line + conn->got, static_cast<size_t>(CFM_CLI_LINE_MAX) - conn->got);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (n < 0 && errno == EAGAIN) return;
     if (n > 0) {
       // Bytes after a line feed are not part of the request.
       const char *end = static_cast<const char *>(memchr(conn->line + conn->got, '\n', static_cast<size_t>(n)));
@@ -361,12 +361,6 @@ void CliServer::step(int wait_ms) {
   if ((fds[0].revents & POLLIN) != 0) accept_all();
   run_complete();
   close_expired();
-}
-
-void cfm_cli_serve_connection(int fd) {
-  CliServer server(-1);
-  server.add(fd);
-  while (server.open() > 0) server.step(-1);
 }
 
 bool cfm_cli_set_socket_group(const char *group) {

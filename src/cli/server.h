@@ -104,9 +104,6 @@ class CliServer {
   std::vector<int> completed_;        // fds whose requests completed, in order
 };
 
-// Serves one connection to its end on the calling thread (tests, fuzzing).
-void cfm_cli_serve_connection(int fd);
-
 // Owner group of the command socket (a name or a number): with one, the
 // socket is created with mode 0660 and that group, without, mode 0600.
 // Returns false for a group that does not exist.

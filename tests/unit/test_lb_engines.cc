@@ -200,7 +200,7 @@ TEST_F(Initiator, LbstartRefusesABusyMepAndLbstopEndsTheRun) {
   CFM_LBI_XMIT_Check();
   EXPECT_EQ(lbr(20, {3, 0, 3, 'a', 'b', 'c'}), CFM_OK);
   ExpectCli({{start, busy}, {"configmep" + key + " 7 3", busy}, {stop, ""},
-             {"lbstop 1 0 1 0 1 0 1 0 100 0 200", "\r\n This MEP is not exist!\r\n"},
+             {"lbstop 1 0 1 0 1 0 1 0 100 0 2", "\r\n This MEP is not exist!\r\n"},
              {state, "LBM Transmit Stopped\n"}, {start, ""}, {state, "LBM Transmit Finished\n"}});
   CFM_LBI_XMIT_Check();
   ExpectCli({{state, "LBM is still Transmiting\n"}, {stop, ""}, {"configmep" + key + " 5 51", ""}, {stop, ""}});

@@ -313,19 +313,17 @@ void CliServer::read_some(CliConnection *conn) {
 
 void CliServer::run_complete() {
   for (int fd : completed_) {
-    for (size_t i = 0; i < conns_.size(); ++i) {
-      if (conns_[i].fd != fd) continue;
-      CliReply reply;
-      {
-        CliReplyScope scope(&reply);
-        run_buffer(conns_[i].line);
-      }
-      fflush(stdout);
-      reply.send_to(fd);
-      close(fd);
-      conns_.erase(conns_.begin() + static_cast<long>(i));
-      break;
+    // Always found: a complete connection is closed only here.
+    auto conn = std::find_if(conns_.begin(), conns_.end(), [fd](const CliConnection &c) { return c.fd == fd; });
+    CliReply reply;
+    {
+      CliReplyScope scope(&reply);
+      run_buffer(conn->line);
     }
+    fflush(stdout);
+    reply.send_to(fd);
+    close(fd);
+    conns_.erase(conn);
   }
   completed_.clear();
 }
@@ -345,9 +343,8 @@ void CliServer::step(int wait_ms) {
   fds.push_back({listener_, POLLIN, 0});  // a negative fd is skipped by poll
   long now = now_ms();
   long wait = wait_ms;
-  for (const CliConnection &conn : conns_) {
-    fds.push_back({conn.complete ? -1 : conn.fd, POLLIN, 0});
-    if (conn.complete) continue;
+  for (const CliConnection &conn : conns_) {  // all incomplete: complete ones ran in the last step
+    fds.push_back({conn.fd, POLLIN, 0});
     long left = std::max(0L, conn.opened_ms + limit_ms_ - now);  // until its time limit
     if (wait < 0 || left < wait) wait = left;
   }

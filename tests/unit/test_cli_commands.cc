@@ -302,7 +302,7 @@ TEST_F(CliCommands, ServerRunsOnlyCompleteRequests) {
   int line = client("default 4 x\n 2", false);  // a line feed ends it: position 3 is missing
   steps(3);
   EXPECT_EQ(Back(whole) + Back(half) + Back(line), on + "<end>" + kMissing + "<end>");
-  int oldest = client("deletemd 7", false), third = client("", false);
+  int oldest = client("deletem\"\t\x7f", false), third = client("", false);
   steps(2);
   ASSERT_EQ(write(half, " 1", 2) + shutdown(half, SHUT_WR), 2);
   int fourth = client("", false);
@@ -312,7 +312,7 @@ TEST_F(CliCommands, ServerRunsOnlyCompleteRequests) {
   steps(25);  // past the limit
   EXPECT_EQ(server.open(), 0u);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "cfmd: incomplete request dropped, 3 connections open: 10 bytes \"deletemd 7\"\n"
+            "cfmd: incomplete request dropped, 3 connections open: 10 bytes \"deletem\\x22\\x09\\x7f\"\n"
             "cfmd: incomplete request dropped after 1 s: 0 bytes \"\"\n"
             "cfmd: incomplete request dropped after 1 s: 0 bytes \"\"\n");
   for (int fd : {half, whole, line, oldest, third, fourth}) close(fd);

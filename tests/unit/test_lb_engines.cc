@@ -207,7 +207,7 @@ TEST_F(Initiator, LbstartRefusesABusyMepAndLbstopEndsTheRun) {
   for (int i = 0; i < 6; ++i) CFM_LBI_XMIT_Check();
   MepEntry m = read_mep(mep);
   EXPECT_EQ(Bytes({uint8_t(sent.size()), uint8_t(m.LbrIn), uint8_t(m.LbmTransmitStatus)}), Bytes({2, 1, 0}));
-  ExpectCli({{state, "LBM Transmit Stopped\n"}, {stop, ""}});
+  ExpectCli({{state, "LBM Transmit Stopped\n"}, {stop, ""}, {"configmep" + key + " 5 52", ""}});
   EXPECT_NE(Cli("showmep 3").find("\r\n LBM Transmit Stopped\r\n LBM Transmit Result    : Success"), std::string::npos);
 }
 

@@ -131,7 +131,8 @@ TEST_F(Lab, RepliesComeBackOnTheConnection) {
   for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
            {"--bogus"}, {"md", "create", "5", "--level", "8", "--name", "x"}, {"mep", "create", "4", "7", "20", "--dir", "up"},
            {"lb", "start", "4", "7", "20", "--target", "02:00:00:00:00"}, {"show", "everything"}, {"help", "nothing"},
-           {"lt", "stop", "4", "7", "20"}}) {  // a linktrace is one LTM: nothing to stop
+           {"lt", "stop", "4", "7", "20"},  // a linktrace is one LTM: nothing to stop
+           {"md", "create", "5", "--level", "1", "--name", "a b"}, {"defaults", "--level", "8"}}) {
     EXPECT_EQ(RunCfmctl(bad, &status), "");
     EXPECT_EQ(status, 2) << bad[0];
   }

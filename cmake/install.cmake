@@ -36,7 +36,7 @@ install(FILES ${CFMD_DIST}/cfmd.default DESTINATION ${CFMD_SYSCONFDIR}/default R
 install(FILES ${CFMD_DIST}/cfmd.logrotate DESTINATION ${CFMD_SYSCONFDIR}/logrotate.d RENAME cfmd)
 
 set(CPACK_PACKAGE_NAME cfmd)
-set(CPACK_PACKAGE_VERSION 1.0.0)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 # The Debian revision; dist/debian/changelog names the same version.
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_PACKAGE_CONTACT "cfmd developers <cfmd-dev@lists.cfmd.org>")

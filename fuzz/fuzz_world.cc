@@ -159,7 +159,9 @@ void serve(const uint8_t *request, size_t length) {
   length = std::min<size_t>(length, 2 * CFM_CLI_LINE_MAX);
   if (length > 0 && write(pair[1], request, length) != static_cast<ssize_t>(length)) abort();
   shutdown(pair[1], SHUT_WR);
-  cfm_cli_serve_connection(pair[0]);
+  CliServer server(-1);  // serves the one connection to its end
+  server.add(pair[0]);
+  while (server.open() > 0) server.step(-1);
   close(pair[1]);
 }
 

@@ -1,6 +1,6 @@
 // cfmctl: command-line front end of cfmd's command socket.
 //
-//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 26 command
+//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 31 command
 //                                            words: sent as it stands
 //   cfmctl [OPTIONS] md|ma|mep|lb|lt|show|clear|debug|defaults ...
 //                                            named commands, checked here
@@ -11,7 +11,8 @@
 // A request is its words joined by single spaces, with no newline; the
 // daemon runs it, writes the command's report back on the connection and
 // closes it. cfmctl prints the report; its exit status says whether the
-// daemon refused (1), the words were wrong (2) or no daemon answered (3).
+// daemon refused (1), the words were wrong (2), no daemon answered (3) or
+// the answer did not come in time (4).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,6 +74,10 @@ const RawHelp kRawHelp[] = {
                 "  10000), priority, test ID"},
     {"pmstop", "dm|slm|1dm N N N: stop the session of MD, MA, MEP"},
     {"pmshow", "[json]: delay and loss counters and results"},
+    {"lbstart", "as configmep, refused (\" LBM is still transmiting !\") while the MEP's loopback\n"
+                "  runs or a start waits for the next second"},
+    {"lbstop", "N skip N skip N skip N skip N skip N: key as configmep; ends the MEP's loopback run\n"
+               "  at once, its counters stay and it reads \"LBM Transmit Stopped\""},
     {"debugon", "turn the debug traces on"},
     {"debugoff", "turn the debug traces off"},
 };
@@ -94,7 +99,8 @@ const char kOptionsText[] =
     "\n"
     "exit status: 0 the command ran; 1 the daemon refused it or reported a failure\n"
     "(\"Error!! ...\", \"unknown command !\", \"... is not exist!\", ...); 2 usage error\n"
-    "found before sending; 3 no daemon answered.\n";
+    "found before sending; 3 no daemon answered (nothing was sent); 4 sent, but no\n"
+    "answer within the timeout: the daemon may still run it, so do not simply retry.\n";
 
 // The configmep options, from the table the daemon's parser reads.
 void print_mep_options() {

@@ -23,6 +23,9 @@ int cli_usr_cfm_deletema(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_createmep(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_configmep(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_deletemep(FILE *out, CliArg *args, int unused);
+// Loopback runs: configmep refused while a run goes on; the end of a run.
+int cli_usr_cfm_lbstart(FILE *out, CliArg *args, int unused);
+int cli_usr_cfm_lbstop(FILE *out, CliArg *args, int unused);
 
 int cli_usr_cfm_showmep(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_showremotemep(FILE *out, CliArg *args, int unused);

@@ -40,6 +40,13 @@ void set_key(MepEntry *mep, const MepKeyArgs &key, uint8_t direction) {
   mep->direction = direction;
 }
 
+// Reads the MEP of a configmep key (direction 100 or 200) into *mep.
+bool find_config_mep(const MepKeyArgs &key, MepEntry *mep) {
+  if (key.direction != 100 && key.direction != 200) return false;
+  set_key(mep, key, key.direction == 100 ? CFM_DIRECTION_DOWN : CFM_DIRECTION_UP);
+  return CFM_IF_Get_MEP_Entry(mep) != 0;
+}
+
 // Outcome of applying configmep's options to the record.
 enum class OptionResult { kApplied, kRefused, kMissing, kInvalid };
 
@@ -156,6 +163,54 @@ int cli_usr_cfm_configmep(FILE *out, CliArg *args, int) {
   if (result == CFM_OK) return 2;
   if (result == CFM_ERR_LBM_RUNNING) fputs("\r\n LBM is still transmiting !\r\n", out);
   return 0;
+}
+
+// lbstart: configmep's words, refused while the MEP's loopback run goes on
+// or a start waits for the next tick (which configmep would replace).
+int cli_usr_cfm_lbstart(FILE *out, CliArg *args, int unused) {
+  MepKeyArgs key;
+  if (!read_key(out, args, &key)) return 0;
+  MepEntry mep = {};
+  bool busy = false;
+  {
+    MepSycLock lock;
+    busy = find_config_mep(key, &mep) && (mep.LbmRunning == 1 || mep.LbmTransmitStatus == 1);
+  }
+  if (busy) {
+    fputs("\r\n LBM is still transmiting !\r\n", out);
+    return 0;
+  }
+  return cli_usr_cfm_configmep(out, args, unused);
+}
+
+// lbstop MD <s> MA <s> MEPID <s> PORT <s> VID <s> DIR(100|200): ends the
+// MEP's loopback run at once, also one waiting for its first tick. Its
+// counters stay and the run reads as stopped; without a run nothing changes.
+int cli_usr_cfm_lbstop(FILE *out, CliArg *args, int) {
+  MepKeyArgs key;
+  if (!read_key(out, args, &key)) return 0;
+  MepEntry mep = {};
+  bool found = false;
+  {
+    MepSycLock lock;
+    found = find_config_mep(key, &mep);
+    if (found && (mep.LbmRunning == 1 || mep.LbmTransmitStatus == 1)) {
+      mep.LbmTransmitStatus = 0;
+      mep.LbmRunning = 0;
+      mep.LbmRemaining = 0;
+      mep.LbmWaitTicks = 0;
+      mep.LbmStopped = 1;
+      // Written like the timer writes a run's end: the management interface
+      // refuses to touch a running MEP.
+      CFM_Update_MEP_Entry(&mep);
+      ConfigTree::setInt(0, "/runtime/cfm/lbm/sending");
+    }
+  }
+  if (!found) {
+    fputs("\r\n This MEP is not exist!\r\n", out);
+    return 0;
+  }
+  return 2;
 }
 
 // deletemep MD <s> MA <s> MEPID <s> PORT <s> VID <s> DIR(1|2)

@@ -60,7 +60,11 @@ void print_lbm_block(FILE *out, const MepEntry &mep) {
   fprintf(out, "\r\n LBM Target MAC        : %s", hwaddr_to_string(mac, mep.LbmTargetMac));
   fprintf(out, "\r\n LBM DATA TLV  content : %.*s\r\n", static_cast<int>(CFM_LBM_DATA_TLV_SIZE), mep.LbmDataTlv);
   fputs("\r\n ====LBM wroking info====", out);
-  fputs(mep.LbmRunning == 1 ? "\r\n LBM is still Transmiting " : "\r\n LBM Transmit Finished", out);
+  if (mep.LbmRunning == 1) {
+    fputs("\r\n LBM is still Transmiting ", out);
+  } else {
+    fprintf(out, "\r\n %s", cfm_cli_lbm_state(mep));
+  }
   fputs(mep.LbmResultOk == 1 ? "\r\n LBM Transmit Result    : Success" : "\r\n LBM Transmit Result    : Fail", out);
   fprintf(out, "\r\n LBM Transmit first sequence number      : %d", as_int(mep.LbmSeqNumber));
   fprintf(out, "\r\n LBM Transmit Next Lbm TransId           : %d", as_int(mep.NextLbmTransId));
@@ -85,7 +89,7 @@ void print_runtime_value(FILE *out, const MepEntry &mep, int32_t selector) {
     case 3: print_line(out, cfm_cli_alarm_text(mep.LowestAlarmPriority)); break;
     case 4: print_line(out, cfm_cli_defect_text(mep.CcmDefect)); break;
     case 5: print_number(out, mep.CcmSequenceNum); break;
-    case 6: print_line(out, mep.LbmRunning == 1 ? "LBM is still Transmiting" : "LBM Transmit Finished"); break;
+    case 6: print_line(out, cfm_cli_lbm_state(mep)); break;
     case 7: print_line(out, mep.LbmResultOk == 1 ? "Success" : "Fail"); break;
     case 8: print_number(out, mep.LbmSeqNumber); break;
     case 9: print_number(out, mep.NextLbmTransId); break;

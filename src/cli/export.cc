@@ -120,8 +120,7 @@ void export_lbm(const MepEntry &mep) {
   ConfigTree::setInt(as_int(mep.LbrInOutOfOrder), "/runtime/cfm/lbm/valid_lbr_outoforder");
   ConfigTree::setInt(as_int(mep.LbrBadMsdu), "/runtime/cfm/lbm/bad_lbr_msdu");
   ConfigTree::setInt(as_int(mep.LbrOut), "/runtime/cfm/lbm/transmit_lbr");
-  ConfigTree::setStr(mep.LbmRunning == 1 ? "LBM is still Transmiting" : "LBM Transmit Finished",
-                     "/runtime/cfm/lbm/status");
+  ConfigTree::setStr(cfm_cli_lbm_state(mep), "/runtime/cfm/lbm/status");
 }
 
 void export_ltm(const MepEntry &mep) {

@@ -27,7 +27,11 @@ const MepOption cfm_mep_options[] = {
     {4, K::kChoice, {{41, 1}, {42, 2}, {43, 3}, {44, 4}, {45, 5}, {46, 6}}, 6,
      [](MepEntry *m, uint32_t v, const char *) { m->LowestAlarmPriority = static_cast<uint8_t>(v); },
      "4 lowest alarm priority (41 alldef .. 46 noxcon)"},
-    {5, K::kChoice, {{51, 1}, {52, 0}}, 2, [](MepEntry *m, uint32_t v, const char *) { m->LbmTransmitStatus = v; },
+    {5, K::kChoice, {{51, 1}, {52, 0}}, 2,
+     [](MepEntry *m, uint32_t v, const char *) {
+       m->LbmTransmitStatus = v;
+       if (v == 1) m->LbmStopped = 0;  // a new run is no longer the stopped one
+     },
      "5 LBM (51 start, 52 stop)"},
     {6, K::kText, {}, 0, [](MepEntry *m, uint32_t, const char *t) { hwaddr_aton(t, m->LbmTargetMac); },
      "6 LBM target MAC"},

@@ -1,5 +1,7 @@
 #include "cli/names.h"
 
+#include "db/mep_mip.h"
+
 const char *const cfm_cli_names[kNamesCount] = {
     // status
     "disabled", "enabled",
@@ -36,4 +38,9 @@ const char *cfm_cli_defect_text(long defect) {
   static const char *const kTexts[] = {"None",           "RDI CCM",        "MAC STATUS CCM",
                                        "REMOTE DELAY CCM", "DATA ERROR CCM", "CROSS CONNECT CCM"};
   return defect >= 0 && defect <= 5 ? kTexts[defect] : nullptr;
+}
+
+const char *cfm_cli_lbm_state(const MepEntry &mep) {
+  if (mep.LbmRunning == 1) return "LBM is still Transmiting";
+  return mep.LbmStopped == 1 ? "LBM Transmit Stopped" : "LBM Transmit Finished";
 }

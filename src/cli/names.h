@@ -29,6 +29,10 @@ const char *cfm_cli_name(int list, long index);
 const char *cfm_cli_alarm_text(long priority);
 // Highest defect 0..5: "None" .. "CROSS CONNECT CCM".
 const char *cfm_cli_defect_text(long defect);
+// State of a MEP's loopback: "LBM is still Transmiting", "LBM Transmit
+// Stopped" (ended by lbstop) or "LBM Transmit Finished".
+struct MepEntry;
+const char *cfm_cli_lbm_state(const MepEntry &mep);
 // Status name of a 0/1 flag ("disabled", "enabled"); other values read on
 // into the lists that follow, bounded by the array.
 inline const char *cfm_cli_flag_name(long flag) { return cfm_cli_name(kNamesStatus, flag); }

@@ -1,9 +1,10 @@
-// Command server: accepts one connection at a time on /var/cfm_socket, reads
-// one request line, splits it into words and runs the matching handler.
-// What the handler prints goes to standard output and, copied, back on the
-// connection, which is then closed.
+// Command server: polls every open connection on /var/cfm_socket, reads one
+// request line from each, splits a complete one into words and runs the
+// matching handler. What the handler prints goes to standard output and,
+// copied, back on the connection, which is then closed.
 #include "cli/server.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,10 +12,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "cli/commands.h"
 #include "cli/reply.h"
@@ -50,6 +53,8 @@ const CliCommand cfm_cli_cmd_table[] = {
     {"pmstart", cli_usr_cfm_pmstart},
     {"pmstop", cli_usr_cfm_pmstop},
     {"pmshow", cli_usr_cfm_pmshow},
+    {"lbstart", cli_usr_cfm_lbstart},
+    {"lbstop", cli_usr_cfm_lbstop},
     {nullptr, nullptr},
 };
 
@@ -197,60 +202,162 @@ int cfm_cli_run_line(const char *line) {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long ms_since(Clock::time_point start) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+long now_ms() {
+  using namespace std::chrono;
+  return static_cast<long>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
 gid_t g_socket_gid = static_cast<gid_t>(-1);
 
-}  // namespace
-
-size_t cfm_cli_read_request(int fd, char *line, int listener, int busy_ms, int idle_ms) {
-  memset(line, 0, CFM_CLI_LINE_MAX + 1);
-  const auto start = Clock::now();
-  bool others_wait = false;
-  size_t got = 0;
-  while (got < static_cast<size_t>(CFM_CLI_LINE_MAX)) {
-    long left = (others_wait ? busy_ms : idle_ms) - ms_since(start);
-    if (left <= 0) break;
-    // The listener is watched until a client waits there; from then on the
-    // shorter limit holds.
-    struct pollfd pfd[2] = {{fd, POLLIN, 0}, {listener, POLLIN, 0}};
-    nfds_t watched = (listener >= 0 && !others_wait) ? 2 : 1;
-    int ready = poll(pfd, watched, static_cast<int>(left));
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      break;
+// The bytes of a request as one line of text: printable ASCII as it is,
+// anything else (and '"', '\') as \xNN.
+std::string shown_bytes(const char *bytes, size_t size) {
+  std::string text;
+  for (size_t i = 0; i < size; ++i) {
+    unsigned char c = static_cast<unsigned char>(bytes[i]);
+    if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
+      text += static_cast<char>(c);
+    } else {
+      char hex[5];
+      snprintf(hex, sizeof hex, "\\x%02x", c);
+      text += hex;
     }
-    if (watched == 2 && (pfd[1].revents & POLLIN) != 0) others_wait = true;
-    if (pfd[0].revents == 0) continue;
-    // One byte at a time, as a line reader must not consume past the line
-    // end; requests are short and this runs once per connection.
-    ssize_t n = read(fd, line + got, 1);
-    if (n < 0) {
-      if (errno == EINTR || errno == EAGAIN) continue;
-      break;  // a broken connection ends the request like end of stream
-    }
-    if (n == 0) break;
-    got += 1;
-    if (line[got - 1] == '\n') break;
   }
-  return got;
+  return text;
 }
 
-void cfm_cli_serve_connection(int fd, int listener) {
-  char line[CFM_CLI_LINE_MAX + 1];
-  cfm_cli_read_request(fd, line, listener);
-  CliReply reply;
-  {
-    CliReplyScope scope(&reply);
-    run_buffer(line);
+}  // namespace
+
+CliServer::CliServer(int listener, int limit_ms, size_t max_open)
+    : listener_(listener), limit_ms_(limit_ms), max_open_(max_open) {
+  if (listener_ >= 0) fcntl(listener_, F_SETFL, fcntl(listener_, F_GETFL) | O_NONBLOCK);
+}
+
+CliServer::~CliServer() {
+  for (const CliConnection &conn : conns_) close(conn.fd);
+}
+
+void CliServer::add(int fd) {
+  if (conns_.size() >= max_open_) {
+    for (size_t i = 0; i < conns_.size(); ++i) {
+      if (!conns_[i].complete) {
+        char why[48];
+        snprintf(why, sizeof why, ", %zu connections open", conns_.size());
+        drop(i, why);
+        break;
+      }
+    }
   }
-  fflush(stdout);
-  reply.send_to(fd);
-  close(fd);
+  if (conns_.size() >= max_open_) {  // none was incomplete: the new one is
+    close(fd);
+    return;
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);  // reads never wait
+  CliConnection conn;
+  conn.fd = fd;
+  conn.opened_ms = now_ms();
+  conn.got = 0;
+  conn.complete = false;
+  memset(conn.line, 0, sizeof conn.line);
+  conns_.push_back(conn);
+}
+
+void CliServer::drop(size_t index, const char *why) {
+  const CliConnection &conn = conns_[index];
+  fprintf(stderr, "cfmd: incomplete request dropped%s: %zu bytes \"%s\"\n", why, conn.got,
+          shown_bytes(conn.line, conn.got).c_str());
+  close(conn.fd);
+  conns_.erase(conns_.begin() + static_cast<long>(index));
+}
+
+// Accepts every waiting client. A failure (descriptors or memory running
+// out) is reported once until an accept succeeds again, and pauses the
+// server a tenth of a second so that it does not spin on the listener.
+void CliServer::accept_all() {
+  for (;;) {
+    int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+      accept_failing_ = false;
+      add(fd);
+      continue;
+    }
+    if (errno == EINTR || errno == ECONNABORTED) continue;
+    if (errno == EAGAIN) return;  // none waits (EWOULDBLOCK is EAGAIN on Linux)
+    if (!accept_failing_) perror("server accept fail, reason");
+    accept_failing_ = true;
+    usleep(100 * 1000);
+    return;
+  }
+}
+
+void CliServer::read_some(CliConnection *conn) {
+  for (;;) {
+    ssize_t n = read(conn->fd, conn->line + conn->got, static_cast<size_t>(CFM_CLI_LINE_MAX) - conn->got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) return;
+    if (n > 0) {
+      // Bytes after a line feed are not part of the request.
+      const char *end = static_cast<const char *>(memchr(conn->line + conn->got, '\n', static_cast<size_t>(n)));
+      size_t got = end != nullptr ? static_cast<size_t>(end - conn->line) + 1 : conn->got + static_cast<size_t>(n);
+      memset(conn->line + got, 0, sizeof conn->line - got);
+      conn->got = got;
+      if (end == nullptr && got < static_cast<size_t>(CFM_CLI_LINE_MAX)) continue;
+    }
+    // A line feed, a full line, the end of the stream, or a broken connection
+    // (which ends the request like the end of the stream).
+    conn->complete = true;
+    completed_.push_back(conn->fd);
+    return;
+  }
+}
+
+void CliServer::run_complete() {
+  for (int fd : completed_) {
+    // Always found: a complete connection is closed only here.
+    auto conn = std::find_if(conns_.begin(), conns_.end(), [fd](const CliConnection &c) { return c.fd == fd; });
+    CliReply reply;
+    {
+      CliReplyScope scope(&reply);
+      run_buffer(conn->line);
+    }
+    fflush(stdout);
+    reply.send_to(fd);
+    close(fd);
+    conns_.erase(conn);
+  }
+  completed_.clear();
+}
+
+void CliServer::close_expired() {
+  long now = now_ms();
+  for (size_t i = conns_.size(); i-- > 0;) {
+    if (conns_[i].complete || now - conns_[i].opened_ms < limit_ms_) continue;
+    char why[48];
+    snprintf(why, sizeof why, " after %d s", limit_ms_ / 1000);
+    drop(i, why);
+  }
+}
+
+void CliServer::step(int wait_ms) {
+  std::vector<struct pollfd> fds;
+  fds.push_back({listener_, POLLIN, 0});  // a negative fd is skipped by poll
+  long now = now_ms();
+  long wait = wait_ms;
+  for (const CliConnection &conn : conns_) {  // all incomplete: complete ones ran in the last step
+    fds.push_back({conn.fd, POLLIN, 0});
+    long left = std::max(0L, conn.opened_ms + limit_ms_ - now);  // until its time limit
+    if (wait < 0 || left < wait) wait = left;
+  }
+  int ready = poll(fds.data(), fds.size(), static_cast<int>(wait));
+  if (ready < 0 && errno != EINTR) usleep(100 * 1000);  // out of memory: try again later
+  // revents stay 0 unless poll reported something; conns_ still matches
+  // fds[1..], as nothing is added or removed before this.
+  for (size_t i = 1; i < fds.size(); ++i) {
+    if (fds[i].revents != 0) read_some(&conns_[i - 1]);
+  }
+  if ((fds[0].revents & POLLIN) != 0) accept_all();
+  run_complete();
+  close_expired();
 }
 
 bool cfm_cli_set_socket_group(const char *group) {
@@ -285,21 +392,6 @@ bool bind_socket(int listener, const struct sockaddr_un &addr) {
   return true;
 }
 
-// accept() until it gives a connection. A failure (descriptors or memory
-// running out, an aborted connection) is reported once and retried after
-// a pause: the server keeps serving for as long as the daemon runs.
-int accept_connection(int listener) {
-  bool reported = false;
-  for (;;) {
-    int conn = accept(listener, nullptr, nullptr);
-    if (conn >= 0) return conn;
-    if (errno == EINTR) continue;
-    if (!reported) perror("server accept fail, reason");
-    reported = true;
-    usleep(100 * 1000);
-  }
-}
-
 }  // namespace
 
 int cfm_cli_server_init() {
@@ -321,5 +413,6 @@ int cfm_cli_server_init() {
     perror("server listen fail, reaseon:");
     return -1;
   }
-  for (;;) cfm_cli_serve_connection(accept_connection(listener), listener);
+  CliServer server(listener);
+  for (;;) server.step(-1);
 }

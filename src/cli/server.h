@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <vector>
 
 #define CFM_CLI_SOCKET_PATH "/var/cfm_socket"
 
@@ -45,26 +46,63 @@ int cfm_cli_run_line(const char *line);
 
 // Longest request line the server reads (the buffer holds one byte more).
 constexpr int CFM_CLI_LINE_MAX = 1023;
-// How long one connection may take to deliver its request: while another
-// client waits in the listen queue, at most CFM_CLI_BUSY_LIMIT_MS from its
-// accept; while none waits, CFM_CLI_IDLE_LIMIT_MS. On the limit, what it has
-// sent is run.
-constexpr int CFM_CLI_BUSY_LIMIT_MS = 2000;
-constexpr int CFM_CLI_IDLE_LIMIT_MS = 60000;
+// A connection that has not completed its request this long after it was
+// accepted is closed without running anything.
+constexpr int CFM_CLI_REQUEST_LIMIT_MS = 60000;
+// Most connections open at once; a new one beyond closes the oldest one whose
+// request is not complete.
+constexpr size_t CFM_CLI_MAX_CONNECTIONS = 256;
 // Listen queue: room for a burst of front ends while a slow command runs.
 constexpr int CFM_CLI_BACKLOG = 64;
 
-// Serves one accepted connection: reads the request, runs it with its
-// output mirrored on the connection, flushes standard output, sends the
-// reply, closes the connection. `listener` (or -1) is the listening socket,
-// watched for waiting clients.
-void cfm_cli_serve_connection(int fd, int listener = -1);
-// Reads one request line (up to and including '\n', at most
-// CFM_CLI_LINE_MAX bytes, or what came before end of stream or the time
-// limit above; busy_ms/idle_ms replace them) into `line` (CFM_CLI_LINE_MAX
-// + 1 bytes, cleared first). Returns the number of bytes read.
-size_t cfm_cli_read_request(int fd, char *line, int listener, int busy_ms = CFM_CLI_BUSY_LIMIT_MS,
-                            int idle_ms = CFM_CLI_IDLE_LIMIT_MS);
+// One client connection. A request is complete at its line feed (kept), at
+// CFM_CLI_LINE_MAX bytes or at the end of the client's stream; time never
+// completes it.
+struct CliConnection {
+  int fd;
+  long opened_ms;  // when it was accepted (steady clock)
+  size_t got;      // request bytes read so far
+  bool complete;
+  char line[CFM_CLI_LINE_MAX + 1];  // the request, NUL-terminated
+};
+
+// The command server's connections. Every open connection is polled at once,
+// so a complete request never waits behind an incomplete one; requests run on
+// the calling thread, one at a time, in the order they completed. Each run
+// mirrors its output on the connection, flushes standard output, sends the
+// reply and closes the connection.
+class CliServer {
+ public:
+  // `listener` (or -1) is a listening socket, made non-blocking here.
+  explicit CliServer(int listener, int limit_ms = CFM_CLI_REQUEST_LIMIT_MS,
+                     size_t max_open = CFM_CLI_MAX_CONNECTIONS);
+  ~CliServer();
+  CliServer(const CliServer &) = delete;
+  CliServer &operator=(const CliServer &) = delete;
+
+  // Takes a connection; when max_open are open, the oldest incomplete one is
+  // closed first (a new connection is the newest incomplete one).
+  void add(int fd);
+  // Waits at most wait_ms (-1: without limit) for a connection or request
+  // bytes, accepts and reads what came, runs the requests that completed and
+  // closes the connections past the time limit.
+  void step(int wait_ms);
+  size_t open() const { return conns_.size(); }
+
+ private:
+  void accept_all();
+  void read_some(CliConnection *conn);
+  void drop(size_t index, const char *why);
+  void run_complete();
+  void close_expired();
+
+  int listener_;
+  int limit_ms_;
+  size_t max_open_;
+  bool accept_failing_ = false;
+  std::vector<CliConnection> conns_;  // in the order they were accepted
+  std::vector<int> completed_;        // fds whose requests completed, in order
+};
 
 // Owner group of the command socket (a name or a number): with one, the
 // socket is created with mode 0660 and that group, without, mode 0600.

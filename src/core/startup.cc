@@ -38,6 +38,20 @@ constexpr int kParseError = 0;
 constexpr int kParseGo = 1;
 constexpr int kParseWait = 2;
 
+const char kUsage[] =
+    "usage: cfmd -i NAME [-e] [-d] [-f eth|8023] [-w] [-t DIR] [-l NAME] [-g GROUP] [-y]\n"
+    "       cfmd --help | --version\n"
+    "  -i NAME   the WAN interface (required)\n"
+    "  -e        CFM enabled at start (else it waits for the enable command)\n"
+    "  -d        debug traces and frame dumps\n"
+    "  -f TYPE   frame type: eth (Ethernet II) or 8023 (802.3 with LLC/SNAP)\n"
+    "  -w        wait until the interface exists (checked every 3 s)\n"
+    "  -t DIR    configuration tree in the directory DIR\n"
+    "  -l NAME   relay CFM frames between the WAN and the LAN interface NAME\n"
+    "  -g GROUP  command socket mode 0660 with the group GROUP (else 0600)\n"
+    "  -y        delay and synthetic-loss measurement\n"
+    "Commands go to the socket " CFM_CLI_SOCKET_PATH " (cfmctl help); see cfmd(8).\n";
+
 // Removes the semaphore sets on the way out, then dies of the same signal so
 // the exit status still says what happened. Any thread may run it, also
 // while another one is creating a set.
@@ -76,6 +90,24 @@ void run_ifconfig(const char *ifname) {
 }
 
 }  // namespace
+
+CfmInfoRequest cfm_info_request(int argc, char *const *argv) {
+  for (int i = 1; i < argc; ++i) {
+    const char *arg = argv[i];
+    if (strcmp(arg, "--") == 0) break;
+    if (strcmp(arg, "--help") == 0) return kCfmHelp;
+    if (strcmp(arg, "--version") == 0) return kCfmVersion;
+    if (arg[0] != '-') continue;
+    // Letters in a bundle up to one that takes a value: the rest of the word,
+    // or else the next word.
+    for (const char *p = arg + 1; *p != '\0'; ++p) {
+      if (strchr("filtg", *p) == nullptr) continue;
+      if (p[1] == '\0') ++i;
+      break;
+    }
+  }
+  return kCfmRun;
+}
 
 int cfm_check_config_enable_at(const char *path, int *status) {
   FILE *file = fopen(path, "r");
@@ -277,6 +309,16 @@ void CFM_Init() {
 }
 
 int cfm_main(int argc, char **argv) {
+  switch (cfm_info_request(argc, argv)) {
+    case kCfmHelp:
+      fputs(kUsage, stdout);
+      return 0;
+    case kCfmVersion:
+      puts("cfmd " CFMD_VERSION);
+      return 0;
+    case kCfmRun:
+      break;
+  }
   install_signal_handlers();
   GlobalEntry entry = {0, 2, 1, 1};
   CFM_IF_Set_Global_Entry(&entry);

@@ -28,6 +28,11 @@ struct CfmExtraOptions {
 extern CfmExtraOptions g_cfm_extra_options;
 
 int cfm_main(int argc, char **argv);
+// "--help" or "--version" where an option stands (not as the value of -f, -i,
+// -t, -l or -g, nor after "--"): cfmd prints its usage or version and exits
+// 0 before anything else.
+enum CfmInfoRequest { kCfmRun = 0, kCfmHelp = 1, kCfmVersion = 2 };
+CfmInfoRequest cfm_info_request(int argc, char *const *argv);
 int cfm_check_config_enable(int *status);
 int cfm_check_config_enable_at(const char *path, int *status);
 // ifname must hold IFNAMSIZ bytes; names are cut to IFNAMSIZ - 1 characters.

@@ -97,6 +97,8 @@ struct MepEntry {
   uint32_t LbrExpectedTransId;
   uint32_t LbmRemaining;
   uint32_t LbmWaitTicks;
+  // 1 when the last run was ended by lbstop; a new start clears it.
+  uint32_t LbmStopped;
 };
 
 static_assert(offsetof(MepEntry, md_id) == offsetof(MepKey, md_id));

@@ -28,6 +28,10 @@ TEST_F(Startup, StartsOrEndsAndReports) {
     std::vector<const char *> lines;
   } cases[] = {
       {"Enable=0\n", {"-e"}, 0, {"Cfm is disabled by cfg_manager\n"}},
+      {"Enable=0\n", {"-e", "--version"}, 0, {"cfmd " CFMD_VERSION "\n"}},
+      {"Enable=1\n", {"-i", "wan0", "x", "--help"}, 0, {"usage: cfmd -i NAME [-e]"}},
+      {"Enable=1\n", {"-i", "--help", "-dt", "--version"}, -1, {"CFM interface is --help\n"}},  // values
+      {"Enable=1\n", {"-eiwan0", "--", "--help"}, -1, {"CFM interface is wan0\n"}},
       {"Enable=1\n", {"-e", "-x"}, 255, {"CFM need interface\ncfm parse arg failed\n"}},
       {"Enable=1\n", {"-i"}, 255, {"CFM need interface\ncfm parse arg failed\n"}},
       {nullptr, DefaultArgs(), -1, {"Check cfm state fail\n", "CFM interface is wan0\n", "Open /var/tmp/pvc_mac fail\n"}},

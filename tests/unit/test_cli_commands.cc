@@ -2,6 +2,7 @@
 // real database, with standard output captured; the number test and the
 // request reader of the command server.
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -154,11 +155,6 @@ TEST_F(CliCommands, MepCreateConfigDelete) {
   EXPECT_EQ(cfm_cli_run_line("deletemep 1 0 2 0 11 0 1 0 0 0 100"), 0);
   ExpectCli({{"deletemep 1 0 2 0 11 0 1 0 0 0 1", ""},
              {"deletemep 1 0 2 0 11 0 1 0 0 0 1", "\r\n This MEP is not exist!\r\n"}});
-  // A loopback still running refuses the request.
-  mep = Mep();
-  mep.LbmRunning = 1;
-  ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
-  EXPECT_EQ(ConfigMep("5 51 7 3"), "\r\n LBM is still transmiting !\r\n");
 }
 
 // Short and mistyped requests print their guard text and change nothing.
@@ -269,20 +265,57 @@ TEST_F(CliCommands, WordsAndGlobalCommands) {
   EXPECT_EQ(Cli("debugoff 7"), "Close CFM debug message\n");
 }
 
-// The request reader: a line ends at '\n' (kept), at 1023 bytes or at end of
-// stream. (The timeout and serving are exercised through the real socket.)
-TEST(RequestReader, LineEndsAtNewline1023BytesOrEndOfStream) {
-  int fds[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-  const std::string sent = "showmd\n" + std::string(2000, 'a');
-  ASSERT_EQ(write(fds[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
-  close(fds[1]);
-  char line[CFM_CLI_LINE_MAX + 1];
-  for (const std::string &expect : {std::string("showmd\n"), std::string(1023, 'a'), std::string(977, 'a')}) {
-    EXPECT_EQ(cfm_cli_read_request(fds[0], line, -1, 500, 500), expect.size());
-    EXPECT_EQ(std::string(line), expect);
-  }
-  close(fds[0]);
+// What came back on a client so far, and "<end>" once the server has closed
+// it (reset when it left bytes unread).
+std::string Back(int fd) {
+  std::string got;
+  char buf[256];
+  errno = 0;
+  for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) got.append(buf, static_cast<size_t>(n));
+  return errno == EAGAIN ? got : got + "<end>";
+}
+
+// A request runs only when complete: at a line feed or at 1023 bytes (what
+// follows is not part of it) or at the end of the stream. All connections are
+// read at once: a half-sent request holds up nobody and runs whole when it
+// completes. Past the time limit, or as the oldest incomplete one when too
+// many are open (never a complete one), a connection is closed unrun and one
+// line names the bytes dropped.
+TEST_F(CliCommands, ServerRunsOnlyCompleteRequests) {
+  Cli("enable");
+  struct sockaddr_un addr = {AF_UNIX, {}};
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s/socket", tree_.c_str());
+  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr) | listen(listener, 8), 0);
+  auto client = [&](const std::string &sent, bool end) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) + write(fd, sent.data(), sent.size()),
+              static_cast<ssize_t>(sent.size()));
+    if (end) shutdown(fd, SHUT_WR);
+    return fd;
+  };
+  CliServer server(listener, 1000, 3);
+  auto steps = [&](int n) { stdout_of([&] { for (int i = 0; i < n; ++i) server.step(50); }); };
+  const std::string on = "\r\n CFM Status  : enabled";
+  testing::internal::CaptureStderr();
+  int half = client("showdefault", false), whole = client(std::string(1010, ' ') + "showdefault 2x", false);
+  int line = client("default 4 x\n 2", false);  // a line feed ends it: position 3 is missing
+  steps(3);
+  EXPECT_EQ(Back(whole) + Back(half) + Back(line), on + "<end>" + kMissing + "<end>");
+  int oldest = client("deletem\"\t\x7f", false), third = client("", false);
+  steps(2);
+  ASSERT_EQ(write(half, " 1", 2) + shutdown(half, SHUT_WR), 2);
+  int fourth = client("", false);
+  steps(1);
+  EXPECT_EQ(Back(half), "\r\n Default MD Level  : 2\r\n default_MHF_creation  : CFM MHF CREATION NONE<end>");
+  EXPECT_EQ(Back(oldest) + std::to_string(server.open()), "<end>2");
+  steps(25);  // past the limit
+  EXPECT_EQ(server.open(), 0u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "cfmd: incomplete request dropped, 3 connections open: 10 bytes \"deletem\\x22\\x09\\x7f\"\n"
+            "cfmd: incomplete request dropped after 1 s: 0 bytes \"\"\n"
+            "cfmd: incomplete request dropped after 1 s: 0 bytes \"\"\n");
+  for (int fd : {half, whole, line, oldest, third, fourth}) close(fd);
 }
 
 }  // namespace

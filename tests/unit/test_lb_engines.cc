@@ -194,4 +194,28 @@ TEST_F(Initiator, LbrDropsCountingAndRows) {
   EXPECT_EQ(std::make_pair(cfm_lbr_rows(), cfm_lbr_rows_unwritten()), std::make_pair(CFM_MAX_LBR_ROWS, 4u));
 }
 
+// configmep refuses a running run only; lbstart also one waiting for its
+// tick (which configmep would replace). lbstop ends a run, running or
+// waiting, at once: its counters stay and it reads as stopped until the next
+// start.
+TEST_F(Initiator, LbstartRefusesABusyMepAndLbstopEndsTheRun) {
+  MepEntry mep = start_run(5, kPeer, "abc", 20);
+  add_ma(1, 1, "ma");
+  const std::string key = " 1 0 1 0 1 0 1 0 100 0 100 0", busy = "\r\n LBM is still transmiting !\r\n";
+  const std::string start = "lbstart" + key + " 7 3 5 51", stop = "lbstop" + key, state = "runtime 6";
+  ExpectCli({{start, busy}});
+  CFM_LBI_XMIT_Check();
+  EXPECT_EQ(lbr(20, {3, 0, 3, 'a', 'b', 'c'}), CFM_OK);
+  ExpectCli({{start, busy}, {"configmep" + key + " 7 3", busy}, {stop, ""},
+             {"lbstop 1 0 1 0 1 0 1 0 100 0 2", "\r\n This MEP is not exist!\r\n"},
+             {state, "LBM Transmit Stopped\n"}, {start, ""}, {state, "LBM Transmit Finished\n"}});
+  CFM_LBI_XMIT_Check();
+  ExpectCli({{state, "LBM is still Transmiting\n"}, {stop, ""}, {"configmep" + key + " 5 51", ""}, {stop, ""}});
+  for (int i = 0; i < 6; ++i) CFM_LBI_XMIT_Check();
+  MepEntry m = read_mep(mep);
+  EXPECT_EQ(Bytes({uint8_t(sent.size()), uint8_t(m.LbrIn), uint8_t(m.LbmTransmitStatus)}), Bytes({2, 1, 0}));
+  ExpectCli({{state, "LBM Transmit Stopped\n"}, {stop, ""}, {"configmep" + key + " 5 52", ""}});
+  EXPECT_NE(Cli("showmep 3").find("\r\n LBM Transmit Stopped\r\n LBM Transmit Result    : Success"), std::string::npos);
+}
+
 }  // namespace

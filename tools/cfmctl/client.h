@@ -6,7 +6,9 @@
 namespace cfmctl {
 
 // Exit statuses of cfmctl.
-enum Exit { kOk = 0, kRefused = 1, kUsage = 2, kNoDaemon = 3 };
+// kNoDaemon: nothing was sent; kNoAnswer: the request was sent but its reply
+// did not come in time, so the daemon may still run it.
+enum Exit { kOk = 0, kRefused = 1, kUsage = 2, kNoDaemon = 3, kNoAnswer = 4 };
 
 struct Client {
   std::string socket_path = "/var/cfm_socket";
@@ -15,8 +17,9 @@ struct Client {
   int timeout_s = 10;
 };
 
-// Sends the request and collects the reply in *reply. Returns kOk, or
-// kNoDaemon after printing why (with a hint) when no daemon answered in time.
+// Sends the request and collects the reply in *reply. Returns kOk; kNoDaemon
+// after printing why (with a hint) when it could not connect or send; or
+// kNoAnswer after saying so when the reply did not come within the timeout.
 int run_request(const Client &client, const std::string &request, std::string *reply);
 // kRefused when the reply holds one of the daemon's refusal or failure
 // texts, else kOk.

@@ -277,12 +277,16 @@ void build_mep(Args &args, NamedRun *run) {
   args.finish(4);
 }
 
-// lb|lt start|stop MD MA MEPID: configmep with the run's options.
+// lb start|stop, lt start MD MA MEPID: lbstart (configmep refused while a
+// run goes on) or configmep with the run's options, or lbstop. A linktrace
+// is one LTM sent at once: there is nothing to stop.
 void build_run(Args &args, NamedRun *run, bool loopback) {
-  if (!sub(args, {"start", "stop"})) return;
-  std::string request = "configmep " + mep_key(args, 100, 200) + " options";
+  if (!(loopback ? sub(args, {"start", "stop"}) : sub(args, {"start"}))) return;
   bool start = args.word(0) == "start";
+  std::string key = mep_key(args, 100, 200);
+  std::string request = (loopback ? (start ? "lbstart " : "lbstop ") : "configmep ") + key;
   if (start) {
+    request += " options";
     std::string mac;
     bool by_mac = args.mac("--target", &mac);
     long mepid = args.number("--mepid", 1, 8191, -1);
@@ -298,7 +302,7 @@ void build_run(Args &args, NamedRun *run, bool loopback) {
       add_pair(&request, 9, args.has("--fdb-only") ? 92 : 91);
     }
   }
-  add_pair(&request, loopback ? 5 : 12, loopback ? (start ? 51 : 52) : (start ? 121 : 122));
+  if (start) add_pair(&request, loopback ? 5 : 12, loopback ? 51 : 121);
   run->requests = {request};
   args.finish(4);
 }
@@ -385,11 +389,14 @@ const std::vector<NamedCommand> &named_commands() {
       {"lb",
        "lb start MD MA MEPID [key options] --target MAC|--mepid N [--count N (1)] [--priority 0..7]\n"
        "         [--data WORD]\n"
-       "lb stop MD MA MEPID [key options]\n",
+       "lb stop MD MA MEPID [key options]\n"
+       "  start is refused while the MEP's run goes on; stop ends it at once, its counts stay.\n"
+       "  cfmd answers LBMs at MD levels 1 and 2 only: towards another cfmd use an MD of\n"
+       "  level 1 or 2 (another station must answer at the MD's level).\n",
        build_lb, nullptr},
       {"lt",
        "lt start MD MA MEPID [key options] --target MAC|--mepid N [--ttl 1..255] [--fdb-only]\n"
-       "lt stop MD MA MEPID [key options]\n",
+       "  one LTM, sent at once (nothing to stop); the replies: show ltr\n",
        build_lt, nullptr},
       {"show", "show md|ma|mep [ccm|lt|lb]|rmep|ltr|lbr|defaults|status\n", build_show, nullptr},
       {"clear", "clear rmep|ltr|lbr|counters\n", build_clear, nullptr},
@@ -421,7 +428,7 @@ int run_named(const Client &client, const NamedCommand &command, const std::vect
   for (const std::string &request : run.requests) {
     int status = run_and_print(client, request);
     if (status > worst) worst = status;
-    if (status == kNoDaemon) break;
+    if (status >= kNoDaemon) break;
   }
   return worst;
 }

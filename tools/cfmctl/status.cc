@@ -111,6 +111,7 @@ const Record *find_mep(const std::vector<Record> &list, const Record &mep) {
 struct MepStatus {
   Members head, ccm, loopback, linktrace;
   std::vector<Members> remotes, replies;
+  bool loopback_stopped = false;  // ended by lb stop (the text screen says so)
 };
 
 MepStatus mep_status(const Replies &all, const Record &mep) {
@@ -147,7 +148,10 @@ MepStatus mep_status(const Replies &all, const Record &mep) {
   }
   if (const Record *lb = find_mep(all.lb, mep)) {
     bool running = false;
-    for (const auto &line : *lb) running = running || line.first == "LBM is still Transmiting";
+    for (const auto &line : *lb) {
+      running = running || line.first == "LBM is still Transmiting";
+      s.loopback_stopped = s.loopback_stopped || line.first == "LBM Transmit Stopped";
+    }
     s.loopback = {{"running", running ? "true" : "false"},
                   {"result", json_string(field(*lb, "LBM Transmit Result"))},
                   {"target", json_string(field(*lb, "LBM Target MAC"))},
@@ -207,7 +211,7 @@ void print_text(const std::string &cfm, const std::vector<MepStatus> &meps) {
     if (m.remotes.empty()) printf("  no remote MEP\n");
     auto l = [&](const char *k) { return plain(m.loopback, k); };
     printf("  loopback: %s, %s, %s of %s replies (%s out of order, %s bad), target %s\n",
-           l("running") == "true" ? "running" : "finished", l("result").c_str(), l("replies").c_str(),
+           l("running") == "true" ? "running" : m.loopback_stopped ? "stopped" : "finished", l("result").c_str(), l("replies").c_str(),
            l("sent").c_str(), l("out_of_order").c_str(), l("bad").c_str(), l("target").c_str());
     auto t = [&](const char *k) { return plain(m.linktrace, k); };
     printf("  linktrace: %s, target %s, ttl %s, %zu replies\n", t("result").c_str(), t("target").c_str(),

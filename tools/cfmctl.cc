@@ -1,6 +1,6 @@
 // cfmctl: command-line front end of cfmd's command socket.
 //
-//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 26 command
+//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 30 command
 //                                            words: sent as it stands
 //   cfmctl [OPTIONS] md|ma|mep|lb|lt|show|clear|debug|defaults ...
 //                                            named commands, checked here
@@ -73,6 +73,8 @@ const RawHelp kRawHelp[] = {
                 "  10000), priority, test ID"},
     {"pmstop", "dm|slm|1dm N N N: stop the session of MD, MA, MEP"},
     {"pmshow", "[json]: delay and loss counters and results"},
+    {"dumpjson", "[global|md|ma|mep|mip|rmep|ltr]: the state as one JSON document, or one section\n"
+                 "  (cfmctl status --json; the reply is not printed in the daemon's log)"},
     {"debugon", "turn the debug traces on"},
     {"debugoff", "turn the debug traces off"},
 };

@@ -37,3 +37,14 @@ const char *cfm_cli_defect_text(long defect) {
                                        "REMOTE DELAY CCM", "DATA ERROR CCM", "CROSS CONNECT CCM"};
   return defect >= 0 && defect <= 5 ? kTexts[defect] : nullptr;
 }
+
+const char *cfm_cli_port_status_text(long status) {
+  static const char *const kTexts[] = {"NONE", "BLOCK", "UP"};
+  return status >= 0 && status <= 2 ? kTexts[status] : nullptr;
+}
+
+const char *cfm_cli_interface_status_text(long status) {
+  static const char *const kTexts[] = {"NONE",    "UP",      "DOWN",        "Testing",
+                                       "UnKnown", "DORMANT", "not Present", "Lower Layer Down"};
+  return status >= 0 && status <= 7 ? kTexts[status] : nullptr;
+}

@@ -29,6 +29,10 @@ const char *cfm_cli_name(int list, long index);
 const char *cfm_cli_alarm_text(long priority);
 // Highest defect 0..5: "None" .. "CROSS CONNECT CCM".
 const char *cfm_cli_defect_text(long defect);
+// Port Status TLV 0..2: "NONE", "BLOCK", "UP".
+const char *cfm_cli_port_status_text(long status);
+// Interface Status TLV 0..7: "NONE" .. "Lower Layer Down".
+const char *cfm_cli_interface_status_text(long status);
 // Status name of a 0/1 flag ("disabled", "enabled"); other values read on
 // into the lists that follow, bounded by the array.
 inline const char *cfm_cli_flag_name(long flag) { return cfm_cli_name(kNamesStatus, flag); }

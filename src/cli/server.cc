@@ -50,6 +50,7 @@ const CliCommand cfm_cli_cmd_table[] = {
     {"pmstart", cli_usr_cfm_pmstart},
     {"pmstop", cli_usr_cfm_pmstop},
     {"pmshow", cli_usr_cfm_pmshow},
+    {"dumpjson", cli_usr_cfm_dumpjson, true},
     {nullptr, nullptr},
 };
 
@@ -177,6 +178,7 @@ int cfm_cli_run_command(CliWord *words) {
       }
     }
     if (match != nullptr) {
+      if (match->private_reply) cfm_cli_reply_private();
       result = match->handler(cfm_cli_out(), args, 0);
     } else {
       static const char kUnknown[] = "unknown command !\n";

@@ -255,6 +255,102 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   EXPECT_EQ(Tree({"lbm/sending"}), "0\n");
 }
 
+// dumpjson: every record with every field, for the connection only (nothing
+// on standard output; in-process, without a connection, it is printed);
+// "never" is null; texts that could break the document are escaped; one
+// section alone; an unknown section refused.
+TEST_F(CliCommands, DumpJsonHoldsEveryRecordForTheConnectionOnly) {
+  CFM_OS_Set_Clock_Source([] { return 1800000000u; });
+  ExpectCli({{"createmd 1 0 5 0 d\"\\\x01\x7f\xff\xc3\xa9\xe2\x82", ""}, {"createma 1 0 2 0 assoc 3 32", ""},
+             {"createmep 1 0 2 0 10 0 1 0 7 0 2", ""}, {"default 3 0 2", ""}, {"enable", ""}});
+  ExpectCli({{"configmep 1 0 2 0 10 0 1 0 7 0 200 0 1 110 6 02:00:00:00:00:01 13 4 14 1 15 hi 9 92 "
+              "10 02:00:00:00:00:02 16 5 17 1 11 9", ""}});
+  MepEntry mep = {.md_id = 1, .ma_id = 2, .mep_id = 10, .port = 1, .vid = 7, .direction = CFM_DIRECTION_UP};
+  ASSERT_EQ(CFM_IF_Get_MEP_Entry(&mep), 1);
+  mep.LbmRuns = 2, mep.LbmResultOk = 1, mep.LbmSeqNumber = 7, mep.NextLbmTransId = 9, mep.LbrIn = 1, mep.LbrOut = 3;
+  mep.CcmDefect = 3, mep.CcmSequenceNum = 11, mep.CcmSequenceErrors = 4, mep.UnexpectedLtrIn = 6, mep.LtmSeqNumber = 8;
+  ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
+  for (uint16_t id : {5, 6}) {
+    const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = id, .mep_id = 10, .RdiReceived = 1u - (id & 1),
+                                 .src_mac = {2, 0, 0, 0, 0, uint8_t(id)}, .PortStatus = 2, .InterfaceStatus = 1,
+                                 .port = 1, .vlan_id = 7, .SequenceNum = 99, .AgeTime = 3500,
+                                 .ReceiveTimeMs = id == 5 ? 1800000000123u : 0u};
+    ASSERT_EQ(CFM_MEP_DB_Store_RemEntry(&rmep), CFM_DB_FOUND);
+  }
+  const LtrEntry ltr = {.md_id = 1, .ma_id = 2, .mep_id = 10, .sequence = 8, .ReplyNumber = 1, .ttl = 63, .forward = 1,
+                        .LastEgressId = {0, 7, 1, 2, 3, 4, 5, 6}, .relay = 2, .ReplyIngressAction = 1,
+                        .ReplyIngressMac = {2, 0, 0, 0, 0, 9}, .mac = {2, 0, 0, 0, 0, 8}, .ReplyIngressPort = {'e', 't', 'h', '0'}};
+  ASSERT_EQ(CFM_DB_Update_LtrEntry(&ltr), CFM_DB_FOUND);
+  MipEntry mip = {.md_id = 1, .ma_id = 2, .MipId = 30, .port = 2};
+  ASSERT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_OK);
+  CliReply reply;
+  EXPECT_EQ(stdout_of([&] {
+              CliReplyScope scope(&reply);
+              EXPECT_EQ(cfm_cli_run_line("dumpjson"), 2);
+            }),
+            "");
+  const std::string time = "{\"time\":\"2027-01-15T08:00:00.000Z\",";
+  EXPECT_EQ(reply.text(),
+            time + "\"global\":{\"enabled\":true,\"default_md_level\":3,\"mhf_creation\":2,\"sender_id_permission\":1,"
+            "\"debug\":false},\"mds\":[{\"md\":1,\"md_name\":\"d\\u0022\\u005c\\u0001\\u007f\\u00ff\xc3\xa9\\u00e2"
+            "\\u0082\",\"name_format\":4,\"level\":5,\"mhf_creation\":2,\"sender_id_permission\":1}],"
+            "\"mas\":[{\"md\":1,\"ma\":2,\"ma_name\":\"assoc\",\"name_format\":2,\"ccm_interval\":5,\"ccm_interval_ms\":10000}],"
+            "\"meps\":[{\"md\":1,\"ma\":2,\"mep\":10,\"port\":1,\"vid\":7,\"direction\":\"up\",\"active\":true,"
+            "\"ccm_enabled\":true,\"ccm_ltm_priority\":7,\"lowest_alarm_priority\":2,\"fng_state\":1,"
+            "\"fng_alarm_time_ms\":2500,\"fng_reset_time_ms\":10000,\"defect\":3,\"ccm_sequence\":11,"
+            "\"ccm_sequence_errors\":4,\"loopback\":{\"messages\":10,\"priority\":7,\"target_mac\":\"02:00:00:00:00:01\","
+            "\"target_mep\":4,\"target_is_mep\":true,\"data\":\"hi\",\"drop_enable\":false,\"running\":false,\"runs\":2,"
+            "\"result\":\"success\",\"first_trans_id\":7,\"next_trans_id\":9,\"lbr_in\":1,\"lbr_in_out_of_order\":0,"
+            "\"lbr_bad_msdu\":0,\"lbr_out\":3},\"linktrace\":{\"fdb_only\":true,\"target_mac\":\"02:00:00:00:00:02\","
+            "\"target_mep\":5,\"target_is_mep\":true,\"ttl\":9,\"runs\":0,\"result\":null,\"sequence\":null,"
+            "\"next_sequence\":1,\"unexpected_ltr_in\":6}}],\"mips\":[{\"md\":1,\"ma\":2,\"mip\":30,\"port\":2}],"
+            "\"remote_meps\":[{\"md\":1,\"ma\":2,\"mep\":10,\"rmep\":5,\"mac\":\"02:00:00:00:00:05\",\"port\":1,\"vid\":7,"
+            "\"rdi\":false,\"port_status\":2,\"interface_status\":1,\"sequence\":99,"
+            "\"last_ccm_time\":\"2027-01-15T08:00:00.123Z\",\"age_left_ms\":3500},{\"md\":1,\"ma\":2,\"mep\":10,"
+            "\"rmep\":6,\"mac\":\"02:00:00:00:00:06\",\"port\":1,\"vid\":7,\"rdi\":true,\"port_status\":2,"
+            "\"interface_status\":1,\"sequence\":99,\"last_ccm_time\":null,\"age_left_ms\":3500}],"
+            "\"ltrs\":[{\"md\":1,\"ma\":2,\"mep\":10,\"sequence\":8,\"reply_number\":1,\"mac\":\"02:00:00:00:00:08\","
+            "\"ttl\":63,\"forward\":true,\"terminal_mep\":false,\"last_egress_id\":\"00:07:01:02:03:04:05:06\","
+            "\"next_egress_id\":\"00:00:00:00:00:00:00:00\",\"relay_action\":\"fdb\",\"ingress_action\":1,"
+            "\"ingress_mac\":\"02:00:00:00:00:09\",\"ingress_port\":\"eth0\",\"egress_action\":0,"
+            "\"egress_mac\":\"00:00:00:00:00:00\",\"egress_port\":\"\"}]}\n");
+  ExpectCli({{"dumpjson mip", time + "\"mips\":[{\"md\":1,\"ma\":2,\"mip\":30,\"port\":2}]}\n"},
+             {"dumpjson ltrs", kInvalid}, {"dumpjson 1", kInvalid}});
+  CFM_OS_Set_Clock_Source(nullptr);
+}
+
+// The largest dump (every table full, every text at its longest and
+// escaped six times over) fits one reply.
+TEST_F(CliCommands, FullDumpFitsOneReply) {
+  for (uint32_t i = 1; i <= CFM_MAX_MD; ++i) {
+    MdEntry md = {.MdIndex = i, .MdFormat = 4, .MdLevel = 7, .MhfCreation = 2, .SenderIdPermission = 1};
+    memset(md.MdName, 1, sizeof md.MdName - 1);
+    MaNetEntry ma = {.MdIndex = 1, .MaIndex = i, .MaFormat = 2, .CcmInterval = 4};
+    memset(ma.MaName, 1, sizeof ma.MaName - 1);
+    ASSERT_EQ(CFM_Set_MD_Entry(&md) + (i <= CFM_MAX_MA ? CFM_Set_MA_Net_Entry(&ma) : 1), 2);
+  }
+  for (uint16_t i = 1; i <= CFM_MAX_MEP; ++i) {
+    MepEntry mep = {.md_id = UINT32_MAX, .ma_id = UINT32_MAX, .mep_id = i, .direction = 1, .RowStatus = 1};
+    memset(mep.LbmDataTlv, 1, CFM_LBM_DATA_TLV_SIZE);
+    MipEntry mip = {.md_id = 1, .ma_id = 1, .MipId = i};
+    const RemoteMepEntry rmep = {.md_id = UINT32_MAX, .ma_id = 1, .rmep_id = i, .AgeTime = INT32_MIN, .ReceiveTimeMs = 1};
+    ASSERT_EQ(CFM_Update_MEP_Entry(&mep) + CFM_Update_MIP_Entry(&mip), 2);
+    ASSERT_EQ(CFM_MEP_DB_Store_RemEntry(&rmep), CFM_DB_FOUND);
+  }
+  for (uint32_t i = 1; i <= CFM_MAX_LTR; ++i) {
+    LtrEntry ltr = {.md_id = UINT32_MAX, .sequence = i, .ReplyNumber = UINT32_MAX, .ttl = UINT32_MAX};
+    memset(ltr.ReplyIngressPort, 1, 8);
+    ASSERT_EQ(CFM_DB_Update_LtrEntry(&ltr), CFM_DB_FOUND);
+  }
+  CliReply reply;
+  {
+    CliReplyScope scope(&reply);
+    cfm_cli_run_line("dumpjson");
+  }
+  EXPECT_GT(reply.text().size(), CFM_CLI_PRIVATE_REPLY_MAX / 2);
+  EXPECT_EQ(reply.text().substr(reply.text().size() - 4), "}]}\n") << reply.text().size();
+}
+
 // Words split on spaces only; a number is digits only. default: level 5
 // with MHF code 3 stores the level only; level 9 is refused as a whole.
 TEST_F(CliCommands, WordsAndGlobalCommands) {
@@ -312,4 +408,26 @@ TEST(CommandReply, CopiesStdoutUpTo64KiBForTheServingThreadOnly) {
   close(fds[1]);
   EXPECT_EQ(reply.send_to(fds[0]), 0u);  // the peer has gone: no SIGPIPE
   close(fds[0]);
+  // A private reply: nothing on standard output, up to 1 MiB (cut without
+  // a line), sent whole to a client that reads.
+  const std::string huge(CFM_CLI_PRIVATE_REPLY_MAX + 1, 'z');
+  CliReply own;
+  EXPECT_EQ(stdout_of([&] {
+              CliReplyScope scope(&own);
+              cfm_cli_reply_private();
+              fputs(huge.c_str(), cfm_cli_out());
+            }),
+            "");
+  EXPECT_EQ(own.text(), huge.substr(0, CFM_CLI_PRIVATE_REPLY_MAX));
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  std::string got;
+  std::thread reader([&] {
+    char buf[4096];
+    for (ssize_t n; (n = read(fds[1], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+  });
+  EXPECT_EQ(own.send_to(fds[0]), CFM_CLI_PRIVATE_REPLY_MAX);
+  close(fds[0]);
+  reader.join();
+  close(fds[1]);
+  EXPECT_EQ(got, own.text());
 }

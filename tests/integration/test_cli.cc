@@ -54,10 +54,11 @@ TEST_F(Lab, CfmctlSendsRequestsAndReadsTheTree) {
   EXPECT_EQ(Command("createma 1 0 2 0 assoc"), "");
   EXPECT_EQ(Command("createmep 1 0 2 0 10 0 1 0 0 0 1"), "");
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ltm", "--json"}, &status),
-            "[{\"sequence_num\":1,\"unexpect_ltr\":0,\"flag\":\"None\",\"target\":\"00:00:00:00:00:00\","
-            "\"target_mepid\":0,\"target_ismep\":\"disabled\",\"ttl\":64,\"result\":\"Fail\",\"ltm_sequence\":0}]\n");
+            "[{\"md\":1,\"ma\":2,\"mep\":10,\"next_sequence\":1,\"unexpected_ltr_in\":0,\"fdb_only\":false,"
+            "\"target_mac\":\"00:00:00:00:00:00\",\"target_mep\":0,\"target_is_mep\":false,\"ttl\":64,\"result\":null,"
+            "\"sequence\":null}]\n");
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "ccm", "--json"}, &status).rfind(
-                "[{\"transmit\":\"Enable\",\"sequence_err\":0,\"defect_priority\":\"macRemErrXcon\"", 0),
+                "[{\"md\":1,\"ma\":2,\"mep\":10,\"ccm_enabled\":true,\"ccm_sequence_errors\":0,\"lowest_alarm_priority\":2,", 0),
             0u);
   EXPECT_EQ(RunCfmctl({"-t", kTree, "--export", "lbm"}, &status),
             "result  first_sequence  next_lbm  valid_lbr_in  valid_lbr_outoforder  bad_lbr_msdu  transmit_lbr  status\n"
@@ -120,9 +121,10 @@ TEST_F(Lab, RepliesComeBackOnTheConnection) {
   EXPECT_EQ(status, 1);  // the daemon refuses the wrong direction code silently
   std::string json = RunCfmctl({"status", "--json"}, &status);
   EXPECT_EQ(status, 0);
-  for (const char *part : {"\"cfm\":\"enabled\"", "\"md\":4,\"md_name\":\"100\",\"ma\":7,\"ma_name\":\"assoc\",\"mepid\":20,"
-                           "\"port\":1,\"vid\":5,\"direction\":\"Up\",\"ccm\":\"on\",\"interval\":\"10s\"",
-                           "\"alarm_priority\":\"macRemErrXcon\"", "\"remote_meps\":[]"}) {
+  for (const char *part : {"\"global\":{\"enabled\":true", "{\"md\":4,\"md_name\":\"100\",\"name_format\":2,\"level\":3,",
+                           "{\"md\":4,\"ma\":7,\"ma_name\":\"assoc\",\"name_format\":2,\"ccm_interval\":5,\"ccm_interval_ms\":10000}",
+                           "{\"md\":4,\"ma\":7,\"mep\":20,\"port\":1,\"vid\":5,\"direction\":\"up\",\"active\":false,"
+                           "\"ccm_enabled\":true,\"ccm_ltm_priority\":7,\"lowest_alarm_priority\":2,", "\"remote_meps\":[]"}) {
     EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
   }
   size_t from = Output().size();

@@ -92,7 +92,7 @@ const char kOptionsText[] =
     "  -t DIR         configuration tree directory the daemon was started with\n"
     "  --export KIND  send the matching update request and print the exported rows:\n"
     "                 rmep (update 1), ltr (2), ccm (3), lbm (4), ltm (5)\n"
-    "  --json         with --export: the rows as JSON\n"
+    "  --json         with status or --export: as JSON (schemas in /usr/share/doc/cfmd)\n"
     "\n"
     "exit status: 0 the command ran; 1 the daemon refused it or reported a failure\n"
     "(\"Error!! ...\", \"unknown command !\", \"... is not exist!\", ...); 2 usage error\n"

@@ -1,7 +1,6 @@
 // What cfmctl prints as JSON, against its schema in dist/json and against
 // the daemon's own listings; the snapshot behind it reaches the client only.
 #include <chrono>
-#include <regex>
 #include <thread>
 
 #include "cfmctl/json.h"
@@ -30,9 +29,14 @@ class JsonLab : public cfmlab::Lab {
   Json Export(const char *kind) { return Run({"-t", kTree, "--export", kind, "--json"}, "export").items.at(0); }
   // The value of the first "label : value" line of a listing, "" when none.
   std::string Listed(const std::string &request, const std::string &label) {
-    std::smatch match;
-    std::string listing = Command(request);
-    return std::regex_search(listing, match, std::regex("\n *" + label + " *: *([^\r]*)")) ? match[1].str() : "";
+    std::string listing = Command(request) + "\r";
+    for (size_t at = listing.find(label); at != std::string::npos; at = listing.find(label, at + 1)) {
+      size_t colon = listing.find_first_not_of(' ', at + label.size());
+      if (listing[colon] != ':' || listing.find_last_not_of(' ', at - 1) != listing.find_last_of('\n', at - 1)) continue;
+      size_t start = listing.find_first_not_of(' ', colon + 1);
+      return listing.substr(start, listing.find('\r', start) - start);
+    }
+    return "";
   }
 };
 

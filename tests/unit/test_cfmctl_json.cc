@@ -44,6 +44,9 @@ TEST(SnapshotReader, TakesJsonAndRefusesTheRest) {
             std::make_tuple(6u, -2500LL, true, Json::kBool, true, std::string("x"), Json::kObject, true));
   ASSERT_TRUE(parse_json(cases[1].first, &doc));
   EXPECT_EQ(doc.text, "\"\\/\b\f\n\r\t\xc3\xa9\xf0\x9f\x98\x80");
+  ASSERT_TRUE(parse_json("[1e999,-1e19,9e18]", &doc));
+  EXPECT_EQ(std::make_tuple(doc.items[0].integer(), doc.items[1].integer(), doc.items[2].integer()),
+            std::make_tuple(0LL, 0LL, 9000000000000000000LL));
   size_t at = 0;
   EXPECT_FALSE(parse_json("[1, x]", &doc, &at));
   EXPECT_EQ(at, 4u);

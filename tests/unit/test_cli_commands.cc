@@ -322,7 +322,7 @@ TEST_F(CliCommands, DumpJsonHoldsEveryRecordForTheConnectionOnly) {
 // with room for the small tables (MDs, MAs, MIPs, remote MEPs: 64 KiB).
 TEST_F(CliCommands, FullDumpFitsOneReply) {
   MepEntry mep = {.md_id = UINT32_MAX, .ma_id = UINT32_MAX, .direction = 1, .RowStatus = 1};
-  LtrEntry ltr = {.md_id = UINT32_MAX, .ReplyNumber = UINT32_MAX, .ttl = UINT32_MAX};
+  LtrEntry ltr = {.md_id = UINT32_MAX, .ReplyNumber = UINT32_MAX, .ttl = UINT32_MAX, .relay = 4};
   memset(mep.LbmDataTlv, 1, CFM_LBM_DATA_TLV_SIZE), memset(ltr.ReplyIngressPort, 1, 4), memset(ltr.ReplyEgressPort, 1, 4);
   for (mep.mep_id = 1; mep.mep_id <= CFM_MAX_MEP; ++mep.mep_id) ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
   for (ltr.sequence = 1; ltr.sequence <= CFM_MAX_LTR; ++ltr.sequence) ASSERT_EQ(CFM_DB_Update_LtrEntry(&ltr), CFM_DB_FOUND);
@@ -331,6 +331,7 @@ TEST_F(CliCommands, FullDumpFitsOneReply) {
   cfm_cli_run_line("dumpjson");
   EXPECT_LT(reply.text().size() + 64 * 1024, CFM_CLI_PRIVATE_REPLY_MAX);
   EXPECT_GT(reply.text().size(), CFM_CLI_PRIVATE_REPLY_MAX / 2);
+  EXPECT_EQ(reply.text().find("\"relay_action\":\""), std::string::npos);  // relay 4 has no name
 }
 
 // Words split on spaces only; a number is digits only. default: level 5

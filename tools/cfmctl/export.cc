@@ -144,13 +144,10 @@ long code_of(const char *(*name)(long), long lo, long hi, const std::string &tex
 }
 
 void write_value(JsonOut &json, const Column &column, const std::string &value) {
-  long code = -1;
-  if (column.as == As::kAlarm) code = code_of(cfm_cli_alarm_text, 1, 6, value);
-  if (column.as == As::kDefect) code = code_of(cfm_cli_defect_text, 0, 5, value);
-  bool is_code = column.as == As::kAlarm || column.as == As::kDefect;
-  if (value.empty() || (column.as == As::kNumber && !is_integer(value)) || (is_code && code < 0)) {
-    return json.null(column.key);
-  }
+  long code = column.as == As::kAlarm    ? code_of(cfm_cli_alarm_text, 1, 6, value)
+              : column.as == As::kDefect ? code_of(cfm_cli_defect_text, 0, 5, value)
+                                         : 0;
+  if (value.empty() || (column.as == As::kNumber && !is_integer(value)) || code < 0) return json.null(column.key);
   switch (column.as) {
     case As::kNumber: return json.number(column.key, strtoll(value.c_str(), nullptr, 10));
     case As::kFlag: return json.boolean(column.key, value == column.yes);

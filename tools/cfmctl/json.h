@@ -23,8 +23,10 @@ struct Json {
   // The member `key` (the first of that name), or a null value.
   const Json &operator[](const char *key) const;
   bool is_null() const { return type == kNull; }
-  // A number as an integer (0 for anything else).
-  long long integer() const { return type == kNumber ? static_cast<long long>(number) : 0; }
+  // A number as an integer (0 for anything else, or beyond 64 bits).
+  long long integer() const {
+    return type == kNumber && number > -9.2e18 && number < 9.2e18 ? static_cast<long long>(number) : 0;
+  }
 };
 
 // Parses `text` as one JSON document (white space around it allowed).

@@ -18,7 +18,6 @@ class Reader {
     space();
     return pos_ == s_.size();
   }
-  size_t pos() const { return pos_; }
 
  private:
   bool more() const { return pos_ < s_.size(); }
@@ -204,12 +203,9 @@ const Json &Json::operator[](const char *key) const {
   return kNullValue;
 }
 
-bool parse_json(const std::string &text, Json *out, size_t *at) {
+bool parse_json(const std::string &text, Json *out) {
   *out = Json();
-  Reader reader(text);
-  bool ok = reader.document(out);
-  if (at != nullptr) *at = reader.pos();
-  return ok;
+  return Reader(text).document(out);
 }
 
 long long parse_time_ms(const std::string &text) {

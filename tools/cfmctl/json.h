@@ -30,8 +30,8 @@ struct Json {
 };
 
 // Parses `text` as one JSON document (white space around it allowed).
-// Returns false when it is not one; *at is then the offset of the fault.
-bool parse_json(const std::string &text, Json *out, size_t *at = nullptr);
+// Returns false when it is not one.
+bool parse_json(const std::string &text, Json *out);
 
 // Milliseconds since the epoch of a time as the snapshot writes it
 // ("2026-11-24T22:01:02.123Z"); -1 for anything else.

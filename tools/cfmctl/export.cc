@@ -168,20 +168,19 @@ void print_json(const std::vector<Row> &rows, const ExportKind &kind, const Json
   json.begin(nullptr, '[');
   for (const Row &row : rows) {
     json.begin(nullptr, '{');
-    size_t first_column = 0;
+    size_t at = 0;  // the row's values in the order of the columns, after its number
     if (kind.table != nullptr) {
-      json.number("row", strtoll(row[0].second.c_str(), nullptr, 10));
-      first_column = 1;
+      json.number("row", strtoll(row[at++].second.c_str(), nullptr, 10));
     } else {
       for (const char *key : {"md", "ma", "mep"}) json.number(key, (*mep)[key].integer());
     }
     bool never_ran = kind.run != nullptr && (*mep)[kind.run]["runs"].integer() == 0;
-    for (size_t c = 0; c < kind.columns.size(); ++c) {
-      const Column &column = kind.columns[c];
+    for (const Column &column : kind.columns) {
+      const std::string &value = row[at++].second;
       if (column.run_only && never_ran) {
         json.null(column.key);
       } else {
-        write_value(json, column, row[first_column + c].second);
+        write_value(json, column, value);
       }
     }
     json.end('}');

@@ -209,13 +209,17 @@ TEST_F(CliCommands, ShowMepBlocksAndRuntime) {
 }
 
 TEST_F(CliCommands, RemoteMepsAndLinktraceReplies) {
-  const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .mep_id = 10, .ReceiveTime = 2500,
-                               .src_mac = {0, 0, 0, 0, 0, 0x42}, .PortStatus = 2, .InterfaceStatus = 9, .port = 1,
-                               .vlan_id = 100, .SequenceNum = 7};
+  // Status TLV values past the names (port 3, interface 8) print no line.
+  RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .mep_id = 10, .ReceiveTime = 2500,
+                         .src_mac = {0, 0, 0, 0, 0, 0x42}, .PortStatus = 2, .InterfaceStatus = 8, .port = 1,
+                         .vlan_id = 100, .SequenceNum = 7};
   CFM_MEP_DB_Store_RemEntry(&rmep);
-  EXPECT_EQ(Cli("showremotemep"),
-            "\r\n MdID  : 1\r\n MaID  : 2\r\n MepID  : 10\r\n PortNumber   : 1\r\n vid   : 100\r\n RemoteMepID : 5"
-            "\r\n SrcMacAddress : 00:00:00:00:00:42\r\n ReciveTime  : 2s\r\n SequenceNum  : 7\r\n PortStatusTlv  : UP");
+  rmep.rmep_id = 6, rmep.PortStatus = 3, rmep.InterfaceStatus = 7;
+  CFM_MEP_DB_Store_RemEntry(&rmep);
+  const std::string head = "\r\n MdID  : 1\r\n MaID  : 2\r\n MepID  : 10\r\n PortNumber   : 1\r\n vid   : 100\r\n RemoteMepID : ";
+  const std::string middle = "\r\n SrcMacAddress : 00:00:00:00:00:42\r\n ReciveTime  : 2s\r\n SequenceNum  : 7";
+  EXPECT_EQ(Cli("showremotemep"), head + "5" + middle + "\r\n PortStatusTlv  : UP" + head + "6" + middle +
+                                      "\r\n InterfaceStatusTlv  : Lower Layer Down\r\n");
   LtrEntry ltr = {.md_id = 1, .ma_id = 2, .mep_id = 10, .sequence = 3, .ttl = 63, .forward = 1,
                   .LastEgressId = {0, 0, 0, 0, 0, 0, 0, 1}, .NextEgressId = {0, 0, 0xab}};
   CFM_DB_Update_LtrEntry(&ltr);
@@ -268,6 +272,7 @@ TEST_F(CliCommands, DumpJsonHoldsEveryRecordForTheConnectionOnly) {
   MepEntry mep = {.md_id = 1, .ma_id = 2, .mep_id = 10, .port = 1, .vid = 7, .direction = CFM_DIRECTION_UP};
   ASSERT_EQ(CFM_IF_Get_MEP_Entry(&mep), 1);
   mep.LbmRuns = 2, mep.LbmResultOk = 1, mep.LbmSeqNumber = 7, mep.NextLbmTransId = 9, mep.LbrIn = 1, mep.LbrOut = 3;
+  mep.LbmDropEnable = 1;
   mep.CcmDefect = 3, mep.CcmSequenceNum = 11, mep.CcmSequenceErrors = 4, mep.UnexpectedLtrIn = 6, mep.LtmSeqNumber = 8;
   ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
   for (uint16_t id : {5, 6}) {
@@ -297,7 +302,7 @@ TEST_F(CliCommands, DumpJsonHoldsEveryRecordForTheConnectionOnly) {
             "\"lowest_alarm_priority\":2,\"fng_state\":1,\"fng_alarm_time_ms\":2500,\"fng_reset_time_ms\":10000,"
             "\"defect\":3,\"ccm_sequence\":11,\"ccm_sequence_errors\":4,\"loopback\":{\"messages\":10,\"priority\":7,"
             "\"target_mac\":\"02:00:00:00:00:01\",\"target_mep\":4,\"target_is_mep\":true,\"data\":\"hi\","
-            "\"drop_enable\":false,\"running\":false,\"runs\":2,\"result\":\"success\",\"first_trans_id\":7,"
+            "\"drop_enable\":true,\"running\":false,\"runs\":2,\"result\":\"success\",\"first_trans_id\":7,"
             "\"next_trans_id\":9,\"lbr_in\":1,\"lbr_in_out_of_order\":0,\"lbr_bad_msdu\":0,\"lbr_out\":3},"
             "\"linktrace\":{\"fdb_only\":true,\"target_mac\":\"02:00:00:00:00:02\",\"target_mep\":5,"
             "\"target_is_mep\":true,\"ttl\":9,\"runs\":0,\"result\":null,\"sequence\":null,\"next_sequence\":1,"

@@ -110,7 +110,7 @@ class Reader {
       if (digits() == 0) return false;
     }
     out->type = Json::kNumber;
-    out->number = strtod(s_.substr(start, pos_ - start).c_str(), nullptr);
+    out->number = strtod(s_.c_str() + start, nullptr);  // stops where the grammar did
     return true;
   }
 

@@ -1,6 +1,6 @@
 // cfmctl: command-line front end of cfmd's command socket.
 //
-//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 31 command
+//   cfmctl [OPTIONS] COMMAND-WORD ARG...     one of the daemon's 32 command
 //                                            words: sent as it stands
 //   cfmctl [OPTIONS] md|ma|mep|lb|lt|show|clear|debug|defaults ...
 //                                            named commands, checked here
@@ -78,6 +78,8 @@ const RawHelp kRawHelp[] = {
                 "  runs or a start waits for the next second"},
     {"lbstop", "N skip N skip N skip N skip N skip N: key as configmep; ends the MEP's loopback run\n"
                "  at once, its counters stay and it reads \"LBM Transmit Stopped\""},
+    {"dumpjson", "[global|md|ma|mep|mip|rmep|ltr]: the state as one JSON document, or one section\n"
+                 "  (cfmctl status --json; the reply is not printed in the daemon's log)"},
     {"debugon", "turn the debug traces on"},
     {"debugoff", "turn the debug traces off"},
 };
@@ -95,7 +97,7 @@ const char kOptionsText[] =
     "  -t DIR         configuration tree directory the daemon was started with\n"
     "  --export KIND  send the matching update request and print the exported rows:\n"
     "                 rmep (update 1), ltr (2), ccm (3), lbm (4), ltm (5)\n"
-    "  --json         with --export: the rows as JSON\n"
+    "  --json         with status or --export: as JSON (schemas in /usr/share/doc/cfmd)\n"
     "\n"
     "exit status: 0 the command ran; 1 the daemon refused it or reported a failure\n"
     "(\"Error!! ...\", \"unknown command !\", \"... is not exist!\", ...); 2 usage error\n"

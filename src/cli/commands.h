@@ -36,6 +36,8 @@ int cli_usr_cfm_clearlbr(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_clearcnt(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_runtime(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_update(FILE *out, CliArg *args, int unused);
+// The state as one JSON document, on the requesting connection only.
+int cli_usr_cfm_dumpjson(FILE *out, CliArg *args, int unused);
 // Performance monitoring (option -y).
 int cli_usr_cfm_pmstart(FILE *out, CliArg *args, int unused);
 int cli_usr_cfm_pmstop(FILE *out, CliArg *args, int unused);

@@ -111,10 +111,6 @@ void print_runtime_value(FILE *out, const MepEntry &mep, int32_t selector) {
 }
 
 void print_remote_mep(FILE *out, const RemoteMepEntry &rmep) {
-  static const char *const kPortStatus[] = {"NONE", "BLOCK", "UP"};
-  static const char *const kIfStatus[] = {"NONE",    "UP",          "DOWN",
-                                          "Testing", "UnKnown",     "DORMANT",
-                                          "not Present", "Lower Layer Down"};
   char mac[CFM_MAC_TEXT_SIZE];
   fprintf(out, "\r\n MdID  : %d", as_int(rmep.md_id));
   fprintf(out, "\r\n MaID  : %d", as_int(rmep.ma_id));
@@ -125,8 +121,10 @@ void print_remote_mep(FILE *out, const RemoteMepEntry &rmep) {
   fprintf(out, "\r\n SrcMacAddress : %s", hwaddr_to_string(mac, rmep.src_mac));
   fprintf(out, "\r\n ReciveTime  : %ds", as_int(rmep.ReceiveTime / 1000));
   fprintf(out, "\r\n SequenceNum  : %d", as_int(rmep.SequenceNum));
-  if (rmep.PortStatus <= 2) fprintf(out, "\r\n PortStatusTlv  : %s", kPortStatus[rmep.PortStatus]);
-  if (rmep.InterfaceStatus <= 7) fprintf(out, "\r\n InterfaceStatusTlv  : %s\r\n", kIfStatus[rmep.InterfaceStatus]);
+  if (const char *text = cfm_cli_port_status_text(rmep.PortStatus)) fprintf(out, "\r\n PortStatusTlv  : %s", text);
+  if (const char *text = cfm_cli_interface_status_text(rmep.InterfaceStatus)) {
+    fprintf(out, "\r\n InterfaceStatusTlv  : %s\r\n", text);
+  }
 }
 
 void print_ltr(FILE *out, const LtrEntry &ltr) {

@@ -44,3 +44,14 @@ const char *cfm_cli_lbm_state(const MepEntry &mep) {
   if (mep.LbmRunning == 1) return "LBM is still Transmiting";
   return mep.LbmStopped == 1 ? "LBM Transmit Stopped" : "LBM Transmit Finished";
 }
+
+const char *cfm_cli_port_status_text(long status) {
+  static const char *const kTexts[] = {"NONE", "BLOCK", "UP"};
+  return status >= 0 && status <= 2 ? kTexts[status] : nullptr;
+}
+
+const char *cfm_cli_interface_status_text(long status) {
+  static const char *const kTexts[] = {"NONE",    "UP",      "DOWN",        "Testing",
+                                       "UnKnown", "DORMANT", "not Present", "Lower Layer Down"};
+  return status >= 0 && status <= 7 ? kTexts[status] : nullptr;
+}

@@ -33,6 +33,10 @@ const char *cfm_cli_defect_text(long defect);
 // Stopped" (ended by lbstop) or "LBM Transmit Finished".
 struct MepEntry;
 const char *cfm_cli_lbm_state(const MepEntry &mep);
+// Port Status TLV 0..2: "NONE", "BLOCK", "UP".
+const char *cfm_cli_port_status_text(long status);
+// Interface Status TLV 0..7: "NONE" .. "Lower Layer Down".
+const char *cfm_cli_interface_status_text(long status);
 // Status name of a 0/1 flag ("disabled", "enabled"); other values read on
 // into the lists that follow, bounded by the array.
 inline const char *cfm_cli_flag_name(long flag) { return cfm_cli_name(kNamesStatus, flag); }

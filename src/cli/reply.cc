@@ -1,5 +1,6 @@
 #include "cli/reply.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -9,12 +10,14 @@ const char CFM_CLI_REPLY_CUT_LINE[] = "\ncfmd: reply cut at 65536 bytes; the who
 namespace {
 
 thread_local FILE *t_out = nullptr;
+thread_local CliReply *t_reply = nullptr;
 
 // Writes of the handler's stream: standard output first, in the order the
 // handler printed, then the kept copy.
 ssize_t tee_write(void *cookie, const char *bytes, size_t size) {
-  fwrite(bytes, 1, size, stdout);
-  static_cast<CliReply *>(cookie)->keep(bytes, size);
+  auto *reply = static_cast<CliReply *>(cookie);
+  if (!reply->is_private()) fwrite(bytes, 1, size, stdout);
+  reply->keep(bytes, size);
   return static_cast<ssize_t>(size);
 }
 
@@ -33,7 +36,7 @@ CliReply::~CliReply() {
 }
 
 void CliReply::keep(const char *bytes, size_t size) {
-  size_t room = CFM_CLI_REPLY_MAX - kept_.size();
+  size_t room = (private_ ? CFM_CLI_PRIVATE_REPLY_MAX : CFM_CLI_REPLY_MAX) - kept_.size();
   if (size > room) {
     cut_ = true;
     size = room;
@@ -41,7 +44,7 @@ void CliReply::keep(const char *bytes, size_t size) {
   kept_.append(bytes, size);
 }
 
-std::string CliReply::text() const { return cut_ ? kept_ + CFM_CLI_REPLY_CUT_LINE : kept_; }
+std::string CliReply::text() const { return cut_ && !private_ ? kept_ + CFM_CLI_REPLY_CUT_LINE : kept_; }
 
 size_t CliReply::send_to(int fd) const {
   const std::string all = text();
@@ -49,6 +52,10 @@ size_t CliReply::send_to(int fd) const {
   while (sent < all.size()) {
     ssize_t n = send(fd, all.data() + sent, all.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN && private_) {
+      struct pollfd room = {fd, POLLOUT, 0};
+      if (poll(&room, 1, CFM_CLI_PRIVATE_SEND_WAIT_MS) > 0) continue;
+    }
     if (n <= 0) break;
     sent += static_cast<size_t>(n);
   }
@@ -57,6 +64,16 @@ size_t CliReply::send_to(int fd) const {
 
 FILE *cfm_cli_out() { return t_out != nullptr ? t_out : stdout; }
 
-CliReplyScope::CliReplyScope(CliReply *reply) : previous_(t_out) { t_out = reply->stream(); }
+void cfm_cli_reply_private() {
+  if (t_reply != nullptr) t_reply->make_private();
+}
 
-CliReplyScope::~CliReplyScope() { t_out = previous_; }
+CliReplyScope::CliReplyScope(CliReply *reply) : previous_(t_out), previous_reply_(t_reply) {
+  t_out = reply->stream();
+  t_reply = reply;
+}
+
+CliReplyScope::~CliReplyScope() {
+  t_out = previous_;
+  t_reply = previous_reply_;
+}

@@ -10,6 +10,12 @@
 
 // Most bytes of one reply sent on a connection; standard output is never cut.
 constexpr size_t CFM_CLI_REPLY_MAX = 64 * 1024;
+// A command whose reply goes to its connection only (a machine-readable
+// snapshot): nothing reaches standard output, the reply may be this long,
+// and sending it waits while the client reads, up to
+// CFM_CLI_PRIVATE_SEND_WAIT_MS each time it finds no room.
+constexpr size_t CFM_CLI_PRIVATE_REPLY_MAX = 1024 * 1024;
+constexpr int CFM_CLI_PRIVATE_SEND_WAIT_MS = 250;
 // The line that ends a reply cut at CFM_CLI_REPLY_MAX bytes.
 extern const char CFM_CLI_REPLY_CUT_LINE[];
 
@@ -32,16 +38,23 @@ class CliReply {
   size_t send_to(int fd) const;
 
   void keep(const char *bytes, size_t size);
+  // From now on the reply is private (see CFM_CLI_PRIVATE_REPLY_MAX).
+  void make_private() { private_ = true; }
+  bool is_private() const { return private_; }
 
  private:
   std::string kept_;
   bool cut_ = false;
+  bool private_ = false;
   FILE *stream_ = nullptr;
 };
 
 // The stream of the request the calling thread is serving, or standard
 // output when it serves none.
 FILE *cfm_cli_out();
+// Makes the calling thread's reply private; without one (a request run
+// in-process) what the command prints goes to standard output as usual.
+void cfm_cli_reply_private();
 // Makes `reply` the calling thread's reply stream until the scope ends.
 class CliReplyScope {
  public:
@@ -52,4 +65,5 @@ class CliReplyScope {
 
  private:
   FILE *previous_;
+  CliReply *previous_reply_;
 };

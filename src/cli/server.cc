@@ -55,6 +55,7 @@ const CliCommand cfm_cli_cmd_table[] = {
     {"pmshow", cli_usr_cfm_pmshow},
     {"lbstart", cli_usr_cfm_lbstart},
     {"lbstop", cli_usr_cfm_lbstop},
+    {"dumpjson", cli_usr_cfm_dumpjson, true},
     {nullptr, nullptr},
 };
 
@@ -182,6 +183,7 @@ int cfm_cli_run_command(CliWord *words) {
       }
     }
     if (match != nullptr) {
+      if (match->private_reply) cfm_cli_reply_private();
       result = match->handler(cfm_cli_out(), args, 0);
     } else {
       static const char kUnknown[] = "unknown command !\n";

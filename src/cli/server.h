@@ -32,6 +32,8 @@ using CliHandler = int (*)(FILE *out, CliArg *args, int unused);
 struct CliCommand {
   const char *name;
   CliHandler handler;
+  // The reply goes to the requesting connection only (cfm_cli_reply_private).
+  bool private_reply = false;
 };
 
 extern const CliCommand cfm_cli_cmd_table[];

@@ -358,6 +358,14 @@ uint32_t CFM_OS_Get_SystemTime(int unit) {
   }
 }
 
+uint64_t CFM_OS_Get_Wall_Ms() {
+  CfmClockSource source = g_clock_source.load();
+  if (source != nullptr) return static_cast<uint64_t>(source()) * 1000u;
+  struct timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+}
+
 void CFM_OS_Sleep(uint32_t milliseconds) { usleep(static_cast<useconds_t>(milliseconds) * 1000u); }
 
 void CFM_OS_Set_Clock_Source(CfmClockSource source) { g_clock_source.store(source); }

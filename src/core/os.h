@@ -71,6 +71,9 @@ constexpr int CFM_TIME_HUNDREDTHS = 1;
 constexpr int CFM_TIME_TENTHS = 2;
 constexpr int CFM_TIME_SEC = 3;
 uint32_t CFM_OS_Get_SystemTime(int unit);
+// The wall clock in milliseconds since the epoch (the clock seam below, when
+// set, in whole seconds).
+uint64_t CFM_OS_Get_Wall_Ms();
 void CFM_OS_Sleep(uint32_t milliseconds);
 
 // Clock seam: tests replace the wall clock (whole seconds since the epoch).

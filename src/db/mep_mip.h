@@ -99,6 +99,11 @@ struct MepEntry {
   uint32_t LbmWaitTicks;
   // 1 when the last run was ended by lbstop; a new start clears it.
   uint32_t LbmStopped;
+
+  // Runs started since the MEP was created: loopback runs, linktraces sent
+  // or tried. 0 tells a result that never happened from a failed one.
+  uint32_t LbmRuns;
+  uint32_t LtmRuns;
 };
 
 static_assert(offsetof(MepEntry, md_id) == offsetof(MepKey, md_id));

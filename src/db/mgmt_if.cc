@@ -135,6 +135,7 @@ uint32_t send_linktrace(MepEntry *entry, const MdEntry &md) {
     memcpy(entry->LtmTargetMac, remote.src_mac, sizeof entry->LtmTargetMac);
   }
   CfmLtmTransmitFn transmit = g_ltm_transmitter.load();
+  entry->LtmRuns += 1;
   if (transmit != nullptr && transmit(&request) == 1) {
     entry->LtmResult = 1;
     entry->LtmTransmitStatus = 0;

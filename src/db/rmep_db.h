@@ -21,6 +21,7 @@ struct RemoteMepEntry {
   uint16_t vlan_id;
   uint32_t SequenceNum;
   int32_t AgeTime;  // milliseconds to live
+  uint64_t ReceiveTimeMs;  // wall clock in ms at the last CCM; 0 before any
 };
 
 // Creates the remote-MEP and LTR tables and the semaphores "cfmMepDb",

@@ -75,6 +75,7 @@ void fill_from_frame(RemoteMepEntry *remote, const ReceivedCcm &ccm) {
   remote->rmep_id = ccm.mep_id;
   remote->rmep_pad = 0;
   remote->ReceiveTime = CFM_OS_Get_SystemTime(CFM_TIME_SEC);
+  remote->ReceiveTimeMs = CFM_OS_Get_Wall_Ms();
   remote->RdiReceived = rdi_of(ccm) ? 1 : 0;
   memcpy(remote->src_mac, ccm.frame + wire::kSrc, kMacLen);
   remote->SequenceNum = ccm.sequence;

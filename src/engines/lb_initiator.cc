@@ -180,6 +180,7 @@ void tick_mep(MepEntry *mep, TickFlags *flags) {
   if (started) {
     stored.LbrExpectedTransId = first_id;
     stored.LbmSeqNumber = first_id;
+    stored.LbmRuns += 1;
   }
   if (mep->LbmWaitTicks == 0) {
     mep->LbmRemaining = 0;

@@ -294,6 +294,17 @@ std::string Lab::RunCfmctl(const std::vector<std::string> &args, int *status) {
   return ReadFile(out_path);
 }
 
+Frame PeerCcm(uint32_t sequence, uint8_t interval) {
+  Frame f = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x37};
+  f.insert(f.end(), kPeerMac.begin(), kPeerMac.end());
+  f.insert(f.end(), {0x81, 0x00, 0xE0, 0x00, 0x89, 0x02, 0xE0, 0x01, interval, 70, uint8_t(sequence >> 24),
+                     uint8_t(sequence >> 16), uint8_t(sequence >> 8), uint8_t(sequence), 0, 9, 4, 3, 'm', 'd', '7', 2,
+                     3, 'm', 'a', '1'});
+  f.resize(92, 0);
+  f.insert(f.end(), {1, 0, 4, 0, 0, 0, 0, 2, 0, 1, 2, 4, 0, 1, 1, 0});
+  return f;
+}
+
 std::string Lab::SchemaErrors(const std::string &json, const std::string &schema, bool lines) {
   static int n = 0;
   std::string in = "/var/lab/json." + std::to_string(++n), out = in + ".errors";

@@ -24,6 +24,9 @@ constexpr std::array<uint8_t, 6> kWanMac = {0x02, 0x00, 0x00, 0x00, 0x0a, 0x01};
 constexpr std::array<uint8_t, 6> kPeerMac = {0x02, 0x00, 0x00, 0x00, 0x0b, 0x02};
 
 bool IsCfmFrame(const Frame &frame);  // EtherType 0x8902 behind up to two tags
+// A CCM of peer MEP 9 (kPeerMac) in MA "ma1" of MD "md7" at level 7, behind
+// a VID 0 tag; `interval` is the code in its flags (4: 1 s).
+Frame PeerCcm(uint32_t sequence, uint8_t interval = 4);
 
 // Raw-socket peer: frames it receives carry their outer tag re-inserted;
 // its own sends are never received.

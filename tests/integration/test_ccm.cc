@@ -13,19 +13,8 @@
 namespace {
 
 using cfmlab::Frame;
+using cfmlab::PeerCcm;
 using namespace std::chrono_literals;
-
-// A CCM of peer MEP 9 at level 7 of MD "md7", behind a VID 0 tag.
-Frame PeerCcm(uint32_t sequence) {
-  Frame f = {0x01, 0x80, 0xC2, 0x00, 0x00, 0x37};
-  f.insert(f.end(), cfmlab::kPeerMac.begin(), cfmlab::kPeerMac.end());
-  f.insert(f.end(), {0x81, 0x00, 0xE0, 0x00, 0x89, 0x02, 0xE0, 0x01, 4, 70, uint8_t(sequence >> 24),
-                     uint8_t(sequence >> 16), uint8_t(sequence >> 8), uint8_t(sequence), 0, 9, 4, 3, 'm', 'd', '7', 2,
-                     3, 'm', 'a', '1'});
-  f.resize(92, 0);
-  f.insert(f.end(), {1, 0, 4, 0, 0, 0, 0, 2, 0, 1, 2, 4, 0, 1, 1, 0});
-  return f;
-}
 
 // The daemon's own CCMs as the peer sees them (VID 0: untagged).
 bool is_daemon_ccm(const Frame &f) {

@@ -205,13 +205,17 @@ TEST_F(CliCommands, ShowMepBlocksAndRuntime) {
 }
 
 TEST_F(CliCommands, RemoteMepsAndLinktraceReplies) {
-  const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .mep_id = 10, .ReceiveTime = 2500,
-                               .src_mac = {0, 0, 0, 0, 0, 0x42}, .PortStatus = 2, .InterfaceStatus = 9, .port = 1,
-                               .vlan_id = 100, .SequenceNum = 7};
+  // Status TLV values past the names (port 3, interface 8) print no line.
+  RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = 5, .mep_id = 10, .ReceiveTime = 2500,
+                         .src_mac = {0, 0, 0, 0, 0, 0x42}, .PortStatus = 2, .InterfaceStatus = 8, .port = 1,
+                         .vlan_id = 100, .SequenceNum = 7};
   CFM_MEP_DB_Store_RemEntry(&rmep);
-  EXPECT_EQ(Cli("showremotemep"),
-            "\r\n MdID  : 1\r\n MaID  : 2\r\n MepID  : 10\r\n PortNumber   : 1\r\n vid   : 100\r\n RemoteMepID : 5"
-            "\r\n SrcMacAddress : 00:00:00:00:00:42\r\n ReciveTime  : 2s\r\n SequenceNum  : 7\r\n PortStatusTlv  : UP");
+  rmep.rmep_id = 6, rmep.PortStatus = 3, rmep.InterfaceStatus = 7;
+  CFM_MEP_DB_Store_RemEntry(&rmep);
+  const std::string head = "\r\n MdID  : 1\r\n MaID  : 2\r\n MepID  : 10\r\n PortNumber   : 1\r\n vid   : 100\r\n RemoteMepID : ";
+  const std::string middle = "\r\n SrcMacAddress : 00:00:00:00:00:42\r\n ReciveTime  : 2s\r\n SequenceNum  : 7";
+  EXPECT_EQ(Cli("showremotemep"), head + "5" + middle + "\r\n PortStatusTlv  : UP" + head + "6" + middle +
+                                      "\r\n InterfaceStatusTlv  : Lower Layer Down\r\n");
   LtrEntry ltr = {.md_id = 1, .ma_id = 2, .mep_id = 10, .sequence = 3, .ttl = 63, .forward = 1,
                   .LastEgressId = {0, 0, 0, 0, 0, 0, 0, 1}, .NextEgressId = {0, 0, 0xab}};
   CFM_DB_Update_LtrEntry(&ltr);
@@ -249,6 +253,86 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   ExpectCli({{"clearcnt", ""}});
   EXPECT_EQ(Mep(20).LbrIn + Mep(20).CcmSequenceErrors, 0u);
   EXPECT_EQ(Tree({"lbm/sending"}), "0\n");
+}
+
+// dumpjson: every record with every field, for the connection only (nothing
+// on standard output; in-process, without a connection, it is printed);
+// "never" is null; texts that could break the document are escaped; one
+// section alone; an unknown section refused.
+TEST_F(CliCommands, DumpJsonHoldsEveryRecordForTheConnectionOnly) {
+  CFM_OS_Set_Clock_Source([] { return 1800000000u; });
+  ExpectCli({{"createmd 1 0 5 0 d\"\\\x01\x7f\xff\xc3\xa9\xe2\x82", ""}, {"createma 1 0 2 0 assoc 3 32", ""},
+             {"createmep 1 0 2 0 10 0 1 0 7 0 2", ""}, {"default 3 0 2", ""}, {"enable", ""},
+             {"configmep 1 0 2 0 10 0 1 0 7 0 200 0 1 110 6 02:00:00:00:00:01 13 4 14 1 15 hi 9 92 "
+              "10 02:00:00:00:00:02 16 5 17 1 11 9", ""}});
+  MepEntry mep = {.md_id = 1, .ma_id = 2, .mep_id = 10, .port = 1, .vid = 7, .direction = CFM_DIRECTION_UP};
+  ASSERT_EQ(CFM_IF_Get_MEP_Entry(&mep), 1);
+  mep.LbmRuns = 2, mep.LbmResultOk = 1, mep.LbmSeqNumber = 7, mep.NextLbmTransId = 9, mep.LbrIn = 1, mep.LbrOut = 3;
+  mep.LbmDropEnable = 1;
+  mep.CcmDefect = 3, mep.CcmSequenceNum = 11, mep.CcmSequenceErrors = 4, mep.UnexpectedLtrIn = 6, mep.LtmSeqNumber = 8;
+  ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
+  for (uint16_t id : {5, 6}) {
+    const RemoteMepEntry rmep = {.md_id = 1, .ma_id = 2, .rmep_id = id, .mep_id = 10, .RdiReceived = 1u - (id & 1),
+                                 .src_mac = {2, 0, 0, 0, 0, uint8_t(id)}, .PortStatus = 2, .InterfaceStatus = 1,
+                                 .port = 1, .vlan_id = 7, .SequenceNum = 99, .AgeTime = 3500,
+                                 .ReceiveTimeMs = id == 5 ? 1800000000123u : 0u};
+    ASSERT_EQ(CFM_MEP_DB_Store_RemEntry(&rmep), CFM_DB_FOUND);
+  }
+  const LtrEntry ltr = {.md_id = 1, .ma_id = 2, .mep_id = 10, .sequence = 8, .ReplyNumber = 1, .ttl = 63, .forward = 1,
+                        .LastEgressId = {0, 7, 1, 2, 3, 4, 5, 6}, .relay = 2, .ReplyIngressAction = 1,
+                        .ReplyIngressMac = {2, 0, 0, 0, 0, 9}, .mac = {2, 0, 0, 0, 0, 8}, .ReplyIngressPort = {'e', 't', 'h', '0'}};
+  ASSERT_EQ(CFM_DB_Update_LtrEntry(&ltr), CFM_DB_FOUND);
+  MipEntry mip = {.md_id = 1, .ma_id = 2, .MipId = 30, .port = 2};
+  ASSERT_EQ(CFM_IF_Set_MIP_Entry(&mip), CFM_OK);
+  CliReply reply;
+  auto dump = [&] { CliReplyScope scope(&reply); EXPECT_EQ(cfm_cli_run_line("dumpjson"), 2); };
+  EXPECT_EQ(stdout_of(dump), "");
+  const std::string time = "{\"time\":\"2027-01-15T08:00:00.000Z\",";
+  EXPECT_EQ(reply.text(),
+            time + "\"global\":{\"enabled\":true,\"default_md_level\":3,\"mhf_creation\":2,\"sender_id_permission\":1,"
+            "\"debug\":false},\"mds\":[{\"md\":1,"
+            "\"md_name\":\"d\\u0022\\u005c\\u0001\\u007f\\u00ff\xc3\xa9\\u00e2\\u0082\",\"name_format\":4,\"level\":5,"
+            "\"mhf_creation\":2,\"sender_id_permission\":1}],\"mas\":[{\"md\":1,\"ma\":2,\"ma_name\":\"assoc\","
+            "\"name_format\":2,\"ccm_interval\":5,\"ccm_interval_ms\":10000}],\"meps\":[{\"md\":1,\"ma\":2,\"mep\":10,"
+            "\"port\":1,\"vid\":7,\"direction\":\"up\",\"active\":true,\"ccm_enabled\":true,\"ccm_ltm_priority\":7,"
+            "\"lowest_alarm_priority\":2,\"fng_state\":1,\"fng_alarm_time_ms\":2500,\"fng_reset_time_ms\":10000,"
+            "\"defect\":3,\"ccm_sequence\":11,\"ccm_sequence_errors\":4,\"loopback\":{\"messages\":10,\"priority\":7,"
+            "\"target_mac\":\"02:00:00:00:00:01\",\"target_mep\":4,\"target_is_mep\":true,\"data\":\"hi\","
+            "\"drop_enable\":true,\"running\":false,\"runs\":2,\"result\":\"success\",\"first_trans_id\":7,"
+            "\"next_trans_id\":9,\"lbr_in\":1,\"lbr_in_out_of_order\":0,\"lbr_bad_msdu\":0,\"lbr_out\":3},"
+            "\"linktrace\":{\"fdb_only\":true,\"target_mac\":\"02:00:00:00:00:02\",\"target_mep\":5,"
+            "\"target_is_mep\":true,\"ttl\":9,\"runs\":0,\"result\":null,\"sequence\":null,\"next_sequence\":1,"
+            "\"unexpected_ltr_in\":6}}],\"mips\":[{\"md\":1,\"ma\":2,\"mip\":30,\"port\":2}],"
+            "\"remote_meps\":[{\"md\":1,\"ma\":2,\"mep\":10,\"rmep\":5,\"mac\":\"02:00:00:00:00:05\",\"port\":1,"
+            "\"vid\":7,\"rdi\":false,\"port_status\":2,\"interface_status\":1,\"sequence\":99,"
+            "\"last_ccm_time\":\"2027-01-15T08:00:00.123Z\",\"age_left_ms\":3500},{\"md\":1,\"ma\":2,\"mep\":10,"
+            "\"rmep\":6,\"mac\":\"02:00:00:00:00:06\",\"port\":1,\"vid\":7,\"rdi\":true,\"port_status\":2,"
+            "\"interface_status\":1,\"sequence\":99,\"last_ccm_time\":null,\"age_left_ms\":3500}],\"ltrs\":[{\"md\":1,"
+            "\"ma\":2,\"mep\":10,\"sequence\":8,\"reply_number\":1,\"mac\":\"02:00:00:00:00:08\",\"ttl\":63,"
+            "\"forward\":true,\"terminal_mep\":false,\"last_egress_id\":\"00:07:01:02:03:04:05:06\","
+            "\"next_egress_id\":\"00:00:00:00:00:00:00:00\",\"relay_action\":\"fdb\",\"ingress_action\":1,"
+            "\"ingress_mac\":\"02:00:00:00:00:09\",\"ingress_port\":\"eth0\",\"egress_action\":0,"
+            "\"egress_mac\":\"00:00:00:00:00:00\",\"egress_port\":\"\"}]}\n");
+  ExpectCli({{"dumpjson mip", time + "\"mips\":[{\"md\":1,\"ma\":2,\"mip\":30,\"port\":2}]}\n"},
+             {"dumpjson ltrs", kInvalid}, {"dumpjson 1", kInvalid}});
+  CFM_OS_Set_Clock_Source(nullptr);
+  // The largest dump fits one reply: the MEPs' data texts (1201 bytes, each
+  // written as six) and the replies' ports at their longest in full tables,
+  // with room for the small tables (MDs, MAs, MIPs, remote MEPs: 64 KiB).
+  mep = {.md_id = UINT32_MAX, .ma_id = UINT32_MAX, .direction = 1, .RowStatus = 1};
+  LtrEntry big = {.md_id = UINT32_MAX, .ReplyNumber = UINT32_MAX, .ttl = UINT32_MAX, .relay = 4};
+  memset(mep.LbmDataTlv, 1, CFM_LBM_DATA_TLV_SIZE), memset(big.ReplyIngressPort, 1, 4), memset(big.ReplyEgressPort, 1, 4);
+  for (mep.mep_id = 1; CFM_Get_TotalMepEntries() < CFM_MAX_MEP; ++mep.mep_id) ASSERT_EQ(CFM_Update_MEP_Entry(&mep), 1);
+  for (big.sequence = 1; CFM_DB_Get_TotalLtrEntries() < CFM_MAX_LTR; ++big.sequence) {
+    ASSERT_EQ(CFM_DB_Update_LtrEntry(&big), CFM_DB_FOUND);
+  }
+  CliReply full;
+  CliReplyScope scope(&full);
+  cfm_cli_run_line("dumpjson");
+  EXPECT_LT(full.text().size() + 64 * 1024, CFM_CLI_PRIVATE_REPLY_MAX);
+  EXPECT_GT(full.text().size(), CFM_CLI_PRIVATE_REPLY_MAX / 2);
+  // Relay action 4 has no name: "fdb" of the first reply is the only one.
+  EXPECT_EQ(full.text().find("\"relay_action\":\"", full.text().find("\"relay_action\":\"fdb\"") + 1), std::string::npos);
 }
 
 // Words split on spaces only; a number is digits only. default: level 5
@@ -345,4 +429,21 @@ TEST(CommandReply, CopiesStdoutUpTo64KiBForTheServingThreadOnly) {
   close(fds[1]);
   EXPECT_EQ(reply.send_to(fds[0]), 0u);  // the peer has gone: no SIGPIPE
   close(fds[0]);
+  // A private reply (dumpjson's: nothing on standard output) holds up to
+  // 1 MiB, cut without a line, and is sent whole to a client that reads.
+  const std::string huge(CFM_CLI_PRIVATE_REPLY_MAX + 1, 'z');
+  CliReply own;
+  own.make_private();
+  own.keep(huge.data(), huge.size());
+  EXPECT_EQ(own.text(), huge.substr(0, CFM_CLI_PRIVATE_REPLY_MAX));
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  std::string got;
+  std::thread reader([&] {
+    char buf[4096];
+    for (ssize_t n; (n = read(fds[1], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+  });
+  EXPECT_EQ(own.send_to(fds[0]), CFM_CLI_PRIVATE_REPLY_MAX);
+  close(fds[0]);
+  reader.join();
+  EXPECT_EQ(got, own.text());
 }

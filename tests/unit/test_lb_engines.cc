@@ -126,8 +126,8 @@ TEST_F(Initiator, RunOfThreeSendsOnePerTickAndEndsFiveTicksLater) {
   CFM_LBI_XMIT_Check();
   MepEntry done = read_mep(mep);
   EXPECT_EQ(Bytes({uint8_t(done.LbmRunning), uint8_t(done.NextLbmTransId), uint8_t(done.LbmSeqNumber),
-                   uint8_t(done.LbmResultOk), uint8_t(done.LbmTransmitStatus), uint8_t(sent.size())}),
-            Bytes({0, 10, 7, 1, 0, 3}));
+                   uint8_t(done.LbmResultOk), uint8_t(done.LbmTransmitStatus), uint8_t(sent.size()), uint8_t(done.LbmRuns)}),
+            Bytes({0, 10, 7, 1, 0, 3, 1}));
 }
 
 TEST_F(Initiator, TargetResolutionAndFailedSend) {

@@ -117,14 +117,14 @@ TEST_F(MgmtIfTest, LinktraceStep) {
   EXPECT_EQ(V({r.trans_id, r.md_level, r.priority, r.ttl, r.flags, r.vid, r.target_mac[5]}),
             V({100, 5, 7, 64, 0x80, 300, 0x55}));
   ASSERT_EQ(CFM_Get_MEP_Entry(&e), 1);
-  EXPECT_EQ(V({e.LtmResult, e.LtmTransmitStatus, e.LtmSeqNumber, e.LtmNextSeqNumber, e.LtmTargetMac[5]}),
-            V({1, 0, 100, 101, 0x55}));
+  EXPECT_EQ(V({e.LtmResult, e.LtmTransmitStatus, e.LtmSeqNumber, e.LtmNextSeqNumber, e.LtmTargetMac[5], e.LtmRuns}),
+            V({1, 0, 100, 101, 0x55, 1}));
 
   g_send_result = 0;  // a failed send keeps the sequence numbers
   e.RowStatus = CFM_ROW_MODIFY, e.LtmTransmitStatus = 1, e.LtmTargetIsMepId = 0;
   ASSERT_EQ(CFM_IF_Set_MEP_Entry(&e), CFM_OK);
   ASSERT_EQ(CFM_Get_MEP_Entry(&e), 1);
-  EXPECT_EQ(V({e.LtmResult, e.LtmSeqNumber, e.LtmNextSeqNumber}), V({0, 100, 101}));
+  EXPECT_EQ(V({e.LtmResult, e.LtmSeqNumber, e.LtmNextSeqNumber, e.LtmRuns}), V({0, 100, 101, 2}));  // tried: a run
 }
 
 }  // namespace

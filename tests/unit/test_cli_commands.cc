@@ -298,7 +298,7 @@ TEST_F(CliCommands, DumpJsonHoldsEveryRecordForTheConnectionOnly) {
             "\"lowest_alarm_priority\":2,\"fng_state\":1,\"fng_alarm_time_ms\":2500,\"fng_reset_time_ms\":10000,"
             "\"defect\":3,\"ccm_sequence\":11,\"ccm_sequence_errors\":4,\"loopback\":{\"messages\":10,\"priority\":7,"
             "\"target_mac\":\"02:00:00:00:00:01\",\"target_mep\":4,\"target_is_mep\":true,\"data\":\"hi\","
-            "\"drop_enable\":true,\"running\":false,\"runs\":2,\"result\":\"success\",\"first_trans_id\":7,"
+            "\"drop_enable\":true,\"running\":false,\"stopped\":false,\"runs\":2,\"result\":\"success\",\"first_trans_id\":7,"
             "\"next_trans_id\":9,\"lbr_in\":1,\"lbr_in_out_of_order\":0,\"lbr_bad_msdu\":0,\"lbr_out\":3},"
             "\"linktrace\":{\"fdb_only\":true,\"target_mac\":\"02:00:00:00:00:02\",\"target_mep\":5,"
             "\"target_is_mep\":true,\"ttl\":9,\"runs\":0,\"result\":null,\"sequence\":null,\"next_sequence\":1,"

@@ -78,19 +78,22 @@ void print_remote_meps(const Json &snapshot, const Json &mep) {
   if (!any) printf("  no remote MEP\n");
 }
 
-const char *result_text(const Json &run) { return run["result"].text == "success" ? "Success" : "Fail"; }
+const char *result_text(const Json &run) {
+  if (run["result"].is_null()) return "no LBM sent";
+  return run["result"].text == "success" ? "Success" : "Fail";
+}
 
 void print_loopback(const Json &mep) {
   const Json &lb = mep["loopback"];
-  if (lb["result"].is_null()) {
+  if (lb["result"].is_null() && !lb["stopped"].boolean) {
     printf("  loopback: never run\n");
     return;
   }
   std::string target = lb["target_is_mep"].boolean ? "MEP " + std::to_string(lb["target_mep"].integer())
                                                    : lb["target_mac"].text;
-  printf("  loopback: %s, %s, %lld of %lld replies (%lld out of order, %lld bad), target %s\n",
-         lb["running"].boolean ? "running" : lb["stopped"].boolean ? "stopped" : "finished", result_text(lb), lb["lbr_in"].integer(),
-         lb["messages"].integer(), lb["lbr_in_out_of_order"].integer(), lb["lbr_bad_msdu"].integer(), target.c_str());
+  const char *state = lb["running"].boolean ? "running" : lb["stopped"].boolean ? "stopped" : "finished";
+  printf("  loopback: %s, %s, %lld of %lld replies (%lld out of order, %lld bad), target %s\n", state,
+         result_text(lb), lb["lbr_in"].integer(), lb["messages"].integer(), lb["lbr_in_out_of_order"].integer(), lb["lbr_bad_msdu"].integer(), target.c_str());
 }
 
 // The linktrace and the replies to its last LTM (the entry the LTM left

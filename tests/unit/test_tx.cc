@@ -88,7 +88,9 @@ TEST(TxHookThreads, HookSwappedWhileSending) {
       for (; !stop; ++sent) ok += CFM_Send_Packet_To_LAN(f.data(), 64, 0) == CFM_OK;
     });
   }
-  for (int round = 0; round < 200; ++round) {
+  // Swap until the senders have been running a while: on a loaded machine
+  // they may not be scheduled during the first rounds.
+  for (int round = 0; round < 200 || sent < 1000; ++round) {
     cfm_set_tx_hook([&](CfmTxSide, const uint8_t *, size_t len) { return ++hooked, len == 64; });
     std::this_thread::yield();
     cfm_set_tx_hook(nullptr);

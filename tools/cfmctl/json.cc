@@ -74,8 +74,9 @@ class Reader {
       space();
       if (!take(':')) return false;
       space();
-      out->members.emplace_back(std::move(key), Json());
-      if (!value(&out->members.back().second, depth + 1)) return false;
+      out->keys.push_back(std::move(key));
+      out->items.emplace_back();
+      if (!value(&out->items.back(), depth + 1)) return false;
       space();
     } while (take(','));
     return take('}');
@@ -197,8 +198,9 @@ class Reader {
 
 const Json &Json::operator[](const char *key) const {
   static const Json kNullValue;
-  for (const auto &[name, value] : members) {
-    if (name == key) return value;
+  if (type != kObject) return kNullValue;
+  for (size_t i = 0; i < keys.size() && i < items.size(); ++i) {
+    if (keys[i] == key) return items[i];
   }
   return kNullValue;
 }

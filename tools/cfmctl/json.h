@@ -3,7 +3,6 @@
 // text; nesting deeper than kJsonMaxDepth is refused.
 #pragma once
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace cfmctl {
@@ -17,8 +16,8 @@ struct Json {
   bool boolean = false;
   double number = 0;
   std::string text;  // a string's bytes (escapes decoded, \uXXXX as UTF-8)
-  std::vector<Json> items;                            // an array's
-  std::vector<std::pair<std::string, Json>> members;  // an object's, in order
+  std::vector<Json> items;       // an array's items, or an object's values
+  std::vector<std::string> keys;  // an object's keys, in order, one per item
 
   // The member `key` (the first of that name), or a null value.
   const Json &operator[](const char *key) const;

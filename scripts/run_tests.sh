@@ -3,7 +3,7 @@
 # build-asan/, with ThreadSanitizer in build-tsan/) and runs every test: unit
 # and integration tests in build/, the unit tests again in build-asan/, the
 # concurrency tests and one lab test in build-tsan/, then the router package
-# check (build-pkg/). Integration tests need root; without it they are
+# check (build-pkg/) and the check against Open vSwitch. Integration tests need root; without it they are
 # reported as skipped. Exits non-zero when anything fails.
 set -u
 cd "$(dirname "$0")/.."
@@ -55,6 +55,9 @@ TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" \
 
 step "router package: build, install, run, remove (tests/package_check.sh)"
 bash tests/package_check.sh || status=1
+
+step "Open vSwitch as the far end (tests/ovs_check.sh)"
+bash tests/ovs_check.sh || status=1
 
 if [ "$status" -ne 0 ]; then
   step "FAILED"

@@ -49,6 +49,13 @@ TEST_F(Startup, StartsOrEndsAndReports) {
     if (c.code < 0) std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(Running(), c.code < 0) << Output() << Errors();
   }
+  // -g: a group by name or number opens the socket to it; an unknown one leaves it private.
+  for (auto [group, mode] : {std::pair{"daemon", "daemon 660"}, {"1", "daemon 660"}, {"nosuch", "root 600"}}) {
+    ASSERT_TRUE(StartDaemonReady({"-i", "wan0", "-g", group}));
+    EXPECT_EQ(Shell(std::string("[ \"$(stat -c '%G %a' /var/cfm_socket)\" = '") + mode + "' ]"), 0) << group;
+    EXPECT_EQ(Output().find("CFM: no group nosuch") != std::string::npos, *group == 'n') << Output();
+    Stop();
+  }
   WriteFile("/var/tmp/pvc_mac", "1\n00:11:22:33:44:55\n");
   ASSERT_TRUE(StartDaemonReady());
   EXPECT_EQ(Output().find("pvc_mac fail"), std::string::npos) << Output();

@@ -118,6 +118,8 @@ TEST_F(StartupInput, StaleSetRecord) {
   waitpid(dead, nullptr, 0);
   int ours = semget(IPC_PRIVATE, 1, IPC_CREAT), older = semget(IPC_PRIVATE, 1, IPC_CREAT);
   int foreign = semget(0x5e000000 + getpid(), 1, IPC_CREAT | 0644);  // as ipcmk -S 1 makes it
+  // Private, but each unlike the daemon's in one way: its mode, its size.
+  int readable = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600), pair = semget(IPC_PRIVATE, 2, IPC_CREAT);
   const std::string set = " " + std::to_string(ours) + ":" + std::to_string(ChangeTime(ours));
   long pid_max = 0;
   std::ifstream("/proc/sys/kernel/pid_max") >> pid_max;
@@ -126,13 +128,15 @@ TEST_F(StartupInput, StaleSetRecord) {
   EXPECT_EQ(std::make_tuple(cfm_pid_max(Scratch("32768\n")), cfm_pid_max(Scratch("x")), cfm_pid_max("/nonexistent")),
             std::make_tuple(32768L, 4194304L, 4194304L));
   EXPECT_GE(ChangeTime(ours), 0);
-  CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(foreign) + ":" + std::to_string(ChangeTime(foreign)) +
-                                   " " + std::to_string(older) + ":" + std::to_string(ChangeTime(older) - 5) + set));
-  EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0),
-            std::make_tuple(false, true, true));
+  std::string record = std::to_string(dead) + " " + std::to_string(older) + ":" + std::to_string(ChangeTime(older) - 5);
+  for (int id : {foreign, readable, pair}) record += " " + std::to_string(id) + ":" + std::to_string(ChangeTime(id));
+  CFM_OS_Remove_Stale_Sets(Scratch(record + set));
+  EXPECT_EQ(std::make_tuple(ChangeTime(ours) >= 0, ChangeTime(older) >= 0, ChangeTime(foreign) >= 0,
+                            ChangeTime(readable) >= 0, ChangeTime(pair) >= 0),
+            std::make_tuple(false, true, true, true, true));
   CFM_OS_Remove_Stale_Sets(Scratch(std::to_string(dead) + " " + std::to_string(older) + " " + std::to_string(foreign)));
   EXPECT_EQ(std::make_pair(ChangeTime(older) >= 0, ChangeTime(foreign) >= 0), std::make_pair(true, true));
-  for (int id : {foreign, older}) semctl(id, 0, IPC_RMID);
+  for (int id : {foreign, older, readable, pair}) semctl(id, 0, IPC_RMID);
 
   const std::string target = kScratch + ".target", tmp = kScratch + ".tmp";
   std::ofstream(target) << "keep";
@@ -161,6 +165,7 @@ TEST_F(StartupInput, StaleSetRecord) {
   ASSERT_TRUE(cfm_parse_stale_record(many.data(), many.size(), &parsed));
   EXPECT_EQ(std::make_tuple(parsed.count, parsed.sets[0].id, parsed.sets[0].ctime), std::make_tuple(size_t{64}, 4, 9LL));
   EXPECT_TRUE(cfm_parse_stale_record("77 4 0000000000000000000077 5", 29, &parsed) && parsed.count == 1);
+  EXPECT_TRUE(cfm_parse_stale_record("77 4:95", 6, &parsed) && parsed.sets[0].ctime == 9);  // read to its length only
   unlink(target.c_str());
 }
 

@@ -1,5 +1,6 @@
 // Delay and synthetic-loss measurement driven in-process: requests in through
 // the engine entry points, replies out through the transmit hook.
+#include "core/startup.h"
 #include "engines/dm.h"
 #include "engines/pm_pdu.h"
 #include "engines/pm_session.h"
@@ -107,6 +108,10 @@ TEST_F(Pm, MalformedOrForeignRequestsGetNothing) {
   add_mep(1, 1, 7, 1, 100, 2);
   EXPECT_NE(run(CFM_DMM_Process, cfm_frame(kClass1, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
   EXPECT_TRUE(wan_.empty());
+  uint8_t pvc[6] = {0x02, 0x99, 0x99, 0x99, 0x99, 0x99};  // kOther as one of the router's PVC MACs
+  g_pvc_mac_table = {1, pvc};
+  EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kOther, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
+  g_pvc_mac_table = {};
 }
 
 TEST_F(Pm, SlrCountsSlmsPerSourceAndTestWithBoundedMemory) {

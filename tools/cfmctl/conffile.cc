@@ -154,13 +154,20 @@ int apply_files(const ApplyOptions &options, const Sender &send) {
     std::string text, error;
     if (!read_file(file, &text, &error)) {
       fprintf(stderr, "%s: %s\n", file.c_str(), error.c_str());
-      if (options.check) return kRefused;
+      // --replace without the whole file would delete what it holds.
+      if (options.check || options.replace) return kRefused;
       failed = true;
     }
     std::vector<FileLine> more = split_config(file, text);
     lines.insert(lines.end(), more.begin(), more.end());
   }
+  int status = apply_lines(lines, options, send);
+  return status == kOk && failed ? kRefused : status;
+}
+
+int apply_lines(const std::vector<FileLine> &lines, const ApplyOptions &options, const Sender &send) {
   Config wanted;
+  bool failed = false;
   int status = kOk, bad = 0;
   for (const FileLine &line : lines) {
     std::vector<std::string> requests;
@@ -262,10 +269,9 @@ int run_running_config(const Client &client, Args &) {
   return status;
 }
 
-int run_config_save(const Client &client, Args &args) {
-  std::string path = args.count() > 1 ? args.word(1) : kConfigFile;
+int save_config(const Sender &send, const std::string &path) {
   Config config;
-  int status = fetch_config(client_sender(client), &config);
+  int status = fetch_config(send, &config);
   if (status != kOk) return status;
   char when[32];
   time_t now = time(nullptr);
@@ -279,6 +285,10 @@ int run_config_save(const Client &client, Args &args) {
   }
   printf("cfmctl config save: %s written\n", path.c_str());
   return kOk;
+}
+
+int run_config_save(const Client &client, Args &args) {
+  return save_config(client_sender(client), args.count() > 1 ? args.word(1) : kConfigFile);
 }
 
 }  // namespace cfmctl

@@ -44,6 +44,11 @@ struct ApplyOptions {
 // Applies the files: problems go to stderr as "FILE:LINE: why", what was done
 // to stdout. Returns 0, 1 when any line failed, or 3 when no daemon answered.
 int apply_files(const ApplyOptions &options, const Sender &send);
+// The same for lines already read (options.files is not read).
+int apply_lines(const std::vector<FileLine> &lines, const ApplyOptions &options, const Sender &send);
+// Writes the daemon's configuration to `path` atomically, with a header line
+// saying when and by what; kOk or cfmctl's exit status.
+int save_config(const Sender &send, const std::string &path);
 
 // The daemon's configuration from its snapshot; kOk or cfmctl's exit status.
 int fetch_config(const Sender &send, Config *config);

@@ -320,8 +320,8 @@ void add_option(std::string *line, const char *option, const std::string &value)
 std::string md_line(const MdConfig &md, const MdConfig *old) {
   MdConfig base = old != nullptr ? *old : MdConfig{};
   std::string line = (old != nullptr ? "md config " : "md create ") + num(md.md);
-  if (old == nullptr || md.level != base.level) add_option(&line, "--level", num(md.level));
   if (old == nullptr || md.name != base.name) add_option(&line, "--name", md.name);
+  if (old == nullptr || md.level != base.level) add_option(&line, "--level", num(md.level));
   if (md.format != base.format) add_option(&line, "--format", name_of(kMdFormats, md.format - 1));
   if (md.mhf != base.mhf) add_option(&line, "--mhf", name_of(kMhf, md.mhf - 1));
   return line;
@@ -332,7 +332,7 @@ std::string ma_line(const MaConfig &ma, const MaConfig *old) {
   std::string line = (old != nullptr ? "ma config " : "ma create ") + num(ma.md) + " " + num(ma.ma);
   if (old == nullptr || ma.name != base.name) add_option(&line, "--name", ma.name);
   if (ma.format != base.format) add_option(&line, "--format", name_of(kMaFormats, ma.format - 1));
-  if (ma.interval != base.interval) add_option(&line, "--interval", name_of(kIntervals, ma.interval - 2));
+  if (old == nullptr || ma.interval != base.interval) add_option(&line, "--interval", name_of(kIntervals, ma.interval - 2));
   return line;
 }
 
@@ -359,12 +359,13 @@ std::string defaults_line(const GlobalConfig &g) {
 }
 
 // A name one word of a line carries as it is: no blank or control byte, and
-// no '\' at its end, which would join the next line.
+// not a word cfmctl reads as an option of its own. (A line never ends in a
+// name: a '\' at its end would join the next line.)
 bool writable_name(const std::string &name) {
   for (unsigned char c : name) {
     if (c <= ' ' || c == 0x7f) return false;
   }
-  return !name.empty() && name.back() != '\\';
+  return !name.empty() && !is_flag(name);
 }
 
 bool writable_md(const Config &c, uint32_t index) {
@@ -403,18 +404,32 @@ std::string running_config_text(const Config &c) {
 
 std::vector<ConfigChange> config_changes(const Config &running, const Config &wanted) {
   std::vector<ConfigChange> changes;
+  // An MA the wanted configuration has in another MD is deleted and made
+  // again, and with it the MEPs of it in its old MD (they forbid deleting it).
+  auto remade_ma = [&](const MaConfig &ma) {
+    const MaConfig *w = find(wanted.mas, ma.ma, &MaConfig::ma);
+    return w != nullptr && w->md != ma.md;
+  };
+  auto remade_with_ma = [&](const MepKey &key) {
+    const MaConfig *ma = find(running.mas, key.ma, &MaConfig::ma);
+    return ma != nullptr && ma->md == key.md && remade_ma(*ma);
+  };
+  auto kept = [&](const MepConfig &mep) {
+    return find(wanted.meps, mep.key, &MepConfig::key) != nullptr && !remade_with_ma(mep.key);
+  };
   for (const MepConfig &mep : running.meps) {
-    if (find(wanted.meps, mep.key, &MepConfig::key) != nullptr) continue;
+    if (kept(mep)) continue;
     bool again = std::any_of(wanted.meps.begin(), wanted.meps.end(), [&](const MepConfig &w) {
       return w.key.md == mep.key.md && w.key.ma == mep.key.ma && w.key.mep == mep.key.mep;
     });
     changes.push_back({"mep delete " + mep_key_words(mep.key),
-                       again ? "made again: its port, VID or direction cannot change in place" : ""});
+                       remade_with_ma(mep.key) ? "made again with its MA"
+                       : again                 ? "made again: its port, VID or direction cannot change in place"
+                                               : ""});
   }
   for (const MaConfig &ma : running.mas) {
-    const MaConfig *w = find(wanted.mas, ma.ma, &MaConfig::ma);
-    if (w == nullptr || w->md != ma.md) {
-      changes.push_back({"ma delete " + num(ma.md) + " " + num(ma.ma), w ? "made again: its MD cannot change in place" : ""});
+    if (find(wanted.mas, ma.ma, &MaConfig::ma) == nullptr || remade_ma(ma)) {
+      changes.push_back({"ma delete " + num(ma.md) + " " + num(ma.ma), remade_ma(ma) ? "made again: its MD cannot change in place" : ""});
     }
   }
   for (const MdConfig &md : running.mds) {
@@ -435,6 +450,7 @@ std::vector<ConfigChange> config_changes(const Config &running, const Config &wa
   }
   for (const MepConfig &mep : wanted.meps) {
     const MepConfig *old = find(running.meps, mep.key, &MepConfig::key);
+    if (old != nullptr && !kept(*old)) old = nullptr;
     if (old == nullptr) changes.push_back({"mep create " + mep_key_words(mep.key), ""});
     std::string line = mep_config_line(mep, old != nullptr ? *old : MepConfig{mep.key});
     if (!line.empty()) changes.push_back({line, ""});

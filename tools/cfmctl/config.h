@@ -47,6 +47,7 @@ struct MepConfig {
   bool ccm = true;
   int priority = 7;
   int alarm = 2;  // 1 alldef .. 6 noxcon
+  bool operator==(const MepConfig &) const = default;
 };
 
 // A fresh daemon's defaults; enabled and debug are -1 where a file leaves

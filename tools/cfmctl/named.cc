@@ -35,18 +35,23 @@ bool one_word(Args &args, const char *option, const std::string &value) {
 
 }  // namespace
 
-Args::Args(const std::string &command, const std::vector<std::string> &words) : command_(command) {
-  // Options that take no value; every other --option takes the next word.
+// Options that take no value; every other --option takes the next word.
+bool is_flag(const std::string &word) {
   static const char *const kFlags[] = {"--fdb-only", "--json", "--check", "--replace"};
+  for (const char *f : kFlags) {
+    if (word == f) return true;
+  }
+  return false;
+}
+
+Args::Args(const std::string &command, const std::vector<std::string> &words) : command_(command) {
   for (size_t i = 0; i < words.size(); ++i) {
     const std::string &w = words[i];
     if (w.size() < 3 || w.compare(0, 2, "--") != 0) {
       positional_.push_back(w);
       continue;
     }
-    bool flag = false;
-    for (const char *f : kFlags) flag = flag || w == f;
-    if (flag) {
+    if (is_flag(w)) {
       options_.emplace_back(w, "");
     } else if (i + 1 < words.size()) {
       options_.emplace_back(w, words[++i]);

@@ -65,6 +65,9 @@ extern const std::vector<const char *> kMdFormats, kMaFormats, kMhf, kIntervals,
 // Largest MD or MA index the named commands take.
 constexpr long kMaxIndex = 2147483647;
 
+// True for an option that takes no value (--json, --check, ...).
+bool is_flag(const std::string &word);
+
 // True for one of the daemon's own command words (defined with cfmctl's
 // help of them, outside this library).
 bool is_daemon_word(const std::string &word);

@@ -60,7 +60,7 @@ std::string running_config() {
 std::string apply(const std::string &text, ApplyOptions options = {}, int expect = kOk) {
   testing::internal::CaptureStderr();
   int status = quiet([&] { return apply_lines(split_config("f", text), options, in_process); });
-  if (expect >= 0) EXPECT_EQ(status, expect) << text;
+  EXPECT_TRUE(expect < 0 || status == expect) << status << " for\n" << text;
   return testing::internal::GetCapturedStderr();
 }
 

@@ -88,17 +88,15 @@ scripts/sandbox.sh -f "$deb" bash -euxc '
     wait $! || true
     [ "$(sems)" = 0 ]
   done
-  # The configuration files: the example applied at start, a bad line named in the log with the daemon up; a
-  # reload applies a changed file; what config save wrote comes back after a restart.
+  # The example applied at start, a bad line named in the log; reload; config save kept by a restart.
   sed -i "s/^#\([a-z]\)/\1/" /etc/cfmd/cfmd.conf
-  echo "ma create 1 3 --name x --interval 2s" >/etc/cfmd/cfmd.d/50-bad.conf
+  echo "ma create 1 3 --name x --interval 2s" >/etc/cfmd/cfmd.d/50-more.conf
   /etc/init.d/cfmd start
-  grep -q "^/etc/cfmd/cfmd.d/50-bad.conf:1: ma: --interval" /var/log/cfmd.log
+  grep -q "^/etc/cfmd/cfmd.d/50-more.conf:1: ma: --interval" /var/log/cfmd.log
   cfmctl show running-config | grep -qx "mep config 2 2 201 --vid 100 --active yes"
-  rm /etc/cfmd/cfmd.d/50-bad.conf
-  echo "mep create 1 1 102 --vid 100" >/etc/cfmd/cfmd.d/60-more.conf
+  echo "mep create 1 1 102 --vid 100" >/etc/cfmd/cfmd.d/50-more.conf
   /etc/init.d/cfmd reload | grep -qx "cfmctl apply: mep create 1 1 102 --vid 100"
-  rm /etc/cfmd/cfmd.d/60-more.conf
+  rm /etc/cfmd/cfmd.d/50-more.conf
   cfmctl config save
   cfmctl show running-config >/tmp/running
   /etc/init.d/cfmd restart

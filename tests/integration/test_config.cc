@@ -58,9 +58,10 @@ TEST_F(ConfigLab, SavedAppliedAfterRestartBadLinesNamedReplaceKeepsUntouchedMeps
   const std::string interval = "/var/lab/bad.conf:5: ma: --interval '2s' is not one of 10ms|100ms|1s|10s|1min|10min\n";
   EXPECT_EQ(Cfmctl("apply --check /var/lab/bad.conf"), interval + "[1]");
   EXPECT_EQ(Cfmctl("apply --wait 1 /var/lab/etc/cfmd.conf"), "cfmctl apply: no daemon answered on /var/cfm_socket within 1 s\n[3]");
+  EXPECT_EQ(Cfmctl("apply --wait 3601").find("cfmctl apply: --wait '3601' is not a number from 0 to 3600\n"), 0u);
 
   ASSERT_TRUE(StartDaemonReady(args_));
-  EXPECT_EQ(Cfmctl("apply /var/lab/etc/cfmd.conf"), "cfmctl apply: 6 lines, 0 failed\n[0]");
+  EXPECT_EQ(Cfmctl("apply --wait 5 /var/lab/etc/cfmd.conf"), "cfmctl apply: 6 lines, 0 failed\n[0]");
   EXPECT_EQ(Cfmctl("show running-config"), saved + "[0]");
   EXPECT_EQ(Cfmctl("apply /var/lab/bad.conf"), "/var/lab/bad.conf:4: Error!! MD Index exist\n" + interval +
                                                   "/var/lab/bad.conf:6: unknown command 'frob' (see cfmctl help)\n"
@@ -68,6 +69,7 @@ TEST_F(ConfigLab, SavedAppliedAfterRestartBadLinesNamedReplaceKeepsUntouchedMeps
   // The replace deletes MD 2 and MEP 6 (made above), makes MEP 7; MEP 5
   // goes on as it was: no gap in its CCMs' sequence, its remote MEP kept.
   WriteFile("/var/lab/new.conf", saved + "mep create 1 1 7\n");
+  EXPECT_EQ(Cfmctl("apply --replace /var/lab/none.conf /var/lab/new.conf"), "/var/lab/none.conf: No such file or directory\n[1]");
   std::vector<uint32_t> sequences = Sequences(2000);
   ASSERT_NE(Command("showremotemep").find("RemoteMepID : 9"), std::string::npos);
   EXPECT_EQ(Cfmctl("apply --replace /var/lab/new.conf"),

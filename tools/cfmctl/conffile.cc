@@ -248,7 +248,7 @@ int run_apply(const Client &client, Args &args) {
   ApplyOptions options;
   options.check = args.has("--check");
   options.replace = args.has("--replace");
-  long wait = args.number("--wait", 0, 3600, 0);
+  long wait = args.number("--wait", 0, kMaxWait, 0);
   for (size_t i = 0; i < args.count(); ++i) options.files.push_back(args.word(i));
   if (options.files.empty()) options.files = default_files();
   if (options.files.empty()) {

@@ -17,6 +17,8 @@ namespace cfmctl {
 
 constexpr const char *kConfigFile = "/etc/cfmd/cfmd.conf";
 constexpr const char *kConfigDir = "/etc/cfmd/cfmd.d";
+// Longest wait for the daemon that apply --wait takes, in seconds.
+constexpr long kMaxWait = 3600;
 
 // Sends one request and gives its reply: kOk, kNoDaemon or kNoAnswer (as
 // run_request), so that the same code runs against a daemon in-process.

@@ -370,7 +370,7 @@ void build_defaults(Args &args, NamedRun *run) {
 void build_apply(Args &args, NamedRun *run) {
   args.has("--check");
   args.has("--replace");
-  args.number("--wait", 0, 3600, 0);
+  args.number("--wait", 0, kMaxWait, 0);
   run->local = run_apply;
   args.finish(args.count());
 }

@@ -203,7 +203,8 @@ std::string follow_ma(Config *c, const Request &r) {
   if (!create && !config) {  // deletema
     if (old == nullptr) return "This MA is not exist!";
     if (has_mep(*c, md, &index)) return "This MA has MEP entry, need to delete all this MA's MEP!";
-    if (old->md != md) return kSilent;  // an MA of another MD
+    // An MA of another MD, or of an MD deleted under it, stays.
+    if (old->md != md || find(c->mds, md, &MdConfig::md) == nullptr) return kSilent;
     c->mas.erase(c->mas.begin() + (old - c->mas.data()));
     return "";
   }

@@ -54,7 +54,7 @@ TEST_F(ConfigLab, SavedAppliedAfterRestartBadLinesNamedReplaceKeepsUntouchedMeps
   Stop();
   // Without a daemon: --check reads the lines alone; --wait gives up.
   WriteFile("/var/lab/bad.conf", "# comment\n\nmd create 2 --name x --level 3\nmd create 1 --name again --level 4\n"
-                                 "ma create 2 9 --name y --interval 2s\nfrob 1\n  mep create 1 \\\n 1 6\r\nshow running-config\n");
+                                 "ma create 2 9 --name y --interval 2s\nfrob 1\n  mep create 1 \\\n 1 6\r\nshow running-config\nmd delete 5 \\\n");
   const std::string interval = "/var/lab/bad.conf:5: ma: --interval '2s' is not one of 10ms|100ms|1s|10s|1min|10min\n";
   EXPECT_EQ(Cfmctl("apply --check /var/lab/bad.conf"), interval + "[1]");
   EXPECT_EQ(Cfmctl("apply --wait 1 /var/lab/etc/cfmd.conf"), "cfmctl apply: no daemon answered on /var/cfm_socket within 1 s\n[3]");
@@ -66,7 +66,8 @@ TEST_F(ConfigLab, SavedAppliedAfterRestartBadLinesNamedReplaceKeepsUntouchedMeps
   EXPECT_EQ(Cfmctl("apply /var/lab/bad.conf"), "/var/lab/bad.conf:4: Error!! MD Index exist\n" + interval +
                                                   "/var/lab/bad.conf:6: unknown command 'frob' (see cfmctl help)\n"
                                                   "/var/lab/bad.conf:9: 'show' is no configuration line\n"
-                                                  "cfmctl apply: 6 lines, 4 failed\n[1]");
+                                                  "/var/lab/bad.conf:10: This MD is not exist!\n"
+                                                  "cfmctl apply: 7 lines, 5 failed\n[1]");
   // The replace deletes MD 2 and MEP 6 (made above), makes MEP 7; MEP 5
   // goes on as it was: no gap in its CCMs' sequence, its remote MEP kept.
   WriteFile("/var/lab/new.conf", saved + "mep create 1 1 7\n");

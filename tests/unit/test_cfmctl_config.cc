@@ -101,14 +101,15 @@ std::vector<std::string> random_lines(std::mt19937 &rng) {
   }
   const uint32_t kNumbers[] = {1, 2, 3, 4, 7, 8, 9, 10, 11, 14, 15, 21, 22, 29, 34, 35, 41, 46, 47, 100, 110, 120, 200, 8191, 8192};
   for (int raw = rng() % 12; raw > 0; --raw) {
-    std::string line, kind = pick({"createmd @ 0 # 0 $ # # # $", "configmd @ # # # # # $ # #", "deletemd @",
-                                   "createma @ 0 & 0 $ # # # $", "configma @ 0 & # # # $ # #", "deletema @ 0 &",
+    std::string line, kind = pick({"createmd @ 0 # 0 $ % # % # % $", "configmd @ % # % # % $ % #", "deletemd @",
+                                   "createma @ 0 & 0 $ % # % # % $", "configma @ 0 & % # % $ % #", "deletema @ 0 &",
                                    "createmep @ 0 & 0 # 0 # 0 # 0 #", "deletemep @ 0 & 0 # 0 # 0 # 0 #",
-                                   "configmep @ 0 & 0 # 0 # 0 # 0 # 0 # # # # # # # #", "default # 0 #",
-                                   "configma @ 0 & 4 3 #"});
-    for (char c : kind) {  // '@' an MD index, '&' an MA index, '#' a number (at times no number), '$' a name
-      uint32_t number = c == '@' ? kIndexes[rng() % 5] : c == '&' ? kIndexes[rng() % 5] | 8 : kNumbers[rng() % 25];
-      line += c == '$' ? name(47, true) : !strchr("@&#", c) ? std::string(1, c) : rng() % 30 ? std::to_string(number) : "x";
+                                   "configmep @ 0 & 0 # 0 # 0 # 0 # 0 % # % # % # % #", "default # 0 #", "configma @ 0 & 4 3 #"});
+    // '@' an MD index, '&' an MA index, '%' an option code, '#' a number (at times none), '$' a name.
+    for (char c : kind) {
+      uint32_t number = c == '@' ? kIndexes[rng() % 5] : c == '&' ? kIndexes[rng() % 5] | 8 : c == '%' ? rng() % 5
+                                                                                                     : kNumbers[rng() % 25];
+      line += c == '$' ? name(47, true) : !strchr("@&%#", c) ? std::string(1, c) : rng() % 30 ? std::to_string(number) : "x";
     }
     lines.insert(lines.begin() + rng() % lines.size(), rng() % 8 ? line : line.substr(0, line.rfind(' ')));
   }

@@ -70,13 +70,13 @@ TEST_F(ConfigLab, SavedAppliedAfterRestartBadLinesNamedReplaceKeepsUntouchedMeps
                                                   "cfmctl apply: 7 lines, 5 failed\n[1]");
   // The replace deletes MD 2 and MEP 6 (made above), makes MEP 7; MEP 5
   // goes on as it was: no gap in its CCMs' sequence, its remote MEP kept.
-  WriteFile("/var/lab/new.conf", saved + "mep create 1 1 7\n");
+  WriteFile("/var/lab/new.conf", saved + "mep create 1 1 7\nlt start 1 1 5 --mepid 9\n");
   EXPECT_EQ(Cfmctl("apply --replace /var/lab/none.conf /var/lab/new.conf"), "/var/lab/none.conf: No such file or directory\n[1]");
   std::vector<uint32_t> sequences = Sequences(2000);
   ASSERT_NE(Command("showremotemep").find("RemoteMepID : 9"), std::string::npos);
   EXPECT_EQ(Cfmctl("apply --replace /var/lab/new.conf"),
-            "cfmctl apply: mep delete 1 1 6\ncfmctl apply: md delete 2\ncfmctl apply: mep create 1 1 7\n"
-            "cfmctl apply: 7 lines, 0 failed\n[0]");
+            "/var/lab/new.conf:8: no configuration: left out by --replace\ncfmctl apply: mep delete 1 1 6\n"
+            "cfmctl apply: md delete 2\ncfmctl apply: mep create 1 1 7\ncfmctl apply: 8 lines, 0 failed\n[0]");
   EXPECT_NE(Command("showremotemep").find("RemoteMepID : 9"), std::string::npos);
   for (uint32_t s : Sequences(2000)) sequences.push_back(s);
   ASSERT_GT(sequences.size(), 2u);

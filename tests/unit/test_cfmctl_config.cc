@@ -80,38 +80,47 @@ std::vector<std::string> random_lines(std::mt19937 &rng) {
     return s.substr(0, s.size() > longest ? longest - 1 : longest);
   };
   const uint32_t kIndexes[] = {1, 2, 9, 2147483646, 2147483647};
+  const uint32_t kNumbers[] = {1, 2, 3, 4, 7, 8, 9, 10, 11, 14, 15, 21, 22, 29, 34, 35, 41, 46, 47, 100, 110, 120, 200, 8191, 8192};
+  // A raw request: '@' an MD index, '&' an MA index, '%' an option code, '#' a number (at times none), '$' a name.
+  auto raw = [&](const std::string &kind) {
+    std::string line;
+    for (char c : kind) {
+      uint32_t number = c == '@' ? kIndexes[rng() % 5] : c == '&' ? kIndexes[rng() % 5] | 8 : c == '%' ? rng() % 5
+                                                                                                     : kNumbers[rng() % 25];
+      line += c == '$' ? name(47, true) : !strchr("@&%#", c) ? std::string(1, c) : rng() % 30 ? std::to_string(number) : "x";
+    }
+    return rng() % 8 ? line : line.substr(0, line.rfind(' '));
+  };
   std::vector<std::string> lines = {pick({"debug on", "debug off", "enable", "disable"}),
                                     "defaults --level " + n(8) + " --mhf " + pick(kMhf)};
   for (int md = 0, mds = 1 + rng() % 3; md < mds; ++md) {
     std::string m = std::to_string(kIndexes[rng() % 5]);
     lines.push_back("md create " + m + " --level " + n(8) + " --name " + name(45) +
                     (rng() % 2 ? " --format " + pick(kMdFormats) : "") + (rng() % 2 ? " --mhf " + pick(kMhf) : ""));
+    if (rng() % 2) lines.push_back("md config " + m + " --mhf " + pick(kMhf) + " --format " + pick(kMdFormats));
     for (int ma = 0, mas = rng() % 3; ma < mas; ++ma) {
-      std::string a = m + " " + std::to_string(kIndexes[rng() % 5] | 8);
-      lines.push_back("ma create " + a + " --name " + name(47) + " --interval " + pick(kIntervals) +
+      std::string a = std::to_string(kIndexes[rng() % 5] | 8);
+      lines.push_back("ma create " + m + " " + a + " --name " + name(47) + " --interval " + pick(kIntervals) +
                       (rng() % 2 ? " --format " + pick(kMaFormats) : ""));
+      if (rng() % 2) lines.push_back("ma config " + m + " " + a + " --interval " + pick(kIntervals) + " --name " + name(45));
       for (int mep = 0, meps = rng() % 4; mep < meps; ++mep) {
-        std::string key = a + " " + std::to_string(1 + rng() % 8191) + " --port " + n(10) + " --vid " + n(4096) +
-                          " --direction " + pick({"down", "up"});
+        std::string id = std::to_string(1 + rng() % 8191), port = n(10), vid = n(4096), dir = pick({"down", "up"});
+        std::string key = m + " " + a + " " + id + " --port " + port + " --vid " + vid + " --direction " + dir;
         lines.push_back("mep create " + key);
         lines.push_back("mep config " + key + " --active " + pick({"yes", "no"}) + " --ccm " + pick({"on", "off"}) +
                         " --priority " + n(8) + " --alarm-priority " + pick(kAlarms));
+        lines.push_back(raw("configmep " + m + " 0 " + a + " 0 " + id + " 0 " + port + " 0 " + vid + " 0 " +
+                            (dir == "up" ? "200" : "100") + " 0 3 # % #"));
       }
     }
   }
-  const uint32_t kNumbers[] = {1, 2, 3, 4, 7, 8, 9, 10, 11, 14, 15, 21, 22, 29, 34, 35, 41, 46, 47, 100, 110, 120, 200, 8191, 8192};
-  for (int raw = rng() % 12; raw > 0; --raw) {
-    std::string line, kind = pick({"createmd @ 0 # 0 $ % # % # % $", "configmd @ % # % # % $ % #", "deletemd @",
-                                   "createma @ 0 & 0 $ % # % # % $", "configma @ 0 & % # % $ % #", "deletema @ 0 &",
-                                   "createmep @ 0 & 0 # 0 # 0 # 0 #", "deletemep @ 0 & 0 # 0 # 0 # 0 #",
-                                   "configmep @ 0 & 0 # 0 # 0 # 0 # 0 % # % # % # % #", "default # 0 #", "configma @ 0 & 4 3 #"});
-    // '@' an MD index, '&' an MA index, '%' an option code, '#' a number (at times none), '$' a name.
-    for (char c : kind) {
-      uint32_t number = c == '@' ? kIndexes[rng() % 5] : c == '&' ? kIndexes[rng() % 5] | 8 : c == '%' ? rng() % 5
-                                                                                                     : kNumbers[rng() % 25];
-      line += c == '$' ? name(47, true) : !strchr("@&%#", c) ? std::string(1, c) : rng() % 30 ? std::to_string(number) : "x";
-    }
-    lines.insert(lines.begin() + rng() % lines.size(), rng() % 8 ? line : line.substr(0, line.rfind(' ')));
+  for (int count = rng() % 12; count > 0; --count) {
+    std::string line = raw(pick({"createmd @ 0 # 0 $ % # % # % $", "configmd @ % # % # % $ % #", "deletemd @",
+                                 "createma @ 0 & 0 $ % # % # % $", "configma @ 0 & % # % $ % #", "deletema @ 0 &",
+                                 "createmep @ 0 & 0 # 0 # 0 # 0 #", "deletemep @ 0 & 0 # 0 # 0 # 0 #",
+                                 "configmep @ 0 & 0 # 0 # 0 # 0 # 0 % # % # % # % #", "default # 0 #",
+                                 "configma @ 0 & 4 3 #"}));
+    lines.insert(lines.begin() + rng() % lines.size(), line);
   }
   return lines;
 }

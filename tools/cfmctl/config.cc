@@ -215,6 +215,8 @@ std::string follow_ma(Config *c, const Request &r) {
   bool name_set = false;
   if (const char *error = ma_options(r, create ? 6 : 4, &ma, &name_set)) return error;
   if (create && ma.name.size() > 45 && !name_set) return "Error!! MA Table is full";
+  // An MA whose MD was deleted under it cannot be written again.
+  if (config && find(c->mds, ma.md, &MdConfig::md) == nullptr) return "Error!! MA config fail";
   create ? insert(c->mas, ma, &MaConfig::ma) : void(*old = ma);
   return "";
 }

@@ -74,6 +74,7 @@ TEST_F(ConfigLab, SavedAppliedAfterRestartBadLinesNamedReplaceKeepsUntouchedMeps
   EXPECT_EQ(Cfmctl("apply --replace /var/lab/none.conf /var/lab/new.conf"), "/var/lab/none.conf: No such file or directory\n[1]");
   std::vector<uint32_t> sequences = Sequences(2000);
   ASSERT_NE(Command("showremotemep").find("RemoteMepID : 9"), std::string::npos);
+  peer().Send(PeerCcm(1));  // it ages out 3.5 s after: the replace must not take that long
   EXPECT_EQ(Cfmctl("apply --replace /var/lab/new.conf"),
             "/var/lab/new.conf:8: no configuration: left out by --replace\ncfmctl apply: mep delete 1 1 6\n"
             "cfmctl apply: md delete 2\ncfmctl apply: mep create 1 1 7\ncfmctl apply: 8 lines, 0 failed\n[0]");

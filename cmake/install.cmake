@@ -37,6 +37,10 @@ install(FILES ${CFMD_STAGE}/cfmd.service DESTINATION lib/systemd/system)
 install(PROGRAMS ${CFMD_STAGE}/cfmd.init DESTINATION ${CFMD_SYSCONFDIR}/init.d RENAME cfmd)
 install(FILES ${CFMD_DIST}/cfmd.default DESTINATION ${CFMD_SYSCONFDIR}/default RENAME cfmd)
 install(FILES ${CFMD_DIST}/cfmd.logrotate DESTINATION ${CFMD_SYSCONFDIR}/logrotate.d RENAME cfmd)
+# The configuration cfmctl applies at start (every line an example, commented)
+# and the directory of further files.
+install(FILES ${CFMD_DIST}/cfmd.conf DESTINATION ${CFMD_SYSCONFDIR}/cfmd)
+install(DIRECTORY DESTINATION ${CFMD_SYSCONFDIR}/cfmd/cfmd.d)
 
 set(CPACK_PACKAGE_NAME cfmd)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -70,7 +74,8 @@ else()
 endif()
 # Every file in /etc is a conffile: dpkg keeps an operator's edits.
 file(WRITE ${CFMD_STAGE}/debian/conffiles
-  "${CFMD_SYSCONFDIR}/default/cfmd\n${CFMD_SYSCONFDIR}/init.d/cfmd\n${CFMD_SYSCONFDIR}/logrotate.d/cfmd\n")
+  "${CFMD_SYSCONFDIR}/cfmd/cfmd.conf\n${CFMD_SYSCONFDIR}/default/cfmd\n${CFMD_SYSCONFDIR}/init.d/cfmd\n"
+  "${CFMD_SYSCONFDIR}/logrotate.d/cfmd\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${CFMD_STAGE}/debian/conffiles ${CFMD_DIST}/debian/postinst ${CFMD_DIST}/debian/prerm
   ${CFMD_DIST}/debian/postrm)

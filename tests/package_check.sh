@@ -5,7 +5,8 @@
 # warning, the unit's sandbox rated by systemd-analyze. As root it then
 # installs the package for real in a throwaway copy of this machine
 # (scripts/sandbox.sh, sysvinit, no systemd running): the service is enabled
-# and started, cfmctl answers, an edited conffile survives a reinstall, removal
+# and started, cfmctl answers, the configuration files are applied at start and
+# reload and saved, an edited conffile survives a reinstall, removal
 # stops the daemon and its semaphore sets, purge leaves no file; the daemon
 # also runs with no more than the unit grants it.
 set -eu
@@ -87,13 +88,26 @@ scripts/sandbox.sh -f "$deb" bash -euxc '
     wait $! || true
     [ "$(sems)" = 0 ]
   done
+  # The example applied at start, a bad line named in the log; reload; config save kept by a restart.
+  sed -i "s/^#\([a-z]\)/\1/" /etc/cfmd/cfmd.conf
+  echo "ma create 1 3 --name x --interval 2s" >/etc/cfmd/cfmd.d/50-more.conf
   /etc/init.d/cfmd start
+  grep -q "^/etc/cfmd/cfmd.d/50-more.conf:1: ma: --interval" /var/log/cfmd.log
+  cfmctl show running-config | grep -qx "mep config 2 2 201 --vid 100 --active yes"
+  echo "mep create 1 1 102 --vid 100" >/etc/cfmd/cfmd.d/50-more.conf
+  /etc/init.d/cfmd reload | grep -qx "cfmctl apply: mep create 1 1 102 --vid 100"
+  rm /etc/cfmd/cfmd.d/50-more.conf
+  cfmctl config save
+  cfmctl show running-config >/tmp/running
+  /etc/init.d/cfmd restart
+  cfmctl show running-config | cmp - /tmp/running
   # An edited conffile survives a reinstall, which restarts the daemon;
   # force-reload restarts it again, and the edited options are used.
   read -r pid </var/run/cfmd.pid
   echo "CFMD_OPTS=\"-e -d -t /var/lib/cfmd\"" >>/etc/default/cfmd
   dpkg -i "$deb" >/dev/null
   grep -q -- "-e -d" /etc/default/cfmd
+  grep -q "^# written by cfmctl config save at " /etc/cfmd/cfmd.conf
   [ "$(cat /var/run/cfmd.pid)" != "$pid" ]
   read -r pid </var/run/cfmd.pid
   /etc/init.d/cfmd force-reload

@@ -13,6 +13,7 @@
 // closes it. cfmctl prints the report; its exit status says whether the
 // daemon refused (1), the words were wrong (2), no daemon answered (3) or
 // the answer did not come in time (4).
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -141,7 +142,8 @@ int help(const std::vector<std::string> &words) {
   if (words.size() == 1) {
     if (const NamedCommand *named = find_named(words[0])) {
       print_named_usage(*named, "");
-      if (words[0] != "show" && words[0] != "clear" && words[0] != "debug" && words[0] != "status") {
+      static const char *const kNoMep[] = {"show", "clear", "debug", "status", "apply", "config"};
+      if (std::none_of(std::begin(kNoMep), std::end(kNoMep), [&](const char *w) { return words[0] == w; })) {
         printf("key options of a MEP: --port (default 1), --vid (default 0), --direction (default down)\n");
       }
       return kOk;
@@ -171,16 +173,6 @@ int help(const std::vector<std::string> &words) {
   return kOk;
 }
 
-// The daemon's own words are those with help here (a lab test checks that
-// every word of the daemon's command table has help); the command table
-// itself is not linked, as it would bring the whole daemon into the client.
-bool is_raw_word(const std::string &word) {
-  for (const RawHelp &raw : kRawHelp) {
-    if (word == raw.word) return true;
-  }
-  return false;
-}
-
 // configmep and deletemep refuse a direction code other than their own
 // without a word; say so, as the request did nothing.
 int check_silent_refusal(const std::vector<std::string> &words, int status) {
@@ -199,6 +191,16 @@ int usage_error(const std::string &message) {
 }
 
 }  // namespace
+
+// The daemon's own words are those with help here (a lab test checks that
+// every word of the daemon's command table has help); the command table
+// itself is not linked, as it would bring the whole daemon into the client.
+bool cfmctl::is_daemon_word(const std::string &word) {
+  for (const RawHelp &raw : kRawHelp) {
+    if (word == raw.word) return true;
+  }
+  return false;
+}
 
 int main(int argc, char **argv) {
   Client client;
@@ -242,7 +244,7 @@ int main(int argc, char **argv) {
   }
   if (json && words[0] != "status") return usage_error("--json goes with --export, status or pm show");
   if (words[0] == "help") return help({words.begin() + 1, words.end()});
-  const NamedCommand *named = is_raw_word(words[0]) ? nullptr : find_named(words[0]);
+  const NamedCommand *named = is_daemon_word(words[0]) ? nullptr : find_named(words[0]);
   if (named != nullptr) {
     if (json) words.push_back("--json");
     return run_named(client, *named, {words.begin() + 1, words.end()});

@@ -31,8 +31,10 @@ const char *const kRefusals[] = {
 };
 
 int no_daemon(const Client &client, const char *what) {
-  fprintf(stderr, "cfmctl: %s: %s (is cfmd running? socket %s)\n", client.socket_path.c_str(), what,
-          client.socket_path.c_str());
+  if (!client.quiet) {
+    fprintf(stderr, "cfmctl: %s: %s (is cfmd running? socket %s)\n", client.socket_path.c_str(), what,
+            client.socket_path.c_str());
+  }
   return kNoDaemon;
 }
 

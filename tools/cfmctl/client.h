@@ -15,6 +15,8 @@ struct Client {
   // Seconds to wait for the reply: longer than the slowest command (the
   // linktrace export and clearltr sleep 3 s) plus a queue of other clients.
   int timeout_s = 10;
+  // No message when no daemon answers (a caller waiting for one).
+  bool quiet = false;
 };
 
 // Sends the request and collects the reply in *reply. Returns kOk; kNoDaemon

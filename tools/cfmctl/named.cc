@@ -4,13 +4,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "conffile.h"
 #include "status.h"
 
 namespace cfmctl {
 
 namespace {
 
-constexpr long kMax32 = 2147483647;
+constexpr long kMax32 = kMaxIndex;
 
 bool all_digits(const std::string &text) {
   if (text.empty() || text.size() > 10) return false;
@@ -34,18 +35,23 @@ bool one_word(Args &args, const char *option, const std::string &value) {
 
 }  // namespace
 
+// Options that take no value; every other --option takes the next word.
+bool is_flag(const std::string &word) {
+  static const char *const kFlags[] = {"--fdb-only", "--json", "--check", "--replace"};
+  for (const char *f : kFlags) {
+    if (word == f) return true;
+  }
+  return false;
+}
+
 Args::Args(const std::string &command, const std::vector<std::string> &words) : command_(command) {
-  // Options that take no value; every other --option takes the next word.
-  static const char *const kFlags[] = {"--fdb-only", "--json"};
   for (size_t i = 0; i < words.size(); ++i) {
     const std::string &w = words[i];
     if (w.size() < 3 || w.compare(0, 2, "--") != 0) {
       positional_.push_back(w);
       continue;
     }
-    bool flag = false;
-    for (const char *f : kFlags) flag = flag || w == f;
-    if (flag) {
+    if (is_flag(w)) {
       options_.emplace_back(w, "");
     } else if (i + 1 < words.size()) {
       options_.emplace_back(w, words[++i]);
@@ -140,18 +146,19 @@ bool Args::finish(size_t positional_max) {
   return error_.empty();
 }
 
-namespace {
-
-// Values by name where the daemon's command table has codes.
 const std::vector<const char *> kMdFormats = {"none", "dnslikename", "macaddressanduint", "charstring"};
 const std::vector<const char *> kMaFormats = {"primaryvid", "charstring", "unsignedint16", "rfc2865vpnid"};
-const std::vector<long> kFormatCodes = {11, 12, 13, 14};
 const std::vector<const char *> kMhf = {"none", "default"};
 const std::vector<const char *> kIntervals = {"10ms", "100ms", "1s", "10s", "1min", "10min"};
+const std::vector<const char *> kAlarms = {"alldef", "macremerrxcon", "remerrxcon", "errxcon", "xcon", "noxcon"};
+
+namespace {
+
+// Codes of the daemon's command table for the values by name.
+const std::vector<long> kFormatCodes = {11, 12, 13, 14};
 const std::vector<long> kIntervalCodes = {29, 30, 31, 32, 33, 34};
 const std::vector<const char *> kDirections = {"down", "up"};
 const std::vector<const char *> kOnOff = {"on", "off", "yes", "no"};
-const std::vector<const char *> kAlarms = {"alldef", "macremerrxcon", "remerrxcon", "errxcon", "xcon", "noxcon"};
 
 std::string num(long n) { return std::to_string(n); }
 
@@ -320,6 +327,10 @@ void build_show(Args &args, NamedRun *run) {
     names.push_back(name);
     if (args.word(0) == name) run->requests = {request};
   }
+  if (args.word(0) == "running-config") {
+    run->local = run_running_config;
+    return args.finish(1), void();
+  }
   if (!sub(args, names)) return;
   if (args.word(0) == "mep") {
     NamedRun mep;
@@ -354,6 +365,20 @@ void build_defaults(Args &args, NamedRun *run) {
   if (level < 0) args.fail("missing --level");
   run->requests = {"default " + num(level) + " mhf " + num(mhf < 0 ? 0 : mhf)};
   args.finish(0);
+}
+
+void build_apply(Args &args, NamedRun *run) {
+  args.has("--check");
+  args.has("--replace");
+  args.number("--wait", 0, kMaxWait, 0);
+  run->local = run_apply;
+  args.finish(args.count());
+}
+
+void build_config(Args &args, NamedRun *run) {
+  if (!sub(args, {"save"})) return;
+  run->local = run_config_save;
+  args.finish(2);
 }
 
 void build_status(Args &args, NamedRun *) {
@@ -398,12 +423,20 @@ const std::vector<NamedCommand> &named_commands() {
        "lt start MD MA MEPID [key options] --target MAC|--mepid N [--ttl 1..255] [--fdb-only]\n"
        "  one LTM, sent at once (nothing to stop); the replies: show ltr\n",
        build_lt, nullptr},
-      {"show", "show md|ma|mep [ccm|lt|lb]|rmep|ltr|lbr|defaults|status\n", build_show, nullptr},
+      {"show", "show md|ma|mep [ccm|lt|lb]|rmep|ltr|lbr|defaults|status|running-config\n", build_show, nullptr},
       {"clear", "clear rmep|ltr|lbr|counters\n", build_clear, nullptr},
       {"debug", "debug on|off\n", build_debug, nullptr},
       {"defaults", "defaults --level 0..7 [--mhf none|default]\n", build_defaults, nullptr},
       {"status", "status [--json]      CFM, every MEP, its defects, remote MEPs and last runs\n", build_status,
        run_status},
+      {"apply",
+       "apply [--check] [--replace] [--wait S] [FILE...]\n"
+       "  sends each line of the files (default /etc/cfmd/cfmd.conf, then /etc/cfmd/cfmd.d/*.conf);\n"
+       "  --check checks the lines only; --replace makes the daemon's configuration equal to the\n"
+       "  files; --wait waits up to S s until the daemon answers\n",
+       build_apply, nullptr},
+      {"config", "config save [FILE]   writes show running-config to FILE (default /etc/cfmd/cfmd.conf)\n",
+       build_config, nullptr},
   };
   return kCommands;
 }
@@ -424,6 +457,7 @@ int run_named(const Client &client, const NamedCommand &command, const std::vect
     return kUsage;
   }
   if (command.local != nullptr) return command.local(client, args);
+  if (run.local != nullptr) return run.local(client, args);
   int worst = kOk;
   for (const std::string &request : run.requests) {
     int status = run_and_print(client, request);

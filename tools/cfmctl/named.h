@@ -42,9 +42,11 @@ class Args {
 };
 
 // What a named command does once its words are checked: the requests to
-// send in order (all run; the exit status is the worst), or a local action.
+// send in order (all run; the exit status is the worst), or a local action
+// that replaces sending them and gives the exit status.
 struct NamedRun {
   std::vector<std::string> requests;
+  int (*local)(const Client &client, Args &args) = nullptr;
 };
 
 struct NamedCommand {
@@ -55,6 +57,20 @@ struct NamedCommand {
   // Replaces sending the requests (status): returns the exit status.
   int (*local)(const Client &client, Args &args);
 };
+
+// The values by name, in the order of the daemon's codes: MD name formats
+// 1..4, MA name formats 1..4, MHF creation 1..2, CCM intervals 2..7 and
+// lowest alarm priorities 1..6.
+extern const std::vector<const char *> kMdFormats, kMaFormats, kMhf, kIntervals, kAlarms;
+// Largest MD or MA index the named commands take.
+constexpr long kMaxIndex = 2147483647;
+
+// True for an option that takes no value (--json, --check, ...).
+bool is_flag(const std::string &word);
+
+// True for one of the daemon's own command words (defined with cfmctl's
+// help of them, outside this library).
+bool is_daemon_word(const std::string &word);
 
 const std::vector<NamedCommand> &named_commands();
 const NamedCommand *find_named(const std::string &word);

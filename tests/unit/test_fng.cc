@@ -1,0 +1,118 @@
+// Fault notification: the generator as a table of defects over time, and the
+// defects the fault layer derives from CCMs, with a fake clock.
+#include "core/events.h"
+#include "engines/fng.h"
+#include "harness.h"
+
+using namespace harness;
+
+namespace {
+
+// (time ms, defect present) -> what the generator says; alarm 2500, reset 10000.
+struct Step {
+  int64_t at;
+  uint8_t defect;
+  char out;  // '-' nothing, 'A' alarm, 'C' cleared
+  uint8_t reported;
+};
+
+TEST(Fng, StateMachine) {
+  const std::vector<std::vector<Step>> cases = {
+      // A defect for less than the alarm time raises nothing; exactly that long raises once.
+      {{0, 3, '-', 0}, {2499, 3, '-', 0}, {2500, 3, 'A', 3}, {2600, 3, '-', 3}},
+      // A short defect, gone before the alarm time, starts the wait anew.
+      {{0, 3, '-', 0}, {2000, 0, '-', 0}, {2100, 3, '-', 0}, {4599, 3, '-', 0}, {4600, 3, 'A', 3}},
+      // A higher defect while raised raises again at once; a lower one does not.
+      {{0, 2, '-', 0}, {2500, 2, 'A', 2}, {2600, 1, '-', 2}, {2700, 5, 'A', 5}, {2800, 4, '-', 5}},
+      // No defect for the reset time clears once; a defect meanwhile keeps it raised.
+      {{0, 3, '-', 0}, {2500, 3, 'A', 3}, {3000, 0, '-', 3}, {12999, 0, '-', 3}, {13000, 0, 'C', 0},
+       {20000, 0, '-', 0}},
+      {{0, 3, '-', 0}, {2500, 3, 'A', 3}, {3000, 0, '-', 3}, {9000, 3, '-', 3}, {9100, 0, '-', 3},
+       {19099, 0, '-', 3}, {19100, 0, 'C', 0}},
+      // A higher defect while clearing raises again.
+      {{0, 1, '-', 0}, {2500, 1, 'A', 1}, {2600, 0, '-', 1}, {2700, 4, 'A', 4}},
+  };
+  for (size_t c = 0; c < cases.size(); ++c) {
+    FngMachine m;
+    for (const Step &s : cases[c]) {
+      FngOutput out = cfm_fng_step(&m, s.defect, s.at, 2500, 10000);
+      char got = out == FngOutput::Alarm ? 'A' : out == FngOutput::Cleared ? 'C' : '-';
+      EXPECT_EQ(got, s.out) << "case " << c << " at " << s.at;
+      EXPECT_EQ(m.reported, s.reported) << "case " << c << " at " << s.at;
+    }
+  }
+  // With no alarm time the first defect raises at once.
+  FngMachine m;
+  EXPECT_EQ(cfm_fng_step(&m, 3, 0, 0, 0), FngOutput::Alarm);
+  EXPECT_EQ(cfm_fng_step(&m, 0, 1, 0, 0), FngOutput::Cleared);
+}
+
+int64_t g_now = 0;
+std::vector<CfmEvent> g_events;
+
+class Faults : public EngineTest {
+ protected:
+  MepEntry mep_;
+  void SetUp() override {
+    EngineTest::SetUp();
+    static bool once = (cfm_events_add_sink([](const CfmEvent &e) { g_events.push_back(e); }), true);
+    (void)once;
+    g_now = 100000;
+    cfm_fault_set_clock([] { return g_now; });
+    add_md(1, 5, "md");
+    add_ma(1, 2, "ma", 4);
+    mep_ = ccm_mep(1, 2, 1, 10);
+    mep_.LowestAlarmPriority = 1;
+    CFM_Update_MEP_Entry(&mep_);
+    cfm_events_deliver();
+    g_events.clear();
+  }
+  void TearDown() override {
+    cfm_fault_set_clock(nullptr);
+    EngineTest::TearDown();
+  }
+  // Ticks every 100 ms until `ms` have passed; the events in that time.
+  std::string run(int64_t ms, const PeerCcm *ccm = nullptr) {
+    for (int64_t t = 0; t < ms; t += 100, g_now += 100) {
+      if (ccm != nullptr && t % 1000 == 0) deliver_ccm(ccm->untagged(), 10);
+      cfm_fault_tick();
+    }
+    cfm_events_deliver();
+    std::string kinds;
+    for (const CfmEvent &e : g_events) {
+      kinds += std::string(cfm_event_kind_name(e.kind)) + (e.defect ? std::to_string(e.defect) : "") + " ";
+    }
+    g_events.clear();
+    return kinds;
+  }
+};
+
+TEST_F(Faults, DefectsOfReceivedCcmsRaiseAndClear) {
+  // A MEP that hears nothing: loss of continuity after 3.5 intervals, then
+  // the alarm time; a peer's CCMs clear it after the reset time.
+  EXPECT_EQ(run(3500 + 2400), "");
+  EXPECT_EQ(run(200), "fault-alarm3 ");
+  PeerCcm ccm;
+  EXPECT_EQ(run(9900, &ccm), "rmep-up ");
+  EXPECT_EQ(run(200, &ccm), "fault-cleared3 ");
+  // Each received defect as the highest one while it lasts.
+  struct Case {
+    const char *what;
+    PeerCcm ccm;
+    uint8_t defect;
+  } cases[] = {{"rdi", {}, 1}, {"port down", {}, 2}, {"error", {}, 4}, {"xcon", {}, 5}};
+  cases[0].ccm.rdi = true;
+  cases[1].ccm.port_status = 1;
+  cases[2].ccm.interval = 3;
+  cases[3].ccm.ma_name = "other";
+  for (Case &c : cases) {
+    deliver_ccm(c.ccm.untagged(), 10);
+    EXPECT_EQ(cfm_fault_highest_defect(read_mep(mep_)), c.defect) << c.what;
+    deliver_ccm(PeerCcm{}.untagged(), 10);  // the peer as it was
+    g_now += 3500;  // held 3.5 intervals of the bad CCM, the good peer heard just now
+    deliver_ccm(PeerCcm{}.untagged(), 10);
+    EXPECT_EQ(cfm_fault_highest_defect(read_mep(mep_)), 0) << c.what;
+  }
+}
+
+}  // namespace

@@ -8,6 +8,8 @@
 
 #include "core/config_tree.h"
 #include "core/events.h"
+#include "engines/fng.h"
+#include "engines/lt_done.h"
 #include "core/status.h"
 
 namespace {
@@ -156,7 +158,10 @@ uint32_t send_linktrace(MepEntry *entry, const MdEntry &md) {
   }
   CfmLtmTransmitFn transmit = g_ltm_transmitter.load();
   entry->LtmRuns += 1;
-  if (transmit != nullptr && transmit(&request) == 1) {
+  bool sent = transmit != nullptr && transmit(&request) == 1;
+  cfm_lt_done_started(entry->md_id, entry->ma_id, entry->mep_id, entry->vid, request.trans_id, sent,
+                      cfm_fault_now_ms());
+  if (sent) {
     entry->LtmResult = 1;
     entry->LtmTransmitStatus = 0;
     entry->LtmSeqNumber = entry->LtmNextSeqNumber;

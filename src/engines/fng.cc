@@ -6,6 +6,7 @@
 #include "core/events.h"
 #include "db/md_ma.h"
 #include "engines/ccm_tx.h"
+#include "engines/lt_done.h"
 
 namespace {
 
@@ -212,6 +213,7 @@ void cfm_fault_tick() {
     f->seen = true;
     evaluate(f, mep, now);
   }
+  cfm_lt_done_check(now);
   // A deleted MEP's state goes with it; made again, it starts afresh.
   for (MepFault &f : g_meps) {
     if (!f.seen) f.used = false;

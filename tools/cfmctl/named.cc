@@ -361,6 +361,8 @@ void build_status(Args &args, NamedRun *) {
   args.finish(0);
 }
 
+int run_watch_command(const Client &client, Args &args) { return run_watch(client, args.has("--json")); }
+
 }  // namespace
 
 const std::vector<NamedCommand> &named_commands() {
@@ -404,6 +406,8 @@ const std::vector<NamedCommand> &named_commands() {
       {"defaults", "defaults --level 0..7 [--mhf none|default]\n", build_defaults, nullptr},
       {"status", "status [--json]      CFM, every MEP, its defects, remote MEPs and last runs\n", build_status,
        run_status},
+      {"watch", "watch [--json]       events as they happen, one a line, until interrupted\n", build_status,
+       run_watch_command},
   };
   return kCommands;
 }

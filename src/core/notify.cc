@@ -30,6 +30,8 @@ std::condition_variable g_wake;
 std::deque<CfmEvent> g_queue;
 uint64_t g_dropped = 0;
 bool g_started = false;
+// The running program's process group (0: none), for the signal handler.
+volatile sig_atomic_t g_running = 0;
 
 void log_both(int priority, const std::string &message) {
   fprintf(stderr, "cfmd: %s\n", message.c_str());
@@ -157,7 +159,14 @@ int cfm_notify_run(const char *program, const CfmEvent &event, int limit_ms) {
   ssize_t n = write(pipe_fds[1], line.data(), line.size());
   (void)n;
   close(pipe_fds[1]);
-  return wait_child(child, program, limit_ms);
+  g_running = child;
+  int status = wait_child(child, program, limit_ms);
+  g_running = 0;
+  return status;
+}
+
+void cfm_notify_kill_running() {
+  if (g_running > 0) kill(-static_cast<pid_t>(g_running), SIGKILL);
 }
 
 void cfm_notify_event(const CfmEvent &event) {

@@ -24,5 +24,9 @@ std::vector<std::string> cfm_notify_environment(const CfmEvent &event);
 // its exit status, or -1 when it could not start or was killed.
 int cfm_notify_run(const char *program, const CfmEvent &event, int limit_ms);
 
+// Kills the running program's process group (async-signal-safe: the daemon
+// does it on its way out, so no program outlives it).
+void cfm_notify_kill_running();
+
 // The sink: queues the event for the runner thread (started on first use).
 void cfm_notify_event(const CfmEvent &event);

@@ -62,6 +62,7 @@ const char kUsage[] =
 // the exit status still says what happened. Any thread may run it, also
 // while another one is creating a set.
 void on_terminate(int sig) {
+  cfm_notify_kill_running();
   CFM_OS_Shutdown_Semaphores();
   signal(sig, SIG_DFL);
   raise(sig);

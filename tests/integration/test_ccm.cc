@@ -1,12 +1,19 @@
 // CCMs on the wire under load: a burst of good and mangled frames, and
 // commands racing a fast tick. What a CCM teaches and what is sent is checked
 // in-process by the unit tests; the demo learns peers end to end.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <optional>
 #include <thread>
+#include <poll.h>
+#include <sys/stat.h>
 
 #include "lab.h"
 
@@ -26,14 +33,14 @@ class CcmLab : public cfmlab::Lab {
  protected:
   // The daemon with the tick `interval` ("": 1 s) and a Down MEP 5 on port 1,
   // VID 0, in MA 1 "ma1" of MD 1 "md7" at level 7.
-  void Start(const std::string &interval = "100ms") {
-    std::vector<std::string> args = DefaultArgs();
+  void Start(const std::string &interval = "100ms", std::vector<std::string> args = DefaultArgs(),
+             const char *ma = "createma 1 0 1 0 ma1") {
     if (!interval.empty()) {
       WriteFile("/var/tree/cfm/ccm_interval", interval + "\n");
       args.insert(args.end(), {"-t", "/var/tree"});
     }
     ASSERT_TRUE(StartDaemonReady(args));
-    for (const char *request : {"createmd 1 0 7 0 md7", "createma 1 0 1 0 ma1", "createmep 1 0 1 0 5 0 1 0 0 0 1"}) {
+    for (const char *request : {"createmd 1 0 7 0 md7", ma, "createmep 1 0 1 0 5 0 1 0 0 0 1"}) {
       Command(request);
     }
   }
@@ -85,6 +92,142 @@ TEST_F(CcmLab, CommandsAndTheFastTickNeverUndoEachOther) {
   size_t repeats = 0;
   for (size_t i = 1; i < seen.size(); ++i) repeats += seen[i] <= seen[i - 1];
   EXPECT_EQ(repeats, 0u);
+}
+
+// Events of a peer that stops and resumes its 100 ms CCMs, by watch, syslog
+// and the notify program: one alarm for the lost continuity within the alarm
+// time plus 3.5 intervals (and a tick), one clear after the reset time.
+class EventLab : public CcmLab {
+ protected:
+  using Clock = std::chrono::steady_clock;
+  // Starts the daemon with `prog` for -n, then a watcher (JSON) and the peer.
+  void StartWatched(const std::string &prog) {
+    log_ = socket(AF_UNIX, SOCK_DGRAM, 0);
+    struct sockaddr_un addr = {AF_UNIX, "/var/log.sock"};
+    ASSERT_EQ(bind(log_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    setenv("CFMD_SYSLOG_PATH", "/var/log.sock", 1);
+    WriteFile("/var/notify", prog);
+    chmod("/var/notify", 0755);
+    std::vector<std::string> args = DefaultArgs();
+    args.insert(args.end(), {"-n", "/var/notify"});
+    Start("100ms", args, "createma 1 0 1 0 ma1 3 30");
+    watch_ = Connect();
+    ASSERT_EQ(send(watch_, "watch json\n", 11, 0), 11);
+    Command("runtime 1");  // served after the watch request: the watcher is in place
+    peer_ = std::thread([this] {
+      for (uint32_t seq = 1; !done_; ++seq, std::this_thread::sleep_for(100ms)) {
+        if (sending_) peer().Send(PeerCcm(seq, 3));
+      }
+    });
+  }
+  void TearDown() override {
+    done_ = true;
+    if (peer_.joinable()) peer_.join();
+    close(watch_), close(log_);
+    unsetenv("CFMD_SYSLOG_PATH");
+    CcmLab::TearDown();
+  }
+  // Reads watch lines until one holds `what` (the time it came) or timeout.
+  std::optional<Clock::time_point> Await(const std::string &what, int timeout_ms) {
+    for (auto end = Clock::now() + std::chrono::milliseconds(timeout_ms); Clock::now() < end;) {
+      struct pollfd p = {watch_, POLLIN, 0};
+      if (poll(&p, 1, 50) <= 0) continue;
+      char buf[4096];
+      ssize_t n = recv(watch_, buf, sizeof buf, 0);
+      if (n <= 0) break;
+      lines_.append(buf, size_t(n));
+      for (size_t nl; (nl = lines_.find('\n', scanned_)) != std::string::npos; scanned_ = nl + 1) {
+        if (lines_.substr(scanned_, nl - scanned_).find(what) != std::string::npos) {
+          scanned_ = nl + 1;
+          return Clock::now();
+        }
+      }
+    }
+    return std::nullopt;
+  }
+  static size_t Count(const std::string &text, const std::string &what) {
+    size_t n = 0;
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
+    return n;
+  }
+  int watch_ = -1, log_ = -1;
+  std::atomic<bool> done_{false}, sending_{true};
+  std::thread peer_;
+  std::string lines_;
+  size_t scanned_ = 0;
+};
+
+TEST_F(EventLab, PeerStopsAndResumes) {
+  StartWatched("#!/bin/sh\necho \"$CFM_EVENT $CFM_DEFECT_CODE $CFM_RMEPID $(cat)\" >>/var/notify.log\n");
+  ASSERT_TRUE(Await("\"event\":\"rmep-up\"", 3000));
+  std::this_thread::sleep_for(3s);  // heard all along: no alarm
+  sending_ = false;
+  auto stopped = Clock::now();
+  EXPECT_TRUE(Await("\"event\":\"rmep-down\"", 3000));
+  auto alarm = Await("\"event\":\"fault-alarm\"", 6000);
+  ASSERT_TRUE(alarm);
+  auto ms = [](auto d) { return std::chrono::duration_cast<std::chrono::milliseconds>(d).count(); };
+  EXPECT_GE(ms(*alarm - stopped), 2500 + 350 - 200);  // the peer's last CCM was up to 100 ms before
+  EXPECT_LE(ms(*alarm - stopped), 2500 + 350 + 100 + 1500);  // a margin for a loaded machine
+  sending_ = true;
+  auto resumed = Clock::now();
+  EXPECT_TRUE(Await("\"event\":\"rmep-up\"", 3000));
+  auto cleared = Await("\"event\":\"fault-cleared\"", 14000);
+  ASSERT_TRUE(cleared);
+  EXPECT_GE(ms(*cleared - resumed), 10000 - 200);
+  EXPECT_LE(ms(*cleared - resumed), 10000 + 100 + 1500);
+  std::this_thread::sleep_for(1s);
+  Await("never", 200);
+  EXPECT_EQ(Count(lines_, "fault-alarm"), 1u);
+  EXPECT_EQ(Count(lines_, "fault-cleared"), 1u);
+  EXPECT_EQ(Count(lines_, "\"defect\":\"remote CCM\",\"defect_code\":3"), 2u);
+  EXPECT_EQ(SchemaErrors(lines_, "event", true), "");
+  std::string log;
+  char buf[1024];
+  for (ssize_t n; (n = recv(log_, buf, sizeof buf, MSG_DONTWAIT)) > 0;) log += std::string(buf, size_t(n)) + "\n";
+  EXPECT_EQ(Count(log, "<27>"), 1u) << log;  // daemon.err: the alarm
+  EXPECT_EQ(Count(log, "fault-alarm md=md7 level=7 ma=ma1 mep=5 vid=0 defect=\"remote CCM\" defect_code=3"), 1u);
+  EXPECT_EQ(Count(log, "<29>"), 1u);  // daemon.notice: the clear
+  std::string ran = ReadFile("/var/notify.log");
+  EXPECT_EQ(Count(ran, "fault-alarm 3  {\"time\""), 1u) << ran;
+  EXPECT_EQ(Count(ran, "fault-cleared 3  {"), 1u);
+  EXPECT_EQ(Count(ran, "rmep-up  9 {"), 2u);
+}
+
+// A watcher that never reads and a program that sleeps neither delay the
+// CCMs nor cost a reading watcher an event.
+TEST_F(EventLab, StalledConsumersDelayNothing) {
+  StartWatched("#!/bin/sh\nsleep 60\n");
+  int stalled = Connect();
+  ASSERT_EQ(send(stalled, "watch\n", 6, 0), 6);
+  ASSERT_TRUE(Await("\"event\":\"rmep-up\"", 3000));
+  std::atomic<bool> measuring{true};
+  std::vector<Clock::time_point> seen;
+  std::thread ccms([&] {
+    while (measuring) {
+      for (size_t n = peer().ReceiveAll(50, is_daemon_ccm).size(); n > 0; --n) seen.push_back(Clock::now());
+    }
+  });
+  const std::string changed = "\"object\":\"mep\",\"action\":\"changed\"";
+  std::thread reader([&] {  // the watcher that reads, until 3 s pass without a change
+    while (Await(changed, 3000)) {
+    }
+  });
+  size_t changes = 0;  // for 3 s: far more lines than the stalled watcher's buffer holds
+  for (auto end = Clock::now() + 3s; Clock::now() < end; ++changes) {
+    Command(std::string("configmep 1 0 1 0 5 0 1 0 0 0 100 0 4 4") + "23"[changes % 2]);
+  }
+  measuring = false;
+  ccms.join();
+  reader.join();
+  close(stalled);
+  EXPECT_EQ(Count(lines_, changed), changes);
+  ASSERT_GT(seen.size(), 10u);
+  long worst = 0;
+  for (size_t i = 1; i < seen.size(); ++i) {
+    worst = std::max<long>(worst, std::chrono::duration_cast<std::chrono::milliseconds>(seen[i] - seen[i - 1]).count());
+  }
+  EXPECT_LT(worst, 1000) << "the largest gap between the daemon's 100 ms CCMs";
 }
 
 }  // namespace

@@ -230,4 +230,25 @@ TEST_F(EventLab, StalledConsumersDelayNothing) {
   EXPECT_LT(worst, 1000) << "the largest gap between the daemon's 100 ms CCMs";
 }
 
+// The example notify program renews the lease of a running udhcpc (a stub
+// that dies of the signal) after the delay bounds, only when continuity at
+// the customer level comes back.
+TEST_F(CcmLab, NotifyExampleRenewsTheLease) {
+  ASSERT_EQ(Shell("cp \"$(command -v sleep)\" /var/udhcpc"), 0);
+  ASSERT_EQ(Shell("(/var/udhcpc 30; echo $? >/var/stub.status) >/dev/null 2>&1 & sleep 0.3"), 0);
+  const std::string run = "CFMD_RENEW_DELAY_MIN=1 CFMD_RENEW_DELAY_MAX=2 CFMD_RENEW_LOG=/var/renew.log " CFMD_DIST
+                          "/notify-dhcp-renew";
+  for (const char *quiet : {"CFM_EVENT=fault-alarm CFM_MD_LEVEL=5", "CFM_EVENT=rmep-up CFM_MD_LEVEL=4",
+                            "CFM_EVENT=rmep-down CFM_MD_LEVEL=5"}) {
+    EXPECT_EQ(Shell(std::string(quiet) + " " + run), 0) << quiet;
+  }
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Shell("CFM_EVENT=fault-cleared CFM_MD_LEVEL=5 " + run + " && sleep 0.3"), 0);
+  long ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+  std::string log = ReadFile("/var/renew.log");
+  ASSERT_TRUE(log == "fault-cleared 1 udhcpc\n" || log == "fault-cleared 2 udhcpc\n") << log;
+  EXPECT_GE(ms, (log[14] - '0') * 1000);
+  EXPECT_EQ(ReadFile("/var/stub.status"), "138\n");  // 128 + SIGUSR1
+}
+
 }  // namespace

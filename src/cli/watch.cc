@@ -74,13 +74,14 @@ void WatchHub::publish(const CfmEvent &event) {
   for (Watcher &w : watchers_) append(&w, w.json ? json : text);
 }
 
-void WatchHub::flush() {
+size_t WatchHub::flush() {
   std::lock_guard<std::mutex> lock(mutex_);
   for (size_t i = watchers_.size(); i-- > 0;) {
     if (write_some(&watchers_[i])) continue;
     close(watchers_[i].fd);
     watchers_.erase(watchers_.begin() + static_cast<long>(i));
   }
+  return watchers_.size();
 }
 
 size_t WatchHub::count() {

@@ -26,7 +26,8 @@ class WatchHub {
   // Queues the event's line for every watcher and writes what fits.
   void publish(const CfmEvent &event);
   // Writes what each watcher can take; closes those that have gone.
-  void flush();
+  // Returns the watchers left.
+  size_t flush();
   size_t count();
 
  private:

@@ -26,7 +26,7 @@ std::deque<CfmEvent> g_queue;
 uint64_t g_dropped = 0;
 CfmEventSink g_sinks[kMaxSinks] = {};
 std::atomic<size_t> g_sink_count{0};
-void (*g_idle)() = nullptr;
+bool (*g_idle)() = nullptr;
 bool g_started = false;
 
 const char *const kKindNames[] = {"fault-alarm", "fault-cleared", "rmep-up", "rmep-down",
@@ -36,13 +36,20 @@ const char *const kObjectNames[] = {"md", "ma", "mep"};
 const char *const kActionNames[] = {"created", "changed", "deleted"};
 
 void *delivery_task(void *) {
+  bool again = false;
   for (;;) {
     {
       std::unique_lock<std::mutex> lock(g_mutex);
-      g_wake.wait_for(lock, std::chrono::milliseconds(kIdleMs), [] { return !g_queue.empty(); });
+      auto ready = [] { return !g_queue.empty(); };
+      // Woken for events, or every 100 ms while the idle work wants it.
+      if (again) {
+        g_wake.wait_for(lock, std::chrono::milliseconds(kIdleMs), ready);
+      } else {
+        g_wake.wait(lock, ready);
+      }
     }
     cfm_events_deliver();
-    if (g_idle != nullptr) g_idle();
+    again = g_idle != nullptr && g_idle();
   }
   return nullptr;
 }
@@ -214,7 +221,7 @@ void cfm_events_add_sink(CfmEventSink sink) {
   g_sink_count.store(n + 1);
 }
 
-void cfm_events_set_idle(void (*idle)()) { g_idle = idle; }
+void cfm_events_set_idle(bool (*idle)()) { g_idle = idle; }
 
 void cfm_events_start() {
   if (g_started) return;

@@ -66,8 +66,9 @@ void cfm_event_post(const CfmEvent &event);
 using CfmEventSink = void (*)(const CfmEvent &event);
 // Registers a sink (before cfm_events_start); at most a few.
 void cfm_events_add_sink(CfmEventSink sink);
-// Called by the delivery thread at least every 100 ms (watchers catch up).
-void cfm_events_set_idle(void (*idle)());
+// Called by the delivery thread after each batch, and again every 100 ms
+// for as long as it returns true (watchers catching up).
+void cfm_events_set_idle(bool (*idle)());
 // Starts the delivery thread (once).
 void cfm_events_start();
 // Takes what is queued and hands it to the sinks on the calling thread

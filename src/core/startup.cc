@@ -100,7 +100,7 @@ void run_ifconfig(const char *ifname) {
 // of -n; a delivery thread takes them off the engines' path.
 void start_events() {
   cfm_events_add_sink([](const CfmEvent &event) { cfm_watch_hub().publish(event); });
-  cfm_events_set_idle([] { cfm_watch_hub().flush(); });
+  cfm_events_set_idle([] { return cfm_watch_hub().flush() > 0; });
   if (!g_cfm_extra_options.no_syslog) cfm_events_add_sink(cfm_event_log);
   if (cfm_notify_program()[0] != '\0') cfm_events_add_sink(cfm_notify_event);
   cfm_events_start();

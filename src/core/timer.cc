@@ -8,7 +8,6 @@
 #include "core/os.h"
 #include "core/status.h"
 #include "engines/ccm_tx.h"
-#include "engines/fng.h"
 #include "engines/lb_initiator.h"
 
 namespace {
@@ -59,7 +58,6 @@ void cfm_timer_tick() {
   MepSycLock lock;
   CFM_CCM_TIME_CHECK();
   CFM_LBI_XMIT_Check();
-  cfm_fault_tick();
 }
 
 uint32_t CFM_Timer_Init_Tmr() {

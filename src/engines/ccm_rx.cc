@@ -410,9 +410,11 @@ void cfm_ccm_loc_check() {
 }
 
 void cfm_ccm_fault_alarm_check() {
+  cfm_fault_tick_begin();
   MepEntry mep;
   memset(&mep, 0, sizeof mep);
   while (CFM_GetNext_MEP_Entry(&mep) == 1) {
+    cfm_fault_evaluate(mep);  // reads the MEP only; its own state is apart
     if (mep.CcmDefect == kDefectNone) {
       if (mep.FngTimer > 0) continue;
       mep.FngTimer = mep.FngAlarmTime * 10;
@@ -427,4 +429,5 @@ void cfm_ccm_fault_alarm_check() {
     }
     CFM_Update_MEP_Entry(&mep);
   }
+  cfm_fault_tick_end();
 }

@@ -33,8 +33,14 @@ struct MepFault {
 };
 
 MepFault g_meps[CFM_MAX_MEP];
+int g_slots = 0;  // slots ever used: the walks stop there
+
+// The slots in use or free below the high-water mark.
+MepFault *slots_begin() { return g_meps; }
+MepFault *slots_end() { return g_meps + g_slots; }
 int64_t (*g_clock)() = nullptr;
 int64_t g_last_tick_ms = 0;
+int64_t g_tick_now = 0;  // the time of the tick being evaluated
 bool g_ticked = false;
 
 // A pause of the ticks this long means CFM was off: what was heard before
@@ -51,8 +57,8 @@ bool same_key(const MepKey &key, const MepEntry &mep) {
 }
 
 MepFault *find(const MepEntry &mep) {
-  for (MepFault &f : g_meps) {
-    if (f.used && same_key(f.key, mep)) return &f;
+  for (MepFault *f = slots_begin(); f != slots_end(); ++f) {
+    if (f->used && same_key(f->key, mep)) return f;
   }
   return nullptr;
 }
@@ -60,15 +66,15 @@ MepFault *find(const MepEntry &mep) {
 // The MEP's state, made when first met.
 MepFault *find_or_make(const MepEntry &mep, int64_t now) {
   if (MepFault *f = find(mep)) return f;
-  for (MepFault &f : g_meps) {
-    if (f.used) continue;
-    f = MepFault{};
-    f.used = true;
-    f.key = {mep.md_id, mep.ma_id, mep.mep_id, mep.port, mep.vid, mep.direction};
-    f.since_ms = now;
-    return &f;
-  }
-  return nullptr;
+  MepFault *f = slots_begin();
+  while (f != slots_end() && f->used) ++f;
+  if (f == g_meps + CFM_MAX_MEP) return nullptr;
+  if (f == slots_end()) g_slots += 1;
+  *f = MepFault{};
+  f->used = true;
+  f->key = {mep.md_id, mep.ma_id, mep.mep_id, mep.port, mep.vid, mep.direction};
+  f->since_ms = now;
+  return f;
 }
 
 int64_t ma_loss_ms(uint32_t ma_id) {
@@ -194,30 +200,33 @@ void cfm_fault_error_ccm(const MepEntry &mep, uint8_t interval) {
 
 void cfm_fault_xcon_ccm(const MepEntry &mep, uint8_t interval) { hold_until(&MepFault::xcon_until_ms, mep, interval); }
 
-void cfm_fault_tick() {
-  int64_t now = cfm_fault_now_ms();
-  bool resumed = !g_ticked || now - g_last_tick_ms > kPauseMs;
+void cfm_fault_tick_begin() {
+  g_tick_now = cfm_fault_now_ms();
+  bool resumed = !g_ticked || g_tick_now - g_last_tick_ms > kPauseMs;
   g_ticked = true;
-  g_last_tick_ms = now;
-  for (MepFault &f : g_meps) {
-    f.seen = false;
+  g_last_tick_ms = g_tick_now;
+  for (MepFault *f = slots_begin(); f != slots_end(); ++f) {
+    f->seen = false;
     if (!resumed) continue;
-    f.since_ms = now;
-    f.remotes = 0;
+    f->since_ms = g_tick_now;
+    f->remotes = 0;
   }
-  MepEntry mep;
-  memset(&mep, 0, sizeof mep);
-  while (CFM_GetNext_MEP_Entry(&mep) == 1) {
-    MepFault *f = find_or_make(mep, now);
-    if (f == nullptr) continue;
-    f->seen = true;
-    evaluate(f, mep, now);
-  }
-  cfm_lt_done_check(now);
+}
+
+void cfm_fault_evaluate(const MepEntry &mep) {
+  MepFault *f = find_or_make(mep, g_tick_now);
+  if (f == nullptr) return;
+  f->seen = true;
+  evaluate(f, mep, g_tick_now);
+}
+
+void cfm_fault_tick_end() {
+  cfm_lt_done_check(g_tick_now);
   // A deleted MEP's state goes with it; made again, it starts afresh.
-  for (MepFault &f : g_meps) {
-    if (!f.seen) f.used = false;
+  for (MepFault *f = slots_begin(); f != slots_end(); ++f) {
+    if (!f->seen) f->used = false;
   }
+  while (g_slots > 0 && !g_meps[g_slots - 1].used) g_slots -= 1;
 }
 
 uint8_t cfm_fault_highest_defect(const MepEntry &mep) {
@@ -236,4 +245,5 @@ void cfm_fault_set_clock(int64_t (*now_ms)()) {
   g_clock = now_ms;
   g_ticked = false;
   for (MepFault &f : g_meps) f.used = false;
+  g_slots = 0;
 }

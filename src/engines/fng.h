@@ -42,9 +42,13 @@ void cfm_fault_ccm_heard(const MepEntry &mep, const RemoteMepEntry &remote, uint
 void cfm_fault_error_ccm(const MepEntry &mep, uint8_t interval);
 void cfm_fault_xcon_ccm(const MepEntry &mep, uint8_t interval);
 
-// Evaluates every MEP's defects and generator; posts the events. Called by
-// the timer tick.
-void cfm_fault_tick();
+// One evaluation per tick, riding on the fault-alarm timer's walk of the
+// MEPs (no walk of its own): begin, every MEP's defects and generator (the
+// events posted), then end (MEPs not met are forgotten; linktraces due are
+// reported).
+void cfm_fault_tick_begin();
+void cfm_fault_evaluate(const MepEntry &mep);
+void cfm_fault_tick_end();
 
 // The highest defect of the MEP now, whatever its alarm priority (0 none).
 uint8_t cfm_fault_highest_defect(const MepEntry &mep);

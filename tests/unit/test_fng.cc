@@ -75,7 +75,7 @@ class Faults : public EngineTest {
   std::string run(int64_t ms, const PeerCcm *ccm = nullptr) {
     for (int64_t t = 0; t < ms; t += 100, g_now += 100) {
       if (ccm != nullptr && t % 1000 == 0) deliver_ccm(ccm->untagged(), 10);
-      cfm_fault_tick();
+      cfm_ccm_fault_alarm_check();
     }
     cfm_events_deliver();
     std::string kinds;
@@ -113,6 +113,15 @@ TEST_F(Faults, DefectsOfReceivedCcmsRaiseAndClear) {
     deliver_ccm(PeerCcm{}.untagged(), 10);
     EXPECT_EQ(cfm_fault_highest_defect(read_mep(mep_)), 0) << c.what;
   }
+}
+
+TEST_F(Faults, QueueKeepsItsBoundAndCountsTheRest) {
+  uint64_t before = cfm_events_dropped();
+  CfmEvent event = cfm_event_make(CfmEventKind::Config, 1, 2, 1, 10);
+  for (size_t i = 0; i < CFM_EVENT_QUEUE_MAX + 3; ++i) cfm_event_post(event);
+  EXPECT_EQ(cfm_events_deliver(), CFM_EVENT_QUEUE_MAX);
+  EXPECT_EQ(cfm_events_dropped() - before, 3u);
+  g_events.clear();
 }
 
 }  // namespace

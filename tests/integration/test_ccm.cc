@@ -39,9 +39,7 @@ class CcmLab : public cfmlab::Lab {
       args.insert(args.end(), {"-t", "/var/tree"});
     }
     ASSERT_TRUE(StartDaemonReady(args));
-    for (const char *request : {"createmd 1 0 7 0 md7", ma, "createmep 1 0 1 0 5 0 1 0 0 0 1"}) {
-      Command(request);
-    }
+    for (const char *request : {"createmd 1 0 7 0 md7", ma, "createmep 1 0 1 0 5 0 1 0 0 0 1"}) Command(request);
   }
   Frame NextCcm() { return peer().Receive(3000, is_daemon_ccm).value_or(Frame(22, 0)); }
 };
@@ -73,9 +71,7 @@ TEST_F(CcmLab, CommandsAndTheFastTickNeverUndoEachOther) {
   std::atomic<bool> done{false};
   std::vector<uint32_t> seen;
   std::thread watcher([&] {
-    while (!done) {
-      for (const Frame &f : peer().ReceiveAll(50, is_daemon_ccm)) seen.push_back(sequence_of(f));
-    }
+    while (!done) for (const Frame &f : peer().ReceiveAll(50, is_daemon_ccm)) seen.push_back(sequence_of(f));
   });
   int undone = 0;
   for (int i = 0; i < 200; ++i) {

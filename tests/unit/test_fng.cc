@@ -1,7 +1,9 @@
 // Fault notification: the generator as a table of defects over time, and the
 // defects the fault layer derives from CCMs, with a fake clock.
 #include "core/events.h"
+#include "db/ltr_db.h"
 #include "engines/fng.h"
+#include "engines/lt_done.h"
 #include "harness.h"
 
 using namespace harness;
@@ -9,11 +11,8 @@ using namespace harness;
 namespace {
 
 // (time ms, defect present) -> what the generator says; alarm 2500, reset 10000.
-struct Step {
-  int64_t at;
-  uint8_t defect;
-  char out;  // '-' nothing, 'A' alarm, 'C' cleared
-  uint8_t reported;
+struct Step {  // out: '-' nothing, 'A' alarm, 'C' cleared
+  int64_t at; uint8_t defect; char out; uint8_t reported;
 };
 
 TEST(Fng, StateMachine) {
@@ -61,6 +60,7 @@ class Faults : public EngineTest {
     add_md(1, 5, "md");
     add_ma(1, 2, "ma", 4);
     mep_ = ccm_mep(1, 2, 1, 10);
+    ccm_mep(1, 2, 3, 20);  // hears nothing: its own state
     cfm_events_deliver(), g_events.clear();  // what an earlier case left
   }
   // Ticks every 100 ms until `ms` have passed; the events in that time.
@@ -71,8 +71,7 @@ class Faults : public EngineTest {
     }
     cfm_events_deliver();
     std::string kinds;
-    for (const CfmEvent &e : g_events) kinds += cfm_event_kind_name(e.kind) + std::to_string(e.defect) + " ";
-    g_events.clear();
+    for (const CfmEvent &e : std::exchange(g_events, {})) kinds += cfm_event_kind_name(e.kind) + std::to_string(e.defect + e.replies) + " ";
     return kinds;
   }
 };
@@ -81,24 +80,31 @@ TEST_F(Faults, DefectsOfReceivedCcmsRaiseAndClear) {
   // A MEP that hears nothing: loss of continuity after 3.5 intervals, then
   // the alarm time; a peer's CCMs clear it after the reset time.
   EXPECT_EQ(run(3500 + 2400), "");
-  EXPECT_EQ(run(200), "fault-alarm3 ");
+  EXPECT_EQ(run(200), "fault-alarm3 fault-alarm3 ");
   PeerCcm ccm;
   EXPECT_EQ(run(9900, &ccm), "rmep-up0 ");
   EXPECT_EQ(run(200, &ccm), "fault-cleared3 ");
   // Each received defect as the highest one while it lasts: 3.5 intervals
   // of the bad CCM (the peer's RDI and port status until it sends again).
-  const std::vector<std::pair<void (*)(PeerCcm &), uint8_t>> cases = {
-      {[](PeerCcm &c) { c.rdi = true; }, 1}, {[](PeerCcm &c) { c.port_status = 1; }, 2},
-      {[](PeerCcm &c) { c.interval = 3; }, 4}, {[](PeerCcm &c) { c.ma_name = "other"; }, 5}};
-  for (auto [bad, defect] : cases) {
+  const std::vector<std::tuple<void (*)(PeerCcm &), uint8_t, int64_t>> cases = {
+      {[](PeerCcm &c) { c.rdi = true; }, 1, 0}, {[](PeerCcm &c) { c.port_status = 1; }, 2, 0},
+      {[](PeerCcm &c) { c.interval = 3; }, 4, 350}, {[](PeerCcm &c) { c.ma_name = "other"; }, 5, 3500}};
+  for (auto [bad, defect, hold] : cases) {
     bad(ccm);
     deliver_ccm(ccm.untagged(), 10);
     EXPECT_EQ(cfm_fault_highest_defect(read_mep(mep_)), defect);
-    g_now += 3500;
+    g_now += hold;
     deliver_ccm(PeerCcm{}.untagged(), 10);
     EXPECT_EQ(cfm_fault_highest_defect(read_mep(mep_)), 0) << int(defect);
     ccm = PeerCcm{};
   }
+  // A linktrace is reported 5 s after its LTM, with the replies of its transaction.
+  LtrEntry reply = {};
+  reply.md_id = 1, reply.ma_id = 2, reply.mep_id = 1, reply.sequence = 7, reply.ReplyNumber = 1;
+  CFM_DB_Update_LtrEntry(&reply);
+  cfm_lt_done_started(1, 2, 1, 10, 7, true, g_now);
+  EXPECT_EQ(run(4900), "");
+  EXPECT_EQ(run(200), "lt-done1 ");
 }
 
 TEST_F(Faults, QueueKeepsItsBoundAndCountsTheRest) {
@@ -107,7 +113,6 @@ TEST_F(Faults, QueueKeepsItsBoundAndCountsTheRest) {
   for (size_t i = 0; i < CFM_EVENT_QUEUE_MAX + 3; ++i) cfm_event_post(event);
   EXPECT_EQ(cfm_events_deliver(), CFM_EVENT_QUEUE_MAX);
   EXPECT_EQ(cfm_events_dropped() - before, 3u);
-  g_events.clear();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <vector>
 
 #include "cli/json.h"
 #include "core/hwaddr.h"
@@ -30,7 +31,7 @@ bool (*g_idle)() = nullptr;
 bool g_started = false;
 
 const char *const kKindNames[] = {"fault-alarm", "fault-cleared", "rmep-up", "rmep-down",
-                                  "lb-done",     "lt-done",       "config"};
+                                  "lb-done",     "lt-done",       "config",  "pm-done"};
 const char *const kDefectNames[] = {"none", "RDI", "MAC status", "remote CCM", "error CCM", "cross-connect"};
 const char *const kObjectNames[] = {"md", "ma", "mep"};
 const char *const kActionNames[] = {"created", "changed", "deleted"};
@@ -70,6 +71,36 @@ void add_number(std::string *line, const char *key, unsigned long value) {
   char text[24];
   snprintf(text, sizeof text, "%lu", value);
   add_field(line, key, text);
+}
+
+// A figure of a PM session: "%lld" or "%.4f", or "null" when not measured.
+std::string figure(bool has, double value, bool ratio) {
+  char text[32] = "null";
+  if (has) snprintf(text, sizeof text, ratio ? "%.4f" : "%.0f", value);
+  return text;
+}
+
+// The figures of a pm-done event as key and text, in order.
+struct PmFigure {
+  const char *key;
+  std::string text;
+};
+std::vector<PmFigure> pm_figures(const CfmEvent &e) {
+  std::vector<PmFigure> f = {{"sent", figure(true, e.sent, false)}};
+  if (strcmp(e.pm, "1dm") != 0) {
+    f.push_back({"replies", figure(true, e.replies, false)});
+    f.push_back({"lost", figure(true, e.lost, false)});
+  }
+  f.push_back({"invalid", figure(true, e.invalid, false)});
+  if (strcmp(e.pm, "dm") == 0) {
+    f.push_back({"delay_min_ns", figure(e.has_delay, static_cast<double>(e.delay_min_ns), false)});
+    f.push_back({"delay_avg_ns", figure(e.has_delay, static_cast<double>(e.delay_avg_ns), false)});
+    f.push_back({"delay_max_ns", figure(e.has_delay, static_cast<double>(e.delay_max_ns), false)});
+  } else if (strcmp(e.pm, "slm") == 0) {
+    f.push_back({"near_loss", figure(e.has_near, e.near_loss, true)});
+    f.push_back({"far_loss", figure(e.has_far, e.far_loss, true)});
+  }
+  return f;
 }
 
 }  // namespace
@@ -143,6 +174,11 @@ std::string cfm_event_text(const CfmEvent &e) {
       add_field(&line, "object", kObjectNames[static_cast<size_t>(e.object)]);
       add_field(&line, "action", kActionNames[static_cast<size_t>(e.action)]);
       break;
+    case CfmEventKind::PmDone:
+      add_field(&line, "pm", e.pm);
+      add_field(&line, "result", e.stopped ? "stopped" : "finished");
+      for (const PmFigure &f : pm_figures(e)) add_field(&line, f.key, f.text.c_str());
+      break;
   }
   return line;
 }
@@ -192,6 +228,11 @@ std::string cfm_event_json(const CfmEvent &e) {
     case CfmEventKind::Config:
       json.text("object", kObjectNames[static_cast<size_t>(e.object)]);
       json.text("action", kActionNames[static_cast<size_t>(e.action)]);
+      break;
+    case CfmEventKind::PmDone:
+      json.text("pm", e.pm);
+      json.text("result", e.stopped ? "stopped" : "finished");
+      for (const PmFigure &f : pm_figures(e)) json.literal(f.key, f.text.c_str());
       break;
   }
   json.end('}');

@@ -11,7 +11,7 @@
 
 #include "db/md_ma.h"
 
-enum class CfmEventKind : uint8_t { FaultAlarm, FaultCleared, RmepUp, RmepDown, LbDone, LtDone, Config };
+enum class CfmEventKind : uint8_t { FaultAlarm, FaultCleared, RmepUp, RmepDown, LbDone, LtDone, Config, PmDone };
 
 // What a config event concerns and what happened to it.
 enum class CfmConfigObject : uint8_t { Md, Ma, Mep };
@@ -38,6 +38,13 @@ struct CfmEvent {
   bool ok;
   bool stopped;  // lb-done: ended by lbstop
   uint32_t sent, replies, out_of_order, bad;
+  // pm-done (with sent, replies, stopped): the session's kind ("dm", "slm",
+  // "1dm") and figures; what was not measured has its flag false
+  const char *pm;
+  uint32_t lost, invalid;
+  bool has_delay, has_near, has_far;
+  int64_t delay_min_ns, delay_avg_ns, delay_max_ns;
+  double near_loss, far_loss;  // 0..1
   // config
   CfmConfigObject object;
   CfmConfigAction action;

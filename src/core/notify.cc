@@ -111,6 +111,12 @@ std::vector<std::string> cfm_notify_environment(const CfmEvent &e) {
       env.push_back(std::string("CFM_RESULT=") + (e.stopped ? "stopped" : e.ok ? "ok" : "fail"));
       env.push_back("CFM_REPLIES=" + number(e.replies));
       break;
+    case CfmEventKind::PmDone:
+      env.push_back(std::string("CFM_PM=") + e.pm);
+      env.push_back(std::string("CFM_RESULT=") + (e.stopped ? "stopped" : "finished"));
+      env.push_back("CFM_REPLIES=" + number(e.replies));
+      env.push_back("CFM_LOST=" + number(e.lost));
+      break;
     case CfmEventKind::Config:
       break;
   }

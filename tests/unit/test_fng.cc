@@ -113,6 +113,9 @@ TEST_F(Faults, QueueKeepsItsBoundAndCountsTheRest) {
   for (size_t i = 0; i < CFM_EVENT_QUEUE_MAX + 3; ++i) cfm_event_post(event);
   EXPECT_EQ(cfm_events_deliver(), CFM_EVENT_QUEUE_MAX);
   EXPECT_EQ(cfm_events_dropped() - before, 3u);
+  add_md(2, 3, std::string(43, 'd').c_str()), add_ma(2, 9, std::string(45, 'a').c_str());  // the longest names
+  CfmEvent named = cfm_event_make(CfmEventKind::Config, 2, 9, 0, 0);
+  EXPECT_EQ(std::string(named.md_name) + named.ma_name, std::string(43, 'd') + std::string(45, 'a'));
 }
 
 }  // namespace

@@ -34,10 +34,6 @@ struct MepFault {
 
 MepFault g_meps[CFM_MAX_MEP];
 int g_slots = 0;  // slots ever used: the walks stop there
-
-// The slots in use or free below the high-water mark.
-MepFault *slots_begin() { return g_meps; }
-MepFault *slots_end() { return g_meps + g_slots; }
 int64_t (*g_clock)() = nullptr;
 int64_t g_last_tick_ms = 0;
 int64_t g_tick_now = 0;  // the time of the tick being evaluated
@@ -50,6 +46,10 @@ constexpr int64_t kPauseMs = 3000;
 // Port Status "up" and Interface Status "up"; 0 is a TLV that was not sent.
 constexpr uint8_t kPortUp = 2;
 constexpr uint8_t kInterfaceUp = 1;
+
+// The slots in use or free below the high-water mark.
+MepFault *slots_begin() { return g_meps; }
+MepFault *slots_end() { return g_meps + g_slots; }
 
 bool same_key(const MepKey &key, const MepEntry &mep) {
   return key.md_id == mep.md_id && key.ma_id == mep.ma_id && key.mep_id == mep.mep_id && key.port == mep.port &&
@@ -98,9 +98,9 @@ uint8_t highest_of(const MepFault &f, int64_t now, int64_t none_heard_loss_ms) {
   return highest;
 }
 
-void post_fault(const MepFault &f, CfmEventKind kind) {
+void post_fault(const MepFault &f, CfmEventKind kind, uint8_t defect) {
   CfmEvent event = cfm_event_make(kind, f.key.md_id, f.key.ma_id, f.key.mep_id, f.key.vid);
-  event.defect = f.fng.reported;
+  event.defect = defect;
   cfm_event_post(event);
 }
 
@@ -109,12 +109,8 @@ void evaluate(MepFault *f, const MepEntry &mep, int64_t now) {
   if (defect < mep.LowestAlarmPriority) defect = kDefectNone;
   uint8_t reported = f->fng.reported;
   FngOutput out = cfm_fng_step(&f->fng, defect, now, int64_t{mep.FngAlarmTime} * 10, int64_t{mep.FngResetTime} * 10);
-  if (out == FngOutput::Alarm) post_fault(*f, CfmEventKind::FaultAlarm);
-  if (out == FngOutput::Cleared) {
-    MepFault cleared = *f;
-    cleared.fng.reported = reported;
-    post_fault(cleared, CfmEventKind::FaultCleared);
-  }
+  if (out == FngOutput::Alarm) post_fault(*f, CfmEventKind::FaultAlarm, f->fng.reported);
+  if (out == FngOutput::Cleared) post_fault(*f, CfmEventKind::FaultCleared, reported);
 }
 
 void hold_until(int64_t MepFault::*field, const MepEntry &mep, uint8_t interval) {

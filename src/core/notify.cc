@@ -176,6 +176,7 @@ void cfm_notify_kill_running() {
 }
 
 void cfm_notify_event(const CfmEvent &event) {
+  bool first_drop = false;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
     if (!g_started) {
@@ -183,11 +184,13 @@ void cfm_notify_event(const CfmEvent &event) {
       pthread_t thread;
       CFM_OS_Create_Task(&thread, "CFM-Notify", runner_task, 0, 0);
     }
-    if (g_queue.size() >= CFM_NOTIFY_QUEUE_MAX) {
-      g_dropped += 1;
-      return;
+    if (g_queue.size() < CFM_NOTIFY_QUEUE_MAX) {
+      g_queue.push_back(event);
+    } else {
+      first_drop = ++g_dropped == 1;
     }
-    g_queue.push_back(event);
   }
   g_wake.notify_one();
+  // Said at once; the number when the program has caught up.
+  if (first_drop) log_both(LOG_WARNING, "notify queue full: events not given to " + g_program + " from now");
 }

@@ -147,7 +147,8 @@ class EventLab : public CcmLab {
 };
 
 TEST_F(EventLab, PeerStopsAndResumes) {
-  StartWatched("#!/bin/sh\necho \"$CFM_EVENT $CFM_DEFECT_CODE $CFM_RMEPID $(cat)\" >>/var/notify.log\n");
+  // The program has the daemon's environment and the event's.
+  StartWatched("#!/bin/sh\necho \"$CFMD_SYSLOG_PATH $CFM_EVENT $CFM_DEFECT_CODE $CFM_RMEPID $(cat)\" >>/var/notify.log\n");
   ASSERT_GE(Await("\"rmep-up\"", 3000), 0);
   std::this_thread::sleep_for(3s);  // heard all along: no alarm
   sending_ = false;
@@ -170,10 +171,11 @@ TEST_F(EventLab, PeerStopsAndResumes) {
       {&syslog_, "<27>", 1},  // daemon.err: the alarm
       {&syslog_, "fault-alarm md=md7 level=7 ma=ma1 mep=5 vid=0 defect=\"remote CCM\" defect_code=3", 1},
       {&syslog_, "<29>", 1},  // daemon.notice: the clear
-      {&ran, "fault-alarm 3  {\"time\"", 1}, {&ran, "fault-cleared 3  {", 1}};
+      {&ran, "/var/log.sock fault-alarm 3  {\"time\"", 1}, {&ran, "/var/log.sock fault-cleared 3  {", 1}};
   for (const auto &[text, what, n] : want) EXPECT_EQ(Count(*text, what), n) << what << "\n" << *text;
   EXPECT_GE(Count(ran, "rmep-up  9 {"), 2u);  // a late CCM of the loaded peer may age it out once more
   EXPECT_EQ(SchemaErrors(lines_, "event", true), "");
+  EXPECT_EQ(Errors(), "");  // no notify event was lost
 }
 
 // A watcher that never reads and a program that sleeps neither delay the
@@ -202,6 +204,7 @@ TEST_F(EventLab, StalledConsumersDelayNothing) {
   ccms.join(), reader.join();
   close(stalled);
   EXPECT_EQ(Count(lines_, changed), changes);
+  EXPECT_NE(Errors().find("cfmd: notify queue full: "), std::string::npos);
   EXPECT_GT(frames, 10);
   EXPECT_LT(worst, 1000);
 }

@@ -98,6 +98,11 @@ TEST_F(Faults, DefectsOfReceivedCcmsRaiseAndClear) {
     EXPECT_EQ(cfm_fault_highest_defect(read_mep(mep_)), 0) << int(defect);
     ccm = PeerCcm{};
   }
+  // The 65th remote MEP of one MEP is not kept apart (the database holds 64 in all).
+  for (ccm.mep_id = 100; ccm.mep_id <= 100 + CFM_MAX_REMOTE_MEP; ++ccm.mep_id) deliver_ccm(ccm.untagged(), 10);
+  std::string learnt;
+  for (int i = 1; i < CFM_MAX_REMOTE_MEP; ++i) learnt += "rmep-up0 ";
+  EXPECT_EQ(run(100), learnt);
   // A linktrace is reported 5 s after its LTM, with the replies of its transaction.
   LtrEntry reply = {};
   reply.md_id = 1, reply.ma_id = 2, reply.mep_id = 1, reply.sequence = 7, reply.ReplyNumber = 1;

@@ -96,9 +96,7 @@ WatchHub &cfm_watch_hub() {
 
 bool cfm_watch_take(const char *line, int fd) {
   std::string request(line);
-  while (!request.empty() && (request.back() == '\n' || request.back() == '\r' || request.back() == ' ')) {
-    request.pop_back();
-  }
+  request.erase(request.find_last_not_of("\r\n ") + 1);  // npos + 1: all of it
   if (request != "watch" && request != "watch json") return false;
   cfm_watch_hub().add(fd, request == "watch json");
   return true;

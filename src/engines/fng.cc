@@ -167,7 +167,7 @@ FngOutput cfm_fng_step(FngMachine *m, uint8_t defect, int64_t now_ms, int64_t al
 int64_t cfm_fng_loss_ms(uint8_t interval) {
   uint32_t loss = 0;
   cfm_ccm_interval_lookup(interval, nullptr, &loss, nullptr);
-  return loss > 0 ? loss : 1;
+  return loss;
 }
 
 void cfm_fault_ccm_heard(const MepEntry &mep, const RemoteMepEntry &remote, uint8_t interval) {

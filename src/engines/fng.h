@@ -33,7 +33,8 @@ enum class FngOutput : uint8_t { None, Alarm, Cleared };
 // the defect of the alarm or of the alarm being cleared.
 FngOutput cfm_fng_step(FngMachine *m, uint8_t defect, int64_t now_ms, int64_t alarm_ms, int64_t reset_ms);
 
-// Loss of continuity: 3.5 periods of an interval code, in ms (at least 1).
+// Loss of continuity: 3.5 periods of an interval code, in ms (0 for the
+// 3.3 ms code, which no MA has: such a CCM is an error CCM).
 int64_t cfm_fng_loss_ms(uint8_t interval);
 
 // Hooks of the CCM receiver: a valid CCM from a remote MEP (`interval` as it

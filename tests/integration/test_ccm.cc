@@ -147,8 +147,9 @@ class EventLab : public CcmLab {
 };
 
 TEST_F(EventLab, PeerStopsAndResumes) {
-  // The program has the daemon's environment and the event's.
-  StartWatched("#!/bin/sh\necho \"$CFMD_SYSLOG_PATH $CFM_EVENT $CFM_DEFECT_CODE $CFM_RMEPID $(cat)\" >>/var/notify.log\n");
+  // The program has the daemon's environment and the event's, and runs one at a time.
+  StartWatched("#!/bin/sh\nprintf '(' >>/var/order; echo \"$CFMD_SYSLOG_PATH $CFM_EVENT $CFM_DEFECT_CODE $CFM_RMEPID $(cat)\" "
+               ">>/var/notify.log; sleep 0.1; printf ')' >>/var/order\n");
   ASSERT_GE(Await("\"rmep-up\"", 3000), 0);
   std::this_thread::sleep_for(3s);  // heard all along: no alarm
   sending_ = false;
@@ -166,16 +167,15 @@ TEST_F(EventLab, PeerStopsAndResumes) {
   std::string ran = ReadFile("/var/notify.log");
   // What came by each way, and how often.
   const std::vector<std::tuple<const std::string *, std::string, size_t>> want = {
-      {&lines_, "fault-alarm", 1}, {&lines_, "fault-cleared", 1},
-      {&lines_, "\"defect\":\"remote CCM\",\"defect_code\":3", 2},
-      {&syslog_, "<27>", 1},  // daemon.err: the alarm
+      {&lines_, "fault-alarm", 1}, {&lines_, "fault-cleared", 1}, {&lines_, "\"defect\":\"remote CCM\",\"defect_code\":3", 2},
+      {&syslog_, "<27>", 1}, {&syslog_, "<29>", 1},  // daemon.err: the alarm, daemon.notice: the clear
       {&syslog_, "fault-alarm md=md7 level=7 ma=ma1 mep=5 vid=0 defect=\"remote CCM\" defect_code=3", 1},
-      {&syslog_, "<29>", 1},  // daemon.notice: the clear
       {&ran, "/var/log.sock fault-alarm 3  {\"time\"", 1}, {&ran, "/var/log.sock fault-cleared 3  {", 1}};
   for (const auto &[text, what, n] : want) EXPECT_EQ(Count(*text, what), n) << what << "\n" << *text;
   EXPECT_GE(Count(ran, "rmep-up  9 {"), 2u);  // a late CCM of the loaded peer may age it out once more
   EXPECT_EQ(SchemaErrors(lines_, "event", true), "");
   EXPECT_EQ(Errors(), "");  // no notify event was lost
+  EXPECT_EQ(ReadFile("/var/order").find("(("), std::string::npos);
 }
 
 // A watcher that never reads and a program that sleeps neither delay the

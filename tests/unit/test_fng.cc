@@ -51,7 +51,7 @@ std::vector<CfmEvent> g_events;
 
 class Faults : public EngineTest {
  protected:
-  MepEntry mep_;
+  MepEntry mep_, other_;
   void SetUp() override {
     EngineTest::SetUp();
     [[maybe_unused]] static bool once = (cfm_events_add_sink([](const CfmEvent &e) { g_events.push_back(e); }), true);
@@ -60,7 +60,7 @@ class Faults : public EngineTest {
     add_md(1, 5, "md");
     add_ma(1, 2, "ma", 4);
     mep_ = ccm_mep(1, 2, 1, 10);
-    ccm_mep(1, 2, 3, 20);  // hears nothing: its own state
+    other_ = ccm_mep(1, 2, 3, 20);  // hears nothing: its own state
     cfm_events_deliver(), g_events.clear();  // what an earlier case left
   }
   // Ticks every 100 ms until `ms` have passed; the events in that time.
@@ -81,6 +81,7 @@ TEST_F(Faults, DefectsOfReceivedCcmsRaiseAndClear) {
   // the alarm time; a peer's CCMs clear it after the reset time.
   EXPECT_EQ(run(3500 + 2400), "");
   EXPECT_EQ(run(200), "fault-alarm3 fault-alarm3 ");
+  CFM_Delete_MEP_Entry(&other_);  // its state goes, the first MEP's stays
   PeerCcm ccm;
   EXPECT_EQ(run(9900, &ccm), "rmep-up0 ");
   EXPECT_EQ(run(200, &ccm), "fault-cleared3 ");

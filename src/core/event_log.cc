@@ -11,6 +11,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "core/os.h"
+
 namespace {
 
 std::mutex g_mutex;
@@ -55,7 +57,7 @@ std::string cfm_event_log_datagram(int priority, const std::string &message, uin
 }
 
 void cfm_event_log_line(int priority, const std::string &message) {
-  send_datagram(cfm_event_log_datagram(priority, message, static_cast<uint64_t>(time(nullptr)) * 1000));
+  send_datagram(cfm_event_log_datagram(priority, message, CFM_OS_Get_Wall_Ms()));
 }
 
 void cfm_event_log(const CfmEvent &event) {

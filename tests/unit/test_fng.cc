@@ -107,7 +107,7 @@ TEST_F(Faults, DefectsOfReceivedCcmsRaiseAndClear) {
   // A linktrace is reported 5 s after its LTM, with the replies of its transaction.
   LtrEntry reply = {};
   reply.md_id = 1, reply.ma_id = 2, reply.mep_id = 1, reply.sequence = 7, reply.ReplyNumber = 1;
-  CFM_DB_Update_LtrEntry(&reply);
+  CFM_DB_Update_LtrEntry(&reply), reply.sequence = 8, CFM_DB_Update_LtrEntry(&reply);  // and another transaction's
   cfm_lt_done_started(1, 2, 1, 10, 7, true, g_now);
   EXPECT_EQ(run(4900), "");
   EXPECT_EQ(run(200), "lt-done1 ");

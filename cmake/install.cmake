@@ -32,6 +32,8 @@ install(FILES ${CFMD_STAGE}/changelog.gz DESTINATION ${CFMD_DOCDIR} RENAME chang
 # The JSON Schemas of cfmctl's JSON outputs (status, export, ...).
 file(GLOB CFMD_JSON_SCHEMAS CONFIGURE_DEPENDS ${CFMD_DIST}/json/*.schema.json)
 install(FILES ${CFMD_JSON_SCHEMAS} DESTINATION ${CFMD_DOCDIR})
+# The example notify program (cfmd -n): DHCP renewal when continuity returns.
+install(PROGRAMS ${CFMD_DIST}/notify-dhcp-renew DESTINATION ${CMAKE_INSTALL_DATADIR}/cfmd)
 install(FILES ${CFMD_DIST}/cfmctl.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME cfmctl)
 install(FILES ${CFMD_STAGE}/cfmd.service DESTINATION lib/systemd/system)
 install(PROGRAMS ${CFMD_STAGE}/cfmd.init DESTINATION ${CFMD_SYSCONFDIR}/init.d RENAME cfmd)

@@ -32,7 +32,7 @@ far_end() {
   ovs_shows() { [ "$(ovs-appctl cfm/show peer0 | grep -E '^  fault:|^Remote MPID')" = "$1" ]; }
   events() {  # events N KIND [KEY VALUE]...: N lines of cfmctl watch --json of KIND with these values
     [ "$(python3 -c 'import json, sys; k = sys.argv[1:]; print(sum(1 for l in open("/tmp/events")
-      if (e := json.loads(l))["kind"] == k[0] and all(str(e.get(a)) == v for a, v in zip(k[1::2], k[2::2]))))' "${@:2}")" = "$1" ]
+      if (e := json.loads(l))["event"] == k[0] and all(str(e.get(a)) == v for a, v in zip(k[1::2], k[2::2]))))' "${@:2}")" = "$1" ]
   }
 
   export OVS_RUNDIR=/tmp/ovs OVS_DBDIR=/tmp/ovs OVS_LOGDIR=/tmp/ovs

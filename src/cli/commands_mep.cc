@@ -10,6 +10,7 @@
 #include "core/os.h"
 #include "core/status.h"
 #include "db/mgmt_if.h"
+#include "engines/lb_initiator.h"
 
 namespace {
 
@@ -204,6 +205,7 @@ int cli_usr_cfm_lbstop(FILE *out, CliArg *args, int) {
       // refuses to touch a running MEP.
       CFM_Update_MEP_Entry(&mep);
       ConfigTree::setInt(0, "/runtime/cfm/lbm/sending");
+      cfm_lb_post_done(mep, true);
     }
   }
   if (!found) {

@@ -83,6 +83,11 @@ void JsonOut::null(const char *key_name) {
   fputs("null", out_);
 }
 
+void JsonOut::literal(const char *key_name, const char *value) {
+  key(key_name);
+  fputs(value, out_);
+}
+
 void JsonOut::text(const char *key_name, const char *bytes, size_t size) {
   key(key_name);
   cfm_json_string(out_, bytes, size);

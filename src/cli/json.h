@@ -26,6 +26,8 @@ class JsonOut {
   void number(const char *key, long long value);
   void boolean(const char *key, bool value);
   void null(const char *key);
+  // A value written as it is: a number or null the caller formatted.
+  void literal(const char *key, const char *value);
   void text(const char *key, const char *bytes, size_t size);
   void text(const char *key, const char *nul_terminated);
   void mac(const char *key, const uint8_t *mac);

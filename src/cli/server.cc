@@ -21,6 +21,7 @@
 
 #include "cli/commands.h"
 #include "cli/reply.h"
+#include "cli/watch.h"
 #include "core/os.h"
 
 const CliCommand cfm_cli_cmd_table[] = {
@@ -317,6 +318,10 @@ void CliServer::run_complete() {
   for (int fd : completed_) {
     // Always found: a complete connection is closed only here.
     auto conn = std::find_if(conns_.begin(), conns_.end(), [fd](const CliConnection &c) { return c.fd == fd; });
+    if (cfm_watch_take(conn->line, fd)) {  // stays open, for events
+      conns_.erase(conn);
+      continue;
+    }
     CliReply reply;
     {
       CliReplyScope scope(&reply);

@@ -14,9 +14,13 @@
 
 #include "cli/commands.h"
 #include "cli/server.h"
+#include "cli/watch.h"
 #include "core/config_tree.h"
+#include "core/event_log.h"
+#include "core/events.h"
 #include "core/frame_type.h"
 #include "core/global.h"
+#include "core/notify.h"
 #include "core/os.h"
 #include "core/status.h"
 #include "core/timer.h"
@@ -39,7 +43,7 @@ constexpr int kParseGo = 1;
 constexpr int kParseWait = 2;
 
 const char kUsage[] =
-    "usage: cfmd -i NAME [-e] [-d] [-f eth|8023] [-w] [-t DIR] [-l NAME] [-g GROUP] [-y]\n"
+    "usage: cfmd -i NAME [-e] [-d] [-f eth|8023] [-w] [-t DIR] [-l NAME] [-g GROUP] [-y] [-n PROG] [-q]\n"
     "       cfmd --help | --version\n"
     "  -i NAME   the WAN interface (required)\n"
     "  -e        CFM enabled at start (else it waits for the enable command)\n"
@@ -50,12 +54,15 @@ const char kUsage[] =
     "  -l NAME   relay CFM frames between the WAN and the LAN interface NAME\n"
     "  -g GROUP  command socket mode 0660 with the group GROUP (else 0600)\n"
     "  -y        delay and synthetic-loss measurement\n"
+    "  -n PROG   run PROG for every event (fault alarms, remote MEPs, runs, config)\n"
+    "  -q        events not to syslog\n"
     "Commands go to the socket " CFM_CLI_SOCKET_PATH " (cfmctl help); see cfmd(8).\n";
 
 // Removes the semaphore sets on the way out, then dies of the same signal so
 // the exit status still says what happened. Any thread may run it, also
 // while another one is creating a set.
 void on_terminate(int sig) {
+  cfm_notify_kill_running();
   CFM_OS_Shutdown_Semaphores();
   signal(sig, SIG_DFL);
   raise(sig);
@@ -89,6 +96,16 @@ void run_ifconfig(const char *ifname) {
   }
 }
 
+// Events go to the watchers, to syslog unless -q, and to the notify program
+// of -n; a delivery thread takes them off the engines' path.
+void start_events() {
+  cfm_events_add_sink([](const CfmEvent &event) { cfm_watch_hub().publish(event); });
+  cfm_events_set_idle([] { return cfm_watch_hub().flush() > 0; });
+  if (!g_cfm_extra_options.no_syslog) cfm_events_add_sink(cfm_event_log);
+  if (cfm_notify_program()[0] != '\0') cfm_events_add_sink(cfm_notify_event);
+  cfm_events_start();
+}
+
 }  // namespace
 
 CfmInfoRequest cfm_info_request(int argc, char *const *argv) {
@@ -101,7 +118,7 @@ CfmInfoRequest cfm_info_request(int argc, char *const *argv) {
     // Letters in a bundle up to one that takes a value: the rest of the word,
     // or else the next word.
     for (const char *p = arg + 1; *p != '\0'; ++p) {
-      if (strchr("filtg", *p) == nullptr) continue;
+      if (strchr("filtgn", *p) == nullptr) continue;
       if (p[1] == '\0') ++i;
       break;
     }
@@ -133,7 +150,7 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
   opterr = 0;
   optind = 0;  // full re-initialisation, so the parser can run more than once
   int opt;
-  while ((opt = getopt(argc, argv, "def:i:wt:l:g:y")) != -1) {
+  while ((opt = getopt(argc, argv, "def:i:wt:l:g:yn:q")) != -1) {
     switch (opt) {
       case 'd':
         debug = true;
@@ -163,6 +180,12 @@ int cfm_parse_args(int argc, char **argv, char *ifname, int *frame_type) {
         break;
       case 'y':
         cfm_pm_enable(true);
+        break;
+      case 'n':
+        cfm_notify_set_program(optarg);
+        break;
+      case 'q':
+        g_cfm_extra_options.no_syslog = true;
         break;
       default:
         break;  // unknown options are ignored
@@ -304,6 +327,7 @@ void CFM_Init() {
   cfm_ccm_Init();
   CFM_LB_Init();
   CFM_LT_Init();
+  start_events();
   cfm_cli_server_init();
   for (;;) sleep(1000);
 }

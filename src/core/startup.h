@@ -20,16 +20,18 @@ extern PvcMacTable g_pvc_mac_table;
 // Options beyond the router's standard command line: "-t DIR" backs the
 // configuration tree with a directory; "-l IFNAME" names the LAN interface
 // the router relays CFM frames to and from; "-y" answers and runs delay and
-// synthetic-loss measurements (engines/pm_db.h).
+// synthetic-loss measurements (engines/pm_db.h); "-n PROG" runs PROG for
+// every event (core/notify.h); "-q" keeps events out of syslog.
 struct CfmExtraOptions {
   char tree_dir[512];
   char lan_ifname[IFNAMSIZ];
+  bool no_syslog;
 };
 extern CfmExtraOptions g_cfm_extra_options;
 
 int cfm_main(int argc, char **argv);
 // "--help" or "--version" where an option stands (not as the value of -f, -i,
-// -t, -l or -g, nor after "--"): cfmd prints its usage or version and exits
+// -t, -l, -g or -n, nor after "--"): cfmd prints its usage or version and exits
 // 0 before anything else.
 enum CfmInfoRequest { kCfmRun = 0, kCfmHelp = 1, kCfmVersion = 2 };
 CfmInfoRequest cfm_info_request(int argc, char *const *argv);

@@ -7,6 +7,9 @@
 #include <cstring>
 
 #include "core/config_tree.h"
+#include "core/events.h"
+#include "engines/fng.h"
+#include "engines/lt_done.h"
 #include "core/status.h"
 
 namespace {
@@ -36,6 +39,25 @@ void normalise_bool(uint32_t &field) {
 bool valid_row_status(uint32_t row_status) { return row_status <= CFM_ROW_DELETE; }
 
 uint32_t result_of(int table_result) { return table_result == 1 ? CFM_OK : CFM_ERR_FAILURE; }
+
+// A config event for a request with this row status, made before the change
+// (a deleted object's names are gone after it) and posted on success.
+CfmEvent config_event(CfmConfigObject object, uint32_t row_status, uint32_t md, uint32_t ma, uint16_t mep,
+                      uint16_t vid) {
+  CfmEvent event = cfm_event_make(CfmEventKind::Config, md, ma, mep, vid);
+  event.object = object;
+  event.action = row_status == CFM_ROW_CREATE   ? CfmConfigAction::Created
+                 : row_status == CFM_ROW_DELETE ? CfmConfigAction::Deleted
+                                                : CfmConfigAction::Changed;
+  event.has_ma = object != CfmConfigObject::Md;
+  event.has_mep = object == CfmConfigObject::Mep;
+  return event;
+}
+
+uint32_t posted_if_ok(uint32_t status, const CfmEvent &event) {
+  if (status == CFM_OK) cfm_event_post(event);
+  return status;
+}
 
 bool md_exists(uint32_t md_index, MdEntry *out) {
   MdEntry md{};
@@ -136,7 +158,10 @@ uint32_t send_linktrace(MepEntry *entry, const MdEntry &md) {
   }
   CfmLtmTransmitFn transmit = g_ltm_transmitter.load();
   entry->LtmRuns += 1;
-  if (transmit != nullptr && transmit(&request) == 1) {
+  bool sent = transmit != nullptr && transmit(&request) == 1;
+  cfm_lt_done_started(entry->md_id, entry->ma_id, entry->mep_id, entry->vid, request.trans_id, sent,
+                      cfm_fault_now_ms());
+  if (sent) {
     entry->LtmResult = 1;
     entry->LtmTransmitStatus = 0;
     entry->LtmSeqNumber = entry->LtmNextSeqNumber;
@@ -189,14 +214,19 @@ int CFM_IF_GetFirst_MIP_Entry(MipEntry *entry) {
 uint32_t CFM_IF_Set_MD_Entry(MdEntry *entry) {
   if (entry == nullptr) return CFM_ERR_NULL_REQUEST;
   if (!md_fields_valid(entry)) return CFM_ERR_OUT_OF_RANGE;
-  return result_of(CFM_Set_MD_Entry(entry));
+  CfmEvent event = config_event(CfmConfigObject::Md, entry->RowStatus, entry->MdIndex, 0, 0, 0);
+  memcpy(event.md_name, entry->MdName, sizeof event.md_name - 1);
+  event.level = entry->MdLevel;
+  return posted_if_ok(result_of(CFM_Set_MD_Entry(entry)), event);
 }
 
 uint32_t CFM_IF_Set_MA_Net_Entry(MaNetEntry *entry) {
   if (entry == nullptr) return CFM_ERR_NULL_REQUEST;
   if (!md_exists(entry->MdIndex, nullptr)) return CFM_ERR_NO_MD_MA;
   if (!ma_fields_valid(entry)) return CFM_ERR_OUT_OF_RANGE;
-  return result_of(CFM_Set_MA_Net_Entry(entry));
+  CfmEvent event = config_event(CfmConfigObject::Ma, entry->RowStatus, entry->MdIndex, entry->MaIndex, 0, 0);
+  memcpy(event.ma_name, entry->MaName, sizeof event.ma_name - 1);
+  return posted_if_ok(result_of(CFM_Set_MA_Net_Entry(entry)), event);
 }
 
 uint32_t CFM_IF_Set_MEP_Entry(MepEntry *entry) {
@@ -216,14 +246,19 @@ uint32_t CFM_IF_Set_MEP_Entry(MepEntry *entry) {
     if (send_linktrace(entry, md) == CFM_DB_NOT_FOUND) return CFM_DB_NOT_FOUND;
   }
 
-  if (entry->RowStatus == CFM_ROW_DELETE) return result_of(CFM_Delete_MEP_Entry(entry));
+  // Starting a loopback or a linktrace changes no configuration.
+  bool run = entry->LtmTransmitStatus == 1 || entry->LbmTransmitStatus == 1;
+  CfmEvent event = config_event(CfmConfigObject::Mep, entry->RowStatus, entry->md_id, entry->ma_id, entry->mep_id,
+                                entry->vid);
+  if (entry->RowStatus == CFM_ROW_DELETE) return posted_if_ok(result_of(CFM_Delete_MEP_Entry(entry)), event);
   if (!valid_row_status(entry->RowStatus)) return CFM_ERR_UNKNOWN_ROW_STATUS;
   if (entry->RowStatus == CFM_ROW_CREATE) {
     entry->CciEnabled = 1;
     entry->LbmMessages = 10;
   }
   entry->RowStatus = CFM_ROW_IN_USE;
-  return result_of(CFM_Update_MEP_Entry(entry));
+  uint32_t status = result_of(CFM_Update_MEP_Entry(entry));
+  return run ? status : posted_if_ok(status, event);
 }
 
 uint32_t CFM_IF_Set_MIP_Entry(MipEntry *entry) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/events.h"
 #include "core/os.h"
 #include "core/status.h"
 #include "db/avl.h"
@@ -42,6 +43,13 @@ uint32_t check(const void *entry) {
 }
 
 uint32_t found(bool ok) { return ok ? CFM_DB_FOUND : CFM_DB_NOT_FOUND; }
+
+void post_rmep(CfmEventKind kind, const RemoteMepEntry &entry) {
+  CfmEvent event = cfm_event_make(kind, entry.md_id, entry.ma_id, static_cast<uint16_t>(entry.mep_id), entry.vlan_id);
+  event.rmep = entry.rmep_id;
+  memcpy(event.mac, entry.src_mac, sizeof event.mac);
+  cfm_event_post(event);
+}
 
 }  // namespace
 
@@ -97,7 +105,11 @@ uint32_t mep_process_normal_frame(const RemoteMepEntry *entry) {
   if (uint32_t status = check(entry); status != CFM_OK) return status;
   SemLock set_lock(g_sem_set);
   SemLock lock(g_table.sem);
-  return g_table.store_locked(entry, g_table.capacity) ? CFM_DB_FOUND : CFM_DB_FULL;
+  RemoteMepKey key = load_key<RemoteMepKey>(entry);
+  bool known = UTL_AVLT_Find(g_table.tree, &key) != nullptr;
+  if (!g_table.store_locked(entry, g_table.capacity)) return CFM_DB_FULL;
+  if (!known) post_rmep(CfmEventKind::RmepUp, *entry);
+  return CFM_DB_FOUND;
 }
 
 // One pass: every entry with time left loses a fixed 1000 ms; an entry with
@@ -116,6 +128,7 @@ uint32_t CFM_MEP_DB_Check_RemEntries_Age() {
     if (entry->AgeTime > 0) {
       entry->AgeTime -= kAgeStepMs;
     } else {
+      post_rmep(CfmEventKind::RmepDown, *entry);
       CFM_OS_Deallocate_Memory(UTL_AVLT_Delete(g_table.tree, &key));
     }
   }

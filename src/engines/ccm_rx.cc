@@ -9,6 +9,7 @@
 #include "db/mep_mip.h"
 #include "db/rmep_db.h"
 #include "engines/ccm_tx.h"
+#include "engines/fng.h"
 #include "io/frame.h"
 #include "io/rx.h"
 
@@ -96,6 +97,7 @@ bool same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
   MaNetEntry ma;
   if (!get_ma(mep->ma_id, &ma)) return false;
   if (!ma_name_equals(ma, ccm)) {
+    cfm_fault_xcon_ccm(*mep, interval_of(ccm));
     mep->XconCcmFlag = 1;
     CFM_Update_MEP_Entry(mep);
     return true;
@@ -103,6 +105,7 @@ bool same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
   // The MEP was read under MEP_SYC, which every deletion of a MEP takes as
   // well, so it still exists: only a CCM carrying its own MEPID is an error.
   if ((found && ccm.mep_id == mep->mep_id) || interval_of(ccm) != ma.CcmInterval) {
+    cfm_fault_error_ccm(*mep, interval_of(ccm));
     mep->ErrorCcmFlag = 1;
     CFM_Update_MEP_Entry(mep);
     return true;
@@ -118,6 +121,7 @@ bool same_level_check(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
   mep->CcmReceivedFlag = 1;
   CFM_Update_MEP_Entry(mep);
   mep_process_normal_frame(remote);
+  cfm_fault_ccm_heard(*mep, *remote, interval_of(ccm));
   return true;
 }
 
@@ -129,6 +133,7 @@ bool per_mep_dispatch(const ReceivedCcm &ccm, RemoteMepEntry *remote, MepEntry *
     stored = same_level_check(ccm, remote, mep);
     g_same_level_pending = 0;
   } else if (g_lower_level_pending == 1) {
+    cfm_fault_xcon_ccm(*mep, interval_of(ccm));
     mep->XconCcmFlag = 1;
     mep->CcmDefect = kDefectCrossConnect;
     CFM_Update_MEP_Entry(mep);
@@ -405,9 +410,11 @@ void cfm_ccm_loc_check() {
 }
 
 void cfm_ccm_fault_alarm_check() {
+  cfm_fault_tick_begin();
   MepEntry mep;
   memset(&mep, 0, sizeof mep);
   while (CFM_GetNext_MEP_Entry(&mep) == 1) {
+    cfm_fault_evaluate(mep);  // reads the MEP only; its own state is apart
     if (mep.CcmDefect == kDefectNone) {
       if (mep.FngTimer > 0) continue;
       mep.FngTimer = mep.FngAlarmTime * 10;
@@ -422,4 +429,5 @@ void cfm_ccm_fault_alarm_check() {
     }
     CFM_Update_MEP_Entry(&mep);
   }
+  cfm_fault_tick_end();
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "core/config_tree.h"
+#include "core/events.h"
 #include "core/global.h"
 #include "core/hwaddr.h"
 #include "core/os.h"
@@ -182,6 +183,7 @@ void tick_mep(MepEntry *mep, TickFlags *flags) {
     stored.LbmSeqNumber = first_id;
     stored.LbmRuns += 1;
   }
+  bool ended = mep->LbmWaitTicks == 0 && mep->LbmRunning == 1;
   if (mep->LbmWaitTicks == 0) {
     mep->LbmRemaining = 0;
     mep->LbmRunning = 0;
@@ -194,6 +196,7 @@ void tick_mep(MepEntry *mep, TickFlags *flags) {
   stored.LbmWaitTicks = mep->LbmWaitTicks;
   stored.LbmTransmitStatus = 0;
   CFM_Update_MEP_Entry(&stored);
+  if (ended) cfm_lb_post_done(stored, false);
 }
 
 // Data of the Data TLV of a received LBR, freed on every path.
@@ -283,6 +286,17 @@ void write_lbr_row(const uint8_t *source, uint32_t trans_id) {
 }
 
 }  // namespace
+
+void cfm_lb_post_done(const MepEntry &mep, bool stopped) {
+  CfmEvent event = cfm_event_make(CfmEventKind::LbDone, mep.md_id, mep.ma_id, mep.mep_id, mep.vid);
+  event.ok = mep.LbmResultOk != 0;
+  event.stopped = stopped;
+  event.sent = mep.LbrOut;
+  event.replies = mep.LbrIn;
+  event.out_of_order = mep.LbrInOutOfOrder;
+  event.bad = mep.LbrBadMsdu;
+  cfm_event_post(event);
+}
 
 const uint8_t *cfm_lb_source_mac() { return g_lb_source_mac; }
 

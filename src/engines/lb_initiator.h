@@ -5,6 +5,7 @@
 #include <cstdint>
 
 struct CfmPacket;
+struct MepEntry;
 
 uint32_t CFM_LB_Init();
 void CFM_LBI_XMIT_Check();
@@ -28,6 +29,9 @@ void cfm_lbr_rows_clear();
 
 // Source MAC of LBMs (the system MAC copied at init).
 const uint8_t *cfm_lb_source_mac();
+
+// Posts the lb-done event of the MEP's run (its result and counters).
+void cfm_lb_post_done(const MepEntry &mep, bool stopped);
 
 struct MepEntry;
 // The MEP of MD md_id that receives a frame on VLAN vid: the first MEP of the

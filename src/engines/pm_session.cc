@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/config_tree.h"
+#include "core/events.h"
 #include "core/global.h"
 #include "core/hwaddr.h"
 #include "core/os.h"
@@ -65,17 +66,34 @@ bool resolve_target(const PmSession &s, const MepEntry &mep, uint8_t *dst) {
 
 bool done_sending(const PmSession &s) { return s.count != 0 && s.due >= s.count; }
 
+// Ends the session (held: PmLock) and posts its pm-done event.
+void finish(PmMep *pm, PmKind kind, bool stopped) {
+  pm->s[kind].state = 2;
+  MepEntry mep = {};
+  find_mep(pm->md_id, pm->ma_id, pm->mep_id, &mep);
+  CfmEvent event = cfm_event_make(CfmEventKind::PmDone, pm->md_id, pm->ma_id, pm->mep_id, mep.vid);
+  PmResult r = cfm_pm_result(*pm, kind);
+  event.pm = kKindName[kind];
+  event.stopped = stopped;
+  event.sent = r.sent, event.replies = r.received, event.lost = r.lost, event.invalid = r.invalid;
+  event.has_delay = r.has_delay;
+  event.delay_min_ns = r.delay_min_ns, event.delay_avg_ns = r.delay_avg_ns, event.delay_max_ns = r.delay_max_ns;
+  event.has_near = r.has_near, event.has_far = r.has_far;
+  event.near_loss = r.near_ratio, event.far_loss = r.far_ratio;
+  cfm_event_post(event);
+}
+
 void run_session(PmMep *pm, PmKind kind, int64_t now) {
   PmSession &s = pm->s[kind];
   MepEntry mep;
   MdEntry md = {};
   md.MdIndex = pm->md_id;
   if (!find_mep(pm->md_id, pm->ma_id, pm->mep_id, &mep) || CFM_Get_MD_Entry(&md) != 1) {
-    s.state = 2;
+    finish(pm, kind, false);
     return;
   }
   if (done_sending(s)) {
-    if (now >= s.end_ms) s.state = 2;
+    if (now >= s.end_ms) finish(pm, kind, false);
     return;
   }
   if (now < s.next_due_ms) return;
@@ -425,7 +443,7 @@ uint32_t cfm_pm_stop(PmKind kind, uint32_t md_id, uint32_t ma_id, uint16_t mep_i
   PmLock lock(cfm_pm_mutex());
   PmMep *pm = cfm_pm_find(md_id, ma_id, mep_id, false);
   if (pm == nullptr || pm->s[kind].state != 1) return CFM_ERR_FAILURE;
-  pm->s[kind].state = 2;
+  finish(pm, kind, true);
   return CFM_OK;
 }
 

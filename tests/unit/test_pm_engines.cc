@@ -5,6 +5,7 @@
 #include "engines/pm_pdu.h"
 #include "engines/pm_session.h"
 #include "engines/slm.h"
+#include "core/events.h"
 #include "harness.h"
 
 using namespace harness;
@@ -160,8 +161,13 @@ TEST_F(Pm, DelaySessionTakesTheResponderTimeOut) {
             std::tuple(2u, 2u, 300, 400, 500, 500));
   EXPECT_EQ(std::tuple(r.dv_max_ns, r.dv_avg_ns), std::tuple(200, 200));
   EXPECT_EQ(counters().dmr_in, 3u);
+  static std::string done;  // the session's end as an event, with its figures
+  cfm_events_add_sink([](const CfmEvent &e) { done = cfm_event_json(e); });
   EXPECT_EQ(cfm_pm_stop(kPmDm, 1, 1, 7), CFM_OK);
   EXPECT_NE(cfm_pm_stop(kPmDm, 1, 1, 7), CFM_OK);
+  cfm_events_deliver();
+  EXPECT_EQ(done.substr(done.find("\"pm\"")), "\"pm\":\"dm\",\"result\":\"stopped\",\"sent\":2,\"replies\":2,\"lost\":0,"
+            "\"invalid\":0,\"delay_min_ns\":300,\"delay_avg_ns\":400,\"delay_max_ns\":500}");
 }
 
 TEST_F(Pm, LossSessionReportsEachDirection) {

@@ -49,27 +49,54 @@ bool send_all(int fd, const std::string &bytes) {
   return true;
 }
 
-}  // namespace
-
-int run_request(const Client &client, const std::string &request, std::string *reply) {
-  reply->clear();
+// Connects and sends the request; kOk with *fd open, or kNoDaemon.
+int send_request(const Client &client, const std::string &request, int *fd) {
   struct sockaddr_un addr;
   memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
   if (client.socket_path.size() >= sizeof addr.sun_path) return no_daemon(client, "path too long");
   memcpy(addr.sun_path, client.socket_path.c_str(), client.socket_path.size() + 1);
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return no_daemon(client, strerror(errno));
-  if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
+  *fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (*fd < 0) return no_daemon(client, strerror(errno));
+  if (connect(*fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
     int err = errno;
-    close(fd);
+    close(*fd);
     return no_daemon(client, strerror(err));
   }
-  // The request is the words and no newline; end of stream ends it.
-  if (!send_all(fd, request)) {
-    close(fd);
+  if (!send_all(*fd, request)) {
+    close(*fd);
     return no_daemon(client, "the request could not be sent");
   }
+  return kOk;
+}
+
+}  // namespace
+
+int run_watch(const Client &client, bool json) {
+  int fd = -1;
+  // The line feed ends the request; the connection stays open both ways, so
+  // that the daemon sees the watcher go when it closes.
+  if (int status = send_request(client, json ? "watch json\n" : "watch\n", &fd); status != kOk) return status;
+  static const char kRefusal[] = "cfmd: watch refused";
+  std::string head;
+  char buf[4096];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    if (head.size() < sizeof kRefusal) head.append(buf, static_cast<size_t>(n));
+    fwrite(buf, 1, static_cast<size_t>(n), stdout);
+    fflush(stdout);
+  }
+  close(fd);
+  return head.compare(0, sizeof kRefusal - 1, kRefusal) == 0 ? kRefused : kOk;
+}
+
+int run_request(const Client &client, const std::string &request, std::string *reply) {
+  reply->clear();
+  int fd = -1;
+  // The request is the words and no newline; end of stream ends it.
+  if (int status = send_request(client, request, &fd); status != kOk) return status;
   shutdown(fd, SHUT_WR);
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::seconds(client.timeout_s);

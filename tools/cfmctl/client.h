@@ -28,6 +28,10 @@ int run_request(const Client &client, const std::string &request, std::string *r
 int reply_status(const std::string &reply);
 // Prints a reply as it came, ending it with a newline when it has none.
 void print_reply(const std::string &reply);
+// Asks for events and prints them as they come until the daemon closes the
+// connection: kOk, kRefused when the daemon has no room for a watcher, or
+// kNoDaemon.
+int run_watch(const Client &client, bool json);
 // run_request, print_reply and reply_status in one: cfmctl's exit status.
 int run_and_print(const Client &client, const std::string &request);
 

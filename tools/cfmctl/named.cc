@@ -386,6 +386,8 @@ void build_status(Args &args, NamedRun *) {
   args.finish(0);
 }
 
+int run_watch_command(const Client &client, Args &args) { return run_watch(client, args.has("--json")); }
+
 }  // namespace
 
 const std::vector<NamedCommand> &named_commands() {
@@ -437,6 +439,8 @@ const std::vector<NamedCommand> &named_commands() {
        build_apply, nullptr},
       {"config", "config save [FILE]   writes show running-config to FILE (default /etc/cfmd/cfmd.conf)\n",
        build_config, nullptr},
+      {"watch", "watch [--json]       events as they happen, one a line, until interrupted\n", build_status,
+       run_watch_command},
   };
   return kCommands;
 }

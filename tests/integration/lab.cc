@@ -184,6 +184,12 @@ void Lab::WriteFile(const std::string &path, const std::string &text) {
   ASSERT_TRUE(out << text) << "cannot write " << path;
 }
 
+size_t Lab::Count(const std::string &text, const std::string &what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
 std::string Lab::ReadFile(const std::string &path) {
   std::ostringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();

@@ -62,6 +62,7 @@ class Lab : public ::testing::Test {
   static constexpr const char *kConfig = "/var/tmp/cfm/config";
   static void WriteFile(const std::string &path, const std::string &text);  // makes its directories
   static std::string ReadFile(const std::string &path);                     // "" when missing
+  static size_t Count(const std::string &text, const std::string &what);  // occurrences of `what`
   static int Shell(const std::string &command);
   static bool AddLink(const std::string &name, const std::string &peer);  // a veth pair, up
   static int SemaphoreSetCount();                                         // System V sets in the lab

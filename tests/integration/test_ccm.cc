@@ -134,11 +134,6 @@ class EventLab : public CcmLab {
     }
     return -1;
   }
-  static size_t Count(const std::string &text, const std::string &what) {
-    size_t n = 0;
-    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
-    return n;
-  }
   int watch_ = -1, log_ = -1;
   std::atomic<bool> done_{false}, sending_{true};
   std::thread peer_;

@@ -20,12 +20,6 @@ Frame Cfm(uint8_t level, uint8_t opcode, bool double_tag, uint8_t last_dst = 0x3
   return f;
 }
 
-size_t Count(const std::string &text, const std::string &what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
-
 class Lan : public Lab {
  protected:
   void SetUp() override {

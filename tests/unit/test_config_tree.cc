@@ -89,24 +89,6 @@ TEST_F(ConfigTreeDir, PlantedLinksAreRefusedNeverFollowed) {
   EXPECT_EQ(kept + std::to_string(std::distance(fs::directory_iterator(cfm), {})), "7\n67");  // links stay, no temporary
 }
 
-// Two writers and a reader of one key: every value read is one written whole.
-TEST_F(ConfigTreeDir, ConcurrentWritersAndReadersSeeWholeValues) {
-  auto writer = [](int t) {
-    for (int i = 0; i < 300; ++i) ConfigTree::setInt(t * 100000 + i, "/runtime/cfm/shared");
-  };
-  std::thread a(writer, 1), b(writer, 2);
-  int torn = 0;
-  for (int i = 0; i < 300; ++i) {
-    char text[CFM_CONFIG_VALUE_SIZE] = "";
-    ConfigTree::ConfigGet("/runtime/cfm/shared", text);
-    torn += text[0] != '\0' && atoi(text) % 100000 >= 300;
-  }
-  a.join();
-  b.join();
-  EXPECT_EQ(torn, 0);
-  EXPECT_EQ(ConfigTree::getInt(nullptr, "/runtime/cfm/shared") % 100000, 299);
-}
-
 // The timer's period is read from /cfm/ccm_interval: 10ms, 100ms or 1s;
 // anything else, or no value, gives one second.
 TEST_F(ConfigTreeDir, TimerPeriodFromTheTree) {

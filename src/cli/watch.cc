@@ -89,10 +89,11 @@ size_t WatchHub::count() {
   return watchers_.size();
 }
 
-WatchHub &cfm_watch_hub() {
-  static WatchHub hub;
-  return hub;
-}
+// At namespace scope: a function-local static's thread-safe guard would
+// bring the exception runtime into the router's build.
+WatchHub g_watch_hub;
+
+WatchHub &cfm_watch_hub() { return g_watch_hub; }
 
 bool cfm_watch_take(const char *line, int fd) {
   std::string request(line);

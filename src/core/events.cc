@@ -3,8 +3,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,7 +20,7 @@ constexpr size_t kMaxSinks = 4;
 constexpr int kIdleMs = 100;
 
 std::mutex g_mutex;
-std::condition_variable g_wake;
+CfmWake g_wake;
 std::deque<CfmEvent> g_queue;
 uint64_t g_dropped = 0;
 CfmEventSink g_sinks[kMaxSinks] = {};
@@ -41,13 +39,9 @@ void *delivery_task(void *) {
   for (;;) {
     {
       std::unique_lock<std::mutex> lock(g_mutex);
-      auto ready = [] { return !g_queue.empty(); };
       // Woken for events, or every 100 ms while the idle work wants it.
-      if (again) {
-        g_wake.wait_for(lock, std::chrono::milliseconds(kIdleMs), ready);
-      } else {
-        g_wake.wait(lock, ready);
-      }
+      if (again && g_queue.empty()) g_wake.wait_ms(g_mutex, kIdleMs);
+      while (!again && g_queue.empty()) g_wake.wait(g_mutex);
     }
     cfm_events_deliver();
     again = g_idle != nullptr && g_idle();
@@ -252,7 +246,7 @@ void cfm_event_post(const CfmEvent &event) {
     }
     g_queue.push_back(event);
   }
-  g_wake.notify_one();
+  g_wake.notify();
 }
 
 void cfm_events_add_sink(CfmEventSink sink) {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -26,7 +25,7 @@ namespace {
 
 std::string g_program;
 std::mutex g_mutex;
-std::condition_variable g_wake;
+CfmWake g_wake;
 std::deque<CfmEvent> g_queue;
 uint64_t g_dropped = 0;
 bool g_started = false;
@@ -44,7 +43,7 @@ void *runner_task(void *) {
     uint64_t dropped = 0;
     {
       std::unique_lock<std::mutex> lock(g_mutex);
-      g_wake.wait(lock, [] { return !g_queue.empty(); });
+      while (g_queue.empty()) g_wake.wait(g_mutex);
       event = g_queue.front();
       g_queue.pop_front();
       dropped = g_dropped;
@@ -190,7 +189,7 @@ void cfm_notify_event(const CfmEvent &event) {
       first_drop = ++g_dropped == 1;
     }
   }
-  g_wake.notify_one();
+  g_wake.notify();
   // Said at once; the number when the program has caught up.
   if (first_drop) log_both(LOG_WARNING, "notify queue full: events not given to " + g_program + " from now");
 }

@@ -379,3 +379,22 @@ void CFM_Create_MEP_SYC_Sem() {
 void CFM_Obtain_MEP_SYC_Sem() { CFM_OS_Obtain_Semaphore(g_mep_syc_sem); }
 
 void CFM_Release_MEP_SYC_Sem() { CFM_OS_Release_Semaphore(g_mep_syc_sem); }
+
+CfmWake::CfmWake() {
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  pthread_cond_init(&cond_, &attr);
+  pthread_condattr_destroy(&attr);
+}
+
+void CfmWake::wait(std::mutex &mutex) { pthread_cond_wait(&cond_, mutex.native_handle()); }
+
+void CfmWake::wait_ms(std::mutex &mutex, int ms) {
+  struct timespec at;
+  clock_gettime(CLOCK_MONOTONIC, &at);
+  at.tv_sec += ms / 1000;
+  at.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+  if (at.tv_nsec >= 1000000000L) at.tv_sec += 1, at.tv_nsec -= 1000000000L;
+  pthread_cond_timedwait(&cond_, mutex.native_handle(), &at);
+}

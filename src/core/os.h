@@ -7,6 +7,23 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
+
+// A condition variable on the monotonic clock for a task that waits under a
+// std::mutex. (The C++ library's own would bring the exception runtime into
+// the router's build.) The caller holds `mutex` across each wait.
+class CfmWake {
+ public:
+  CfmWake();
+  CfmWake(const CfmWake &) = delete;
+  CfmWake &operator=(const CfmWake &) = delete;
+  void wait(std::mutex &mutex);
+  void wait_ms(std::mutex &mutex, int ms);  // at most ms, or until notified
+  void notify() { pthread_cond_signal(&cond_); }
+
+ private:
+  pthread_cond_t cond_;
+};
 
 // Where the daemon names its pid and semaphore sets, so that a run after one
 // killed outright removes what that one left.

@@ -1,6 +1,6 @@
 #include "engines/fng.h"
 
-#include <chrono>
+#include <ctime>
 #include <cstring>
 
 #include "core/events.h"
@@ -233,8 +233,9 @@ uint8_t cfm_fault_highest_defect(const MepEntry &mep) {
 
 int64_t cfm_fault_now_ms() {
   if (g_clock != nullptr) return g_clock();
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 void cfm_fault_set_clock(int64_t (*now_ms)()) {

@@ -253,6 +253,9 @@ TEST_F(CliCommands, ExportAndClearWriteTheTree) {
   ExpectCli({{"clearcnt", ""}});
   EXPECT_EQ(Mep(20).LbrIn + Mep(20).CcmSequenceErrors, 0u);
   EXPECT_EQ(Tree({"lbm/sending"}), "0\n");
+  for (int n = 1; n <= 3; ++n) ConfigTree::setInt(n, "/runtime/cfm/lbr:%d/seq", n);
+  ExpectCli({{"clearlbr", ""}});
+  EXPECT_FALSE(fs::exists(tree_ / "runtime/cfm/lbr:1") || fs::exists(tree_ / "runtime/cfm/lbr:3"));
 }
 
 // dumpjson: every record with every field, for the connection only (nothing

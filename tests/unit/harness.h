@@ -4,6 +4,7 @@
 // parser with their output captured. Semaphore sets are removed at the end.
 #pragma once
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <cstring>
 #include <initializer_list>
@@ -44,6 +45,13 @@ inline Bytes cat(std::initializer_list<Bytes> parts) {
   Bytes all;
   for (const Bytes &p : parts) all.insert(all.end(), p.begin(), p.end());
   return all;
+}
+// What a socket holds now, without waiting; errno tells why the reading stopped.
+inline std::string received(int fd) {
+  std::string got;
+  char buf[4096];
+  for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) got.append(buf, size_t(n));
+  return got;
 }
 inline Bytes mac(const uint8_t *m) { return Bytes(m, m + 6); }
 inline Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }

@@ -1,7 +1,6 @@
 // Command handlers driven in-process through the request parser, against the
 // real database, with standard output captured; the number test and the
 // request reader of the command server.
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -355,10 +354,8 @@ TEST_F(CliCommands, WordsAndGlobalCommands) {
 // What came back on a client so far, and "<end>" once the server has closed
 // it (reset when it left bytes unread).
 std::string Back(int fd) {
-  std::string got;
-  char buf[256];
   errno = 0;
-  for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) got.append(buf, static_cast<size_t>(n));
+  std::string got = harness::received(fd);
   return errno == EAGAIN ? got : got + "<end>";
 }
 

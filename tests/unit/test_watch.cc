@@ -1,19 +1,11 @@
 // Watchers: a bounded buffer each, a drop line for what a slow one lost, no
 // more than 16, and the lines as text or JSON.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "cli/watch.h"
+#include "harness.h"
 
 namespace {
-
-std::string read_all(int fd) {
-  std::string got;
-  char buf[4096];
-  for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) got.append(buf, size_t(n));
-  return got;
-}
 
 TEST(Watch, SlowWatcherLosesCountedEventsOthersNoneSeventeenthRefused) {
   WatchHub hub;
@@ -22,7 +14,7 @@ TEST(Watch, SlowWatcherLosesCountedEventsOthersNoneSeventeenthRefused) {
   int small = 4096;  // s[0] reads nothing until the end; s[1] reads all along, in JSON
   setsockopt(s[0][0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
   for (size_t i = 0; i <= CFM_WATCH_MAX; ++i) EXPECT_EQ(hub.add(s[i][0], i == 1), i < CFM_WATCH_MAX) << i;
-  EXPECT_EQ(read_all(s[CFM_WATCH_MAX][1]), CFM_WATCH_REFUSED);
+  EXPECT_EQ(harness::received(s[CFM_WATCH_MAX][1]), CFM_WATCH_REFUSED);
   EXPECT_EQ(recv(s[CFM_WATCH_MAX][1], &small, 1, 0), 0);  // and closed
   for (size_t i = 2; i <= CFM_WATCH_MAX; ++i) close(s[i][1]);
   CfmEvent e = cfm_event_make(CfmEventKind::RmepUp, 1, 2, 1, 10);
@@ -33,12 +25,12 @@ TEST(Watch, SlowWatcherLosesCountedEventsOthersNoneSeventeenthRefused) {
   for (int i = 0; i < kEvents; ++i, e.rmep++) {
     hub.publish(e);
     hub.flush();
-    fast += read_all(s[1][1]);
+    fast += harness::received(s[1][1]);
   }
   EXPECT_EQ(hub.count(), 2u);  // the watchers that closed their end are gone
   do {  // the slow one catches up: the drop line follows what was kept
     hub.flush();
-    slow += more = read_all(s[0][1]);
+    slow += more = harness::received(s[0][1]);
   } while (!more.empty());
   size_t lines = std::count(slow.begin(), slow.end(), '\n') - 1;
   EXPECT_LT(lines * 100, CFM_WATCH_BUFFER + 64 * 1024u);

@@ -19,8 +19,7 @@ cmake --build "$dir" -j "${JOBS:-2}" >/dev/null
 (cd "$dir" && rm -f ./*.deb && cpack -G DEB >/dev/null 2>&1) || fail "cpack -G DEB failed"
 deb=$(echo "$dir"/cfmd_*.deb)
 command -v lintian >/dev/null || fail "lintian is not installed (.ci/run installs it)"
-# lintian leaves a cache file (mldbm-elf-*) in /tmp: as root it gets a /tmp of its own.
-private_tmp=(); [ "$(id -u)" = 0 ] && private_tmp=(unshare -m sh -c 'mount -t tmpfs none /tmp && exec "$@"' sh)
+private_tmp=(); [ "$(id -u)" = 0 ] && private_tmp=(unshare -m sh -c 'mount -t tmpfs none /tmp && exec "$@"' sh)  # lintian leaves a cache file in /tmp
 tags=$("${private_tmp[@]}" lintian --allow-root "$deb" 2>&1 | grep -E '^[EW]:' || true)
 [ -z "$tags" ] || fail "lintian: $tags"
 depends=$(dpkg-deb -f "$deb" Depends)

@@ -109,8 +109,7 @@ TEST_F(Pm, MalformedOrForeignRequestsGetNothing) {
   add_mep(1, 1, 7, 1, 100, 2);
   EXPECT_NE(run(CFM_DMM_Process, cfm_frame(kClass1, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
   EXPECT_TRUE(wan_.empty());
-  uint8_t pvc[6] = {0x02, 0x99, 0x99, 0x99, 0x99, 0x99};  // kOther as one of the router's PVC MACs
-  g_pvc_mac_table = {1, pvc};
+  g_pvc_mac_table = {1, const_cast<uint8_t *>(kOther)};  // kOther as one of the router's PVC MACs (read only)
   EXPECT_EQ(run(CFM_DMM_Process, cfm_frame(kOther, kPeer, 4, 47, 0, 32, dm_body(stamp(7, 8)))), CFM_OK);
   g_pvc_mac_table = {};
 }
